@@ -1,0 +1,21 @@
+# Every third-party library, found once and given one target name. scripts/setup installs them.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
+find_package(CURL REQUIRED)
+find_package(Boost 1.81 REQUIRED COMPONENTS json)
+find_package(SQLite3 REQUIRED)
+find_package(Qt6 REQUIRED COMPONENTS Core Network DBus)
+find_package(CLI11 REQUIRED)
+
+pkg_check_modules(fuse3 REQUIRED IMPORTED_TARGET fuse3>=3.12)
+pkg_check_modules(plist REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
+pkg_check_modules(libsecret REQUIRED IMPORTED_TARGET libsecret-1)
+
+if(TARNWELL_TESTS)
+    find_package(GTest REQUIRED)
+endif()
+if(TARNWELL_BENCHMARKS)
+    find_package(benchmark REQUIRED)
+endif()

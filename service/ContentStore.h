@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tarnwell::service {
+
+/// Contents being read. Stays readable when the contents are removed meanwhile. One thread at a time.
+class ContentReader {
+  public:
+    virtual ~ContentReader() = default;
+    [[nodiscard]] virtual std::int64_t size() const = 0;
+    /// Up to `count` bytes from `position`; fewer only at the end. Throws ServiceError for a failed read.
+    virtual std::size_t read(std::int64_t position, char* out, std::size_t count) = 0;
+};
+
+/// Contents being written: not to be seen under their name before commit(). Without it they leave no trace.
+/// One thread at a time.
+class ContentWriter {
+  public:
+    virtual ~ContentWriter() = default;
+    /// Throws ServiceError, also for a full disk; nothing but destruction is allowed then.
+    virtual void append(std::string_view bytes) = 0;
+
+    enum class Durability {
+        now,      ///< on the disk when commit() returns
+        deferred  ///< on the disk after the next ContentStore::sync(): for many small contents at once
+    };
+    /// The contents take their name, whole. Throws ServiceError when the name is taken: contents never
+    /// change.
+    virtual void commit(Durability durability) = 0;
+};
+
+/// Where file contents are kept, by upload name. A name is given once and its bytes never change. It knows
+/// nothing of shares and rights. Any thread.
+class ContentStore {
+  public:
+    virtual ~ContentStore() = default;
+
+    /// None when there are no contents of that name.
+    virtual std::unique_ptr<ContentReader> open(std::string_view uploadName) = 0;
+    /// Throws ServiceError for a name that isUploadName() refuses.
+    virtual std::unique_ptr<ContentWriter> create(std::string_view uploadName) = 0;
+    /// Nothing happens when there are none.
+    virtual void remove(std::string_view uploadName) = 0;
+    /// Makes every deferred commit durable.
+    virtual void sync() = 0;
+    /// Drops what cut-off writers left behind, if it has not been written to for `age`.
+    virtual void dropUnfinished(std::chrono::seconds age) = 0;
+};
+
+/// Whether a name that a client proposes may name contents: 1 to 200 letters, digits, "-" and "_".
+bool isUploadName(std::string_view name);
+
+}  // namespace tarnwell::service

@@ -1,0 +1,156 @@
+#include "service/FileContentStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "service/FileDescriptor.h"
+#include "service/Secrets.h"
+#include "service/ServiceError.h"
+
+namespace tarnwell::service {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what, int error) {
+    throw ServiceError("contents: " + what + ": " + std::strerror(error));
+}
+
+void makeFolder(const fs::path& path) {
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail("cannot make " + path.string(), errno);
+}
+
+void syncFolder(const fs::path& path) {
+    const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || ::fsync(folder.get()) != 0) fail("cannot sync " + path.string(), errno);
+}
+
+class FileReader final : public ContentReader {
+  public:
+    explicit FileReader(FileDescriptor file) : file_(std::move(file)) {
+        struct stat status {};
+        if (::fstat(file_.get(), &status) != 0) fail("cannot read", errno);
+        size_ = status.st_size;
+    }
+    [[nodiscard]] std::int64_t size() const override { return size_; }
+    std::size_t read(std::int64_t position, char* out, std::size_t count) override {
+        std::size_t done = 0;
+        while (done < count) {
+            const ssize_t got =
+                ::pread(file_.get(), out + done, count - done, position + static_cast<std::int64_t>(done));
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) fail("cannot read", errno);
+            if (got == 0) break;
+            done += static_cast<std::size_t>(got);
+        }
+        return done;
+    }
+
+  private:
+    FileDescriptor file_;
+    std::int64_t size_ = 0;
+};
+
+class FileWriter final : public ContentWriter {
+  public:
+    FileWriter(fs::path temporary, fs::path target)
+        : temporary_(std::move(temporary)),
+          target_(std::move(target)),
+          file_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)) {
+        if (!file_) fail("cannot create " + temporary_.string(), errno);
+    }
+    ~FileWriter() override {
+        if (!committed_) ::unlink(temporary_.c_str());
+    }
+    void append(std::string_view bytes) override {
+        while (!bytes.empty()) {
+            const ssize_t put = ::write(file_.get(), bytes.data(), bytes.size());
+            if (put < 0 && errno == EINTR) continue;
+            if (put < 0) fail("cannot write", errno);
+            bytes.remove_prefix(static_cast<std::size_t>(put));
+        }
+    }
+    void commit(Durability durability) override {
+        if (durability == Durability::now && ::fdatasync(file_.get()) != 0) fail("cannot write", errno);
+        // Some file systems tell a failed delayed write only here.
+        if (::close(file_.release()) != 0) fail("cannot write", errno);
+        makeFolder(target_.parent_path());
+        if (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) != 0) {
+            fail("cannot store " + target_.filename().string(), errno);
+        }
+        committed_ = true;
+        if (durability == Durability::now) {
+            syncFolder(target_.parent_path());
+            syncFolder(target_.parent_path().parent_path());
+        }
+    }
+
+  private:
+    const fs::path temporary_;
+    const fs::path target_;
+    FileDescriptor file_;
+    bool committed_ = false;
+};
+
+}  // namespace
+
+bool isUploadName(std::string_view name) {
+    return !name.empty() && name.size() <= 200 && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+               c == '_';
+    });
+}
+
+FileContentStore::FileContentStore(const fs::path& folder)
+    : blobs_(folder / "blobs"), incoming_(folder / "incoming") {
+    makeFolder(blobs_);
+    makeFolder(incoming_);
+}
+
+fs::path FileContentStore::pathOf(std::string_view uploadName) const {
+    return blobs_ / digestOf(uploadName).substr(0, 2) / std::string(uploadName);
+}
+
+std::unique_ptr<ContentReader> FileContentStore::open(std::string_view uploadName) {
+    if (!isUploadName(uploadName)) return nullptr;
+    FileDescriptor file(::open(pathOf(uploadName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file && errno == ENOENT) return nullptr;
+    if (!file) fail("cannot open " + std::string(uploadName), errno);
+    return std::make_unique<FileReader>(std::move(file));
+}
+
+std::unique_ptr<ContentWriter> FileContentStore::create(std::string_view uploadName) {
+    if (!isUploadName(uploadName)) throw ServiceError("contents: not an upload name");
+    const std::string temporary = std::string(uploadName) + "." + randomToken().substr(0, 16);
+    return std::make_unique<FileWriter>(incoming_ / temporary, pathOf(uploadName));
+}
+
+void FileContentStore::remove(std::string_view uploadName) {
+    if (isUploadName(uploadName) && ::unlink(pathOf(uploadName).c_str()) != 0 && errno != ENOENT) {
+        fail("cannot remove " + std::string(uploadName), errno);
+    }
+}
+
+void FileContentStore::sync() {
+    const FileDescriptor folder(::open(blobs_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || ::syncfs(folder.get()) != 0) fail("cannot sync", errno);
+}
+
+void FileContentStore::dropUnfinished(std::chrono::seconds age) {
+    const auto limit = fs::file_time_type::clock::now() - age;
+    std::error_code error;
+    for (fs::directory_iterator entry(incoming_, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code gone;
+        const auto written = entry->last_write_time(gone);
+        if (!gone && written < limit) fs::remove(entry->path(), gone);
+    }
+}
+
+}  // namespace tarnwell::service

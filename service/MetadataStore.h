@@ -1,0 +1,160 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "connector/OSXCatchUpResponse.h"
+#include "store/TWVirtualFile.h"
+
+namespace tarnwell::service {
+
+struct DomainInfo {
+    std::string id;
+    std::string name;
+    std::string host;     ///< lower case, without port
+    std::string address;  ///< as given to clients: host suffix, a port may follow
+};
+
+struct UserInfo {
+    std::string id;
+    std::string email;
+    std::string domainId;
+    std::string password;  ///< a hash; see verifyPassword()
+    Date created{};
+};
+
+struct DeviceInfo {
+    std::string id;
+    std::string userId;
+    std::string name;
+    std::string system;
+    Date created{};
+    bool wipe = false;  ///< the device is told to forget its login whenever it asks
+};
+
+struct ShareInfo {
+    std::string id;  ///< `ShareId` on the wire
+    std::string name;
+    std::string domainId;
+    std::int32_t tick = 0;  ///< the last tick given
+};
+
+/// A share as one user on one device may use it.
+struct ShareAccess {
+    ShareInfo share;
+    bool readOnly = true;
+    std::string token;  ///< a secret, never logged
+};
+
+/// What a share token proves.
+struct AccessRight {
+    std::string shareId;
+    std::string userId;
+    std::string email;
+    std::string deviceId;
+    bool readOnly = true;
+};
+
+struct ContentsInfo {
+    std::string uploadName;
+    std::string shareId;
+    std::int64_t size = 0;
+    std::string hash;
+};
+
+/// One share inside a write transaction: what it finds includes what was changed before. Records that are
+/// handed out are copies; only put() changes the share.
+///
+/// Invariants that it enforces: the siblings that are not deleted have different names without regard to case
+/// and Unicode form; every tick is given once. A breach throws ServiceError and ends the transaction.
+class ShareChange {
+  public:
+    virtual ~ShareChange() = default;
+    [[nodiscard]] virtual const ShareInfo& share() const = 0;
+    /// Takes the share's next tick. Throws ServiceError when none is left.
+    virtual std::int32_t nextTick() = 0;
+    /// By internal name, deleted ones too; null when the share has none.
+    virtual TWVirtualFilePtr find(std::string_view internalName) = 0;
+    /// The live item of that name (its path key counts) in a folder, or in the root for the share's id.
+    virtual TWVirtualFilePtr childNamed(std::string_view parent, std::string_view publicName) = 0;
+    /// The live items of a folder.
+    virtual std::vector<TWVirtualFilePtr> children(std::string_view parent) = 0;
+    /// Inserts the record, or replaces the one of its internal name.
+    virtual void put(const TWVirtualFile& record) = 0;
+    virtual void addContents(const ContentsInfo& contents) = 0;
+    /// No item names the contents any more. They stay readable for a while.
+    virtual void retireContents(std::string_view uploadName) = 0;
+};
+
+/// Everything but the bytes of files: domains, users, devices, shares, rights, items. Any thread; several
+/// processes may have the same store open, and each call sees what was committed before it.
+///
+/// Each change is one transaction, durable on return. Failures are ServiceErrors whose text names what was
+/// wrong. "None" and null mean not found.
+class MetadataStore {
+  public:
+    virtual ~MetadataStore() = default;
+
+    virtual DomainInfo addDomain(const std::string& name, const std::string& address) = 0;
+    virtual std::vector<DomainInfo> domains() = 0;
+    virtual std::optional<DomainInfo> domainWithId(std::string_view id) = 0;
+    virtual std::optional<DomainInfo> domainNamed(std::string_view name) = 0;
+    /// `host` in any case, without port.
+    virtual std::optional<DomainInfo> domainOfHost(std::string_view host) = 0;
+
+    virtual UserInfo addUser(const std::string& email, const std::string& domainId,
+                             const std::string& password) = 0;
+    /// Also ends every login of the user: all tokens are refused from now on.
+    virtual void setPassword(const std::string& userId, const std::string& password) = 0;
+    virtual std::vector<UserInfo> users() = 0;
+    virtual std::optional<UserInfo> userWithEmail(std::string_view email) = 0;
+    /// The user's own domain first, then the others in which a share is granted to the user.
+    virtual std::vector<DomainInfo> domainsOf(const UserInfo& user) = 0;
+
+    virtual DeviceInfo addDevice(const std::string& userId, const std::string& name,
+                                 const std::string& system) = 0;
+    virtual std::vector<DeviceInfo> devicesOf(const std::string& userId) = 0;
+    virtual std::optional<DeviceInfo> device(const std::string& userId, std::string_view deviceId) = 0;
+    /// Marks the user's device (all of them without an id), and refuses its tokens from now on. The number
+    /// marked.
+    virtual int wipeDevices(const std::string& userId, const std::optional<std::string>& deviceId) = 0;
+
+    virtual ShareInfo addShare(const std::string& name, const std::string& domainId) = 0;
+    /// Throws ServiceError for a name that cannot be one, or that another share of the domain has.
+    virtual void renameShare(const std::string& shareId, const std::string& name) = 0;
+    virtual std::vector<ShareInfo> shares() = 0;
+    virtual std::optional<ShareInfo> shareWithId(std::string_view shareId) = 0;
+    virtual void grant(const std::string& shareId, const std::string& userId, bool readOnly) = 0;
+    /// The tokens of the grant are refused from now on. False when there was no such grant.
+    virtual bool revoke(const std::string& shareId, const std::string& userId) = 0;
+
+    /// The token by which the device reaches the domain's gateway; made when there is none yet.
+    virtual std::string domainToken(const std::string& deviceId, const std::string& domainId) = 0;
+    /// The device that the token was given to, if it is that user's and the token is for that domain.
+    virtual std::optional<DeviceInfo> deviceOfToken(std::string_view email, const std::string& domainId,
+                                                    std::string_view token) = 0;
+    /// The domain's shares that the device's user may reach, with the device's token for each.
+    virtual std::vector<ShareAccess> accessOf(const DeviceInfo& device, const std::string& domainId) = 0;
+    virtual std::optional<AccessRight> rightOfToken(std::string_view aclToken) = 0;
+
+    /// The records with ticks above `from`, by tick, at most `take`; one consistent state. None without the
+    /// share. `UploadUrl` is `uploadUrl` in every record of a file.
+    virtual std::optional<OSXCatchUpResponse> changesSince(const std::string& shareId, std::int32_t from,
+                                                           std::int32_t take,
+                                                           const std::string& uploadUrl) = 0;
+    virtual std::optional<ContentsInfo> contents(std::string_view uploadName) = 0;
+
+    /// Runs `work` in one transaction, committed when it returns and rolled back when it throws (which passes
+    /// on).
+    virtual void change(const std::string& shareId, const std::function<void(ShareChange&)>& work) = 0;
+
+    /// Contents that no item has named since before `before`, at most `limit`.
+    virtual std::vector<std::string> retiredContents(Date before, int limit) = 0;
+    virtual void forgetContents(const std::vector<std::string>& uploadNames) = 0;
+};
+
+}  // namespace tarnwell::service

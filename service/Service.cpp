@@ -1,0 +1,85 @@
+#include "service/Service.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "service/Endpoints.h"
+#include "service/FileContentStore.h"
+#include "service/ServiceError.h"
+#include "service/SqliteMetadataStore.h"
+
+namespace tarnwell::service {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kDropAtOnce = 500;
+
+fs::path madeFolder(const fs::path& path) {
+    std::error_code error;
+    if (path.has_parent_path()) fs::create_directories(path.parent_path(), error);
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw ServiceError("cannot make " + path.string() + ": " + std::strerror(errno));
+    }
+    return path;
+}
+
+}  // namespace
+
+ServiceData::ServiceData(fs::path folder)
+    : folder_(fs::absolute(std::move(folder))),
+      metadata_(std::make_unique<SqliteMetadataStore>((madeFolder(folder_) / "service.db").string())),
+      contents_(std::make_unique<FileContentStore>(madeFolder(folder_ / "contents"))) {}
+
+bool ServiceData::updateCertificates() const {
+    std::vector<std::string> hosts;
+    for (const auto& domain : metadata_->domains())
+        hosts.push_back(domain.host);
+    return ensureCertificates(certificates(), hosts);
+}
+
+void ServiceData::dropOldContents(std::chrono::hours age) const {
+    const Date before = std::chrono::floor<TickDuration>(std::chrono::system_clock::now() - age);
+    for (;;) {
+        const auto names = metadata_->retiredContents(before, kDropAtOnce);
+        // Files first: when this is cut off, the names are found again.
+        for (const auto& name : names)
+            contents_->remove(name);
+        if (!names.empty()) metadata_->forgetContents(names);
+        if (names.size() < kDropAtOnce) break;
+    }
+    contents_->dropUnfinished(std::max<std::chrono::seconds>(age, std::chrono::hours(24)));
+}
+
+Service::Service(const ServiceData& data, ServerOptions options, ServiceLog& log)
+    : data_(data), lock_(::open((data.folder() / "serve.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+        throw ServiceError("another process serves " + data.folder().string() + " already");
+    }
+    (void)data_.updateCertificates();
+    std::vector<Endpoint> endpoints = loginEndpoints(data_.metadata(), throttle_, log);
+    for (auto& rows :
+         {catchUpEndpoints(data_.metadata()), contentEndpoints(data_.metadata(), data_.contents())}) {
+        endpoints.insert(endpoints.end(), rows.begin(), rows.end());
+    }
+    router_ = std::make_unique<Router>(data_.metadata(), log, std::move(endpoints));
+    tls_ = std::make_unique<TlsContext>(data_.certificates());
+    server_ = std::make_unique<Server>(std::move(options), *router_, *tls_, log);
+}
+
+Service::~Service() {
+    server_->stop();
+}
+
+void Service::start() {
+    server_->start();
+    server_->every(std::chrono::hours(1), [this] { data_.dropOldContents(kKeepOldContents); });
+    server_->every(std::chrono::hours(12), [this] { (void)data_.updateCertificates(); });
+}
+
+}  // namespace tarnwell::service

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace tarnwell::service {
+
+/// A refusal or failure whose text is meant for the person who runs the service: what was wrong, and with
+/// what.
+struct ServiceError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Refusal of one HTTP request. The text goes to the peer as a short plain-text body: no secrets, no inner
+/// paths.
+struct HttpError : std::runtime_error {
+    HttpError(unsigned httpStatus, const std::string& text) : std::runtime_error(text), status(httpStatus) {}
+    unsigned status;
+};
+
+}  // namespace tarnwell::service

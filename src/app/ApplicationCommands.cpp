@@ -1,0 +1,118 @@
+// The requests of the command line, carried out by the application object.
+
+#include <utility>
+
+#include "app/TWApplicationDelegate.h"
+#include "connector/CatchUpEngine.h"
+#include "connector/DownloadEngine.h"
+#include "connector/LoginEngine.h"
+#include "connector/TWConnector.h"
+#include "platform/UserDefaults.h"
+#include "store/TWMetadataStorage.h"
+#include "util/TWLogger.h"
+
+namespace tarnwell {
+
+StatusReport TWApplicationDelegate::statusReport() {
+    StatusReport report;
+    switch (login_.phase()) {
+        case LoginCoordinator::Phase::kLoggedOut:
+            report.state = "loggedOut";
+            break;
+        case LoginCoordinator::Phase::kConnecting:
+            report.state = "connecting";
+            break;
+        case LoginCoordinator::Phase::kOnline:
+            report.state = "online";
+            break;
+        case LoginCoordinator::Phase::kOffline:
+            report.state = "offline";
+            break;
+    }
+    if (!isFinishedInitialization_) report.state = "starting";
+    if (termination_.terminating()) report.state = "terminating";
+
+    auto& connector = environment_.connector;
+    report.mountPath = environment_.store.layout().mountPath();
+    report.user = connector.session().username();
+    {
+        const auto lock = environment_.store.beginReadStorage();
+        for (const auto& share : environment_.store.shares()) {
+            report.shares.push_back({share->ShareId.value_or(""), share->DisplayName.value_or(""),
+                                     share->LastApplyedJournalTick, share->TransmitCounter,
+                                     share->Synchronize.value_or(false)});
+        }
+    }
+    report.downloadQueueLen = connector.downloads().downloadQueueLen();
+    report.downloadQueueBytes = connector.downloads().downloadQueueBytes();
+    report.lastUploadSpeed = connector.session().lastUploadSpeed();
+    report.lastDownloadSpeed = connector.session().lastDownloadSpeed();
+    report.lastErrors = recentErrors_.list();
+    return report;
+}
+
+void TWApplicationDelegate::reloadSettings() {
+    environment_.defaults.synchronize();
+    excessiveLogging_ = environment_.defaults.contains("TWExcessiveLogging");
+}
+
+void TWApplicationDelegate::login(const std::string& user, const std::string& password,
+                                  CommandRequests::Answer answer) {
+    auto& connector = environment_.connector;
+    const std::string present = connector.session().username();
+    if (!present.empty() && present != user) {
+        // What lies here belongs to somebody else. The log-out's own handling is posted by this call, the
+        // rest after it.
+        connector.login().logout();
+    }
+    environment_.mainLoop.async([this, user, password, answer = std::move(answer)] {
+        cacheCleaner_.whenClean([this, user, password, answer] {
+            auto& session = environment_.connector.session();
+            if (termination_.terminating()) return answer({false, "the client is ending"});
+            session.setUsername(user);
+            session.setPassword(password);
+            environment_.connector.login().saveCredentials();
+            login_.begin();
+            answer({true, ""});
+        });
+    });
+}
+
+void TWApplicationDelegate::logout(CommandRequests::Answer answer) {
+    environment_.connector.login().logout();
+    environment_.mainLoop.async([this, answer = std::move(answer)] {
+        cacheCleaner_.whenClean([answer] { answer({true, ""}); });
+    });
+}
+
+void TWApplicationDelegate::quit(CommandRequests::Answer answer) {
+    termination_.applicationShouldTerminate(
+        [this, answer = std::move(answer)](TerminationProtocol::Outcome outcome) {
+            if (outcome == TerminationProtocol::Outcome::kTerminating) {
+                quitRequests_.push_back(answer);
+            } else {
+                answer({false, "files of the drive are open: close them, or ask again with SIGTERM twice"});
+            }
+        });
+}
+
+void TWApplicationDelegate::refresh(CommandRequests::Answer answer) {
+    auto& connector = environment_.connector;
+    if (termination_.terminating()) return answer({false, "the client is ending"});
+    if (!connector.login().credentialsAvailable()) return answer({false, "nobody is logged in"});
+    connector.catchUps().refresh();
+    // Only a login tells of shares that were granted, taken away or renamed; it catches them up once more.
+    connector.login().loginToGlobal();
+    answer({true, ""});
+}
+
+void TWApplicationDelegate::answerQuitRequests() {
+    for (const auto& answer : std::exchange(quitRequests_, {}))
+        answer({true, ""});
+}
+
+void TWApplicationDelegate::parseRemoteCommand(std::string_view text) {
+    TWLog(kLogMain, "Warning! Failed to parse remote command: %@", text);
+}
+
+}  // namespace tarnwell

@@ -1,0 +1,42 @@
+#include "app/CommandRequests.h"
+
+#include "util/TWLogger.h"
+
+namespace tarnwell {
+
+void CommandRequests::didReceive(const std::string& text, LocalServer::Reply reply) {
+    const auto message = parseMessage(text);
+    TWLog(kLogMain, "Received command: %@", message && message->command == "login" ? "login" : text);
+    const Answer answer = [reply = std::move(reply)](const CommandAnswer& given) {
+        reply(formatAnswer(given));
+    };
+    if (!message || !execute(*message, answer)) mediator_.parseRemoteCommand(text);
+}
+
+bool CommandRequests::execute(const CommandMessage& message, const Answer& answer) {
+    if (message.command == "status") {
+        answer({true, mediator_.statusJson()});
+    } else if (message.command == "settings") {
+        mediator_.reloadSettings();
+        answer({true, ""});
+    } else if (message.command == "login") {
+        // "EMAIL\nPASSWORD": an address has no line break, a password may have anything.
+        const auto end = message.argument.find('\n');
+        if (end == std::string::npos || end == 0) {
+            answer({false, "malformed log-in request"});
+        } else {
+            mediator_.login(message.argument.substr(0, end), message.argument.substr(end + 1), answer);
+        }
+    } else if (message.command == "logout") {
+        mediator_.logout(answer);
+    } else if (message.command == "quit") {
+        mediator_.quit(answer);
+    } else if (message.command == "refresh") {
+        mediator_.refresh(answer);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tarnwell

@@ -1,0 +1,272 @@
+#include "store/LocalChangeJournal.h"
+
+#include <chrono>
+#include <utility>
+
+#include "platform/PrivateFile.h"
+#include "store/TWMetadataStorage.h"
+#include "util/PropertyList.h"
+#include "util/RecordMapping.h"
+#include "util/TWLogger.h"
+
+namespace tarnwell {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kDelay = 5s;
+/// A new empty file gets its contents moments later.
+constexpr auto kDelayOfEmptyFile = 150s;
+constexpr const char* kScreenCaptureAttribute = "com.apple.metadata:kMDItemIsScreenCapture";
+constexpr std::size_t kMaxAttributesFile = std::size_t{64} << 20U;
+
+}  // namespace
+
+LocalChangeJournal::LocalChangeJournal(TWMetadataStorage& store, Executor& background)
+    : store_(store), merge_(queue_, *this), exchange_(store), copies_(store, background, *this) {}
+
+LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr& file,
+                                                         LocalJournalType eventType) {
+    const auto lock = store_.beginWriteJournal();
+    auto entry = std::make_shared<LocalJournal>();
+    const Date now = store_.clock().now();
+    const bool isEmpty = file->IsFile && file->size() == 0;
+    entry->JournalCreate = now + (isEmpty ? kDelayOfEmptyFile : kDelay);
+    entry->File = std::make_shared<TWVirtualFile>(*file);
+    entry->File->User = store_.userName();
+    entry->LocalJournalType = eventType;
+    entry->CurrentPath = file->FullPath;
+    if (file->IsFile && bringsContents(*entry)) {
+        if (isEmpty) {
+            // Nothing to copy; the name of former contents would lead to them.
+            entry->File->UploadName.reset();
+            file->UploadName.reset();
+        } else {
+            if (isScreenshot(*file)) entry->JournalCreate = now - 1s;
+            copyForUpload(entry, *file);
+        }
+        store_.markChanged(*file);
+    }
+    return entry;
+}
+
+/// Begins the upload copy under a fresh name, which the record carries as well.
+void LocalChangeJournal::copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record) {
+    entry->CopyingFile = true;
+    entry->File->UploadName = TWMetadataStorage::generateFileUploadName();
+    record.UploadName = entry->File->UploadName;
+    copies_.start(entry);
+}
+
+LocalJournalPtr LocalChangeJournal::entryWithUpload(const std::string& uploadName) const {
+    return queue_.withUpload(uploadName);
+}
+
+void LocalChangeJournal::copyEnded(const std::string& uploadName, std::int64_t size) {
+    const auto entry = queue_.withUpload(uploadName);
+    if (!entry) return;
+    entry->CopyingFile.reset();
+    if (size >= 0 && size != entry->File->size()) {
+        // What is sent and what is said of it belong together.
+        entry->File->AllocationSize = entry->File->EndOfFile = size;
+    }
+    store_.saveDelayed();
+}
+
+bool LocalChangeJournal::isScreenshot(const TWVirtualFile& file) const {
+    if (!uploadsScreenshots_) return false;
+    const auto contents = readWholeFile(store_.layout().extendedAttrsPathForFile(file), kMaxAttributesFile);
+    if (contents.error != 0) return false;
+    std::string error;
+    const auto list = parsePropertyList(contents.bytes, error);
+    const auto* map = list ? list->get<PropertyList::Dictionary>() : nullptr;
+    return map && map->find(kScreenCaptureAttribute);
+}
+
+TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& entry) {
+    const auto lock = store_.beginWriteJournal();
+    if (!entry->File || entry->File->InternalName.empty()) {
+        TWLog(kLogMain, "Warning! AddChangeToJournal: a change of no item is ignored.");
+        return nullptr;
+    }
+    const std::string id = entry->File->InternalName.str();
+    if (CacheLayout::isPathIgnored(entry->CurrentPath.view(), !entry->File->IsFile)) {
+        if (bringsContents(*entry)) releaseUpload(*entry);
+        return store_.fileWithId(id);
+    }
+    takenOver_.reset();
+    const bool worthSaving = merge_.add(entry);
+    store_.setStorageEmpty(false);
+    if (worthSaving) store_.saveDelayed();
+    if (takenOver_) return std::exchange(takenOver_, nullptr);
+    return store_.fileWithId(id);
+}
+
+std::vector<LocalJournalPtr> LocalChangeJournal::journalEntriesForShare(std::string_view shareId) const {
+    const auto lock = store_.beginReadJournal();
+    return queue_.ofShare(shareId);
+}
+
+void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
+    const auto lock = store_.beginWriteJournal();
+    queue_.remove(*entry);
+}
+
+void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool transmitting) {
+    const auto lock = store_.beginWriteJournal();
+    entry->Transmitting = transmitting;
+    if (transmitting) entry->queue.attempted = true;
+}
+
+void LocalChangeJournal::removeUploadFileData(const TWVirtualFile& file) {
+    const auto lock = store_.beginWriteJournal();
+    copies_.release(file);
+}
+
+void LocalChangeJournal::releaseUpload(const LocalJournal& entry) {
+    copies_.release(*entry.File);
+}
+
+void LocalChangeJournal::checkForFileModifications() {
+    const auto lock = store_.beginWriteStorage();
+    for (const auto& file : store_.allFiles()) {
+        if (!file->IsFile || !file->LocallyUpdated.value_or(false)) continue;
+        // What takes no part in synchronisation stays as it is: nobody else has it.
+        if (CacheLayout::isPathIgnored(file->FullPath.view(), false)) continue;
+        file->LocallyUpdated = false;
+        store_.markChanged(*file);
+        addChangeToJournal(createJournalForFile(file, kJournalUpdate));
+    }
+}
+
+void LocalChangeJournal::addCatchupForFileUpdate(const TWVirtualFilePtr& file) {
+    const auto lock = store_.beginWriteJournal();
+    if (queue_.hasCatchUp(file->ShareId.view())) return;
+    auto entry = std::make_shared<LocalJournal>();
+    entry->LocalJournalType = kJournalCatchUp;
+    entry->JournalCreate = store_.clock().now();
+    entry->File = std::make_shared<TWVirtualFile>(*file);
+    entry->CurrentPath = file->FullPath;
+    queue_.append(entry);
+    store_.setStorageEmpty(false);
+    store_.saveDelayed();
+}
+
+bool LocalChangeJournal::hasPendingContents(std::string_view internalName) const {
+    const auto lock = store_.beginReadJournal();
+    for (const auto& entry : queue_.ofItem(internalName)) {
+        if (bringsContents(*entry)) return true;
+    }
+    return false;
+}
+
+bool LocalChangeJournal::hasPendingCreate(std::string_view internalName) const {
+    const auto lock = store_.beginReadJournal();
+    for (const auto& entry : queue_.ofItem(internalName)) {
+        if (entry->LocalJournalType == kJournalCreate) return true;
+    }
+    return false;
+}
+
+bool LocalChangeJournal::refersTo(std::string_view internalName) const {
+    const auto lock = store_.beginReadJournal();
+    return !queue_.ofItem(internalName).empty();
+}
+
+bool LocalChangeJournal::takeOver(const LocalJournalPtr& created, const LocalJournalPtr& earlier) {
+    if (!exchange_.placeJournalItem(*created, *earlier)) return false;
+    takenOver_ = store_.fileWithId(earlier->File->InternalName.view());
+    return true;
+}
+
+bool LocalChangeJournal::tradePlaces(const LocalJournalPtr& created, const LocalJournalPtr& earlier) {
+    if (!exchange_.exchangeJournalEntry(*earlier, *created)) return false;
+    takenOver_ = store_.fileWithId(earlier->File->InternalName.view());
+    const auto other = store_.fileWithId(created->File->InternalName.view());
+    if (created->File->UploadName.empty() && created->File->size() > 0) copyForUpload(created, *other);
+    return true;
+}
+
+std::string LocalChangeJournal::parentOf(std::string_view internalName) const {
+    const auto file = store_.fileWithId(internalName);
+    return file ? file->ParrentId.str() : std::string();
+}
+
+void LocalChangeJournal::changeInternalName(std::string_view fromName, const SharedString& toName) {
+    for (const auto& entry : queue_.items()) {
+        const auto renamed = [&](const SharedString& id) { return id == fromName; };
+        if (!renamed(entry->File->InternalName) && !renamed(entry->File->ParrentId) &&
+            !renamed(entry->OriginalParent)) {
+            continue;
+        }
+        const JournalQueue::Edit edit(queue_, entry);
+        for (auto* id : {&entry->File->InternalName, &entry->File->ParrentId, &entry->OriginalParent}) {
+            if (renamed(*id)) *id = toName;
+        }
+    }
+}
+
+void LocalChangeJournal::deleteShareEntries(std::string_view shareId) {
+    for (const auto& entry : queue_.ofShare(shareId)) {
+        if (entry->Transmitting) continue;
+        if (bringsContents(*entry)) releaseUpload(*entry);
+        queue_.remove(*entry);
+    }
+}
+
+void LocalChangeJournal::clear() {
+    const auto lock = store_.beginWriteJournal();
+    queue_.clear();
+}
+
+std::vector<std::string> LocalChangeJournal::journalTexts() const {
+    return journalSnapshot()();
+}
+
+std::function<std::vector<std::string>()> LocalChangeJournal::journalSnapshot() const {
+    std::vector<LocalJournal> entries;
+    entries.reserve(queue_.items().size());
+    for (const auto& entry : queue_.items()) {
+        entries.push_back(*entry);
+        if (entry->File) entries.back().File = std::make_shared<TWVirtualFile>(*entry->File);
+    }
+    return [entries = std::move(entries)] {
+        std::vector<std::string> texts;
+        texts.reserve(entries.size());
+        for (const auto& entry : entries)
+            texts.push_back(toJsonText(entry));
+        return texts;
+    };
+}
+
+void LocalChangeJournal::loadJournals(const std::vector<std::string>& texts) {
+    queue_.clear();
+    for (const auto& text : texts) {
+        std::string error;
+        const auto entry = parseRecord<LocalJournal>(text, error);
+        if (!entry) {
+            TWLog(kLogMain, "Warning! Cannot deserialize journal item from metadata storage. Error %@",
+                  error);
+        } else if (!entry->File || entry->File->InternalName.empty()) {
+            TWLog(kLogMain, "Warning! A journal entry of no item is ignored, operation %@",
+                  journalEventName(entry->LocalJournalType));
+        } else {
+            adopt(entry);
+        }
+    }
+    merge_.noteTakenPlaces();
+}
+
+/// An entry of an earlier run, which ended while it may have been copied or sent.
+void LocalChangeJournal::adopt(const LocalJournalPtr& entry) {
+    // A deletion may be all that is left of a Create whose answer was lost.
+    const bool doubtful = entry->LocalJournalType == kJournalDelete && entry->File->Tick < 0;
+    entry->queue.attempted = entry->Transmitting || doubtful;
+    entry->Transmitting = false;
+    entry->CopyingFile.reset();
+    entry->File->FullPath = entry->CurrentPath;
+    queue_.append(entry);
+}
+
+}  // namespace tarnwell

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/Enums.h"
+#include "store/JournalExchange.h"
+#include "store/JournalMerge.h"
+#include "store/JournalQueue.h"
+#include "store/JournalTexts.h"
+#include "store/LocalJournal.h"
+#include "store/UploadCopies.h"
+
+namespace tarnwell {
+
+class TWMetadataStorage;
+
+/// The local change journal: what the user changed on the drive and the service does not know yet, in order.
+///
+/// The face of the journal: takes the store's lock and composes the queue with its indexes (JournalQueue),
+/// the rules (JournalMerge), the exchange of items (JournalExchange) and the upload copies (UploadCopies).
+///
+/// Threads: any; every operation takes the store's lock itself, except those marked REQUIRES LOCK. Entries
+/// and records are guarded by it. A change of a record and its entry are one step: the caller holds the lock
+/// around both.
+class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host, private UploadCopies::Host {
+  public:
+    LocalChangeJournal(TWMetadataStorage& store, Executor& background);
+
+    /// A new entry for a change that was just made, not yet in the journal. For a Create or Update of a file
+    /// with contents it begins the upload copy and gives the record the copy's name.
+    [[nodiscard]] LocalJournalPtr createJournalForFile(const TWVirtualFilePtr& file,
+                                                       LocalJournalType eventType);
+    /// Merges the entry with what is queued, or queues it; an entry for a name that takes no part in
+    /// synchronisation is dropped. An entry that was sent without success is queued again so.
+    ///
+    /// A file that was just created may take over the identity of one that was deleted or moved away at its
+    /// place. Returns the record that the change belongs to now, null when it is not stored: after a Create
+    /// use this one.
+    TWVirtualFilePtr addChangeToJournal(const LocalJournalPtr& entry);
+
+    /// The journal, in order. REQUIRES LOCK as long as it is used; entries that are removed or added
+    /// meanwhile invalidate iterators to them only.
+    [[nodiscard]] JournalQueue::View journalItems() const { return queue_.items(); }
+    [[nodiscard]] std::vector<LocalJournalPtr> journalEntriesForShare(std::string_view shareId) const;
+    /// That very entry.
+    void deleteJournalEntry(const LocalJournalPtr& entry);
+    void setTransmitting(const LocalJournalPtr& entry, bool transmitting);
+    /// Deletes the upload copy and its side file.
+    void removeUploadFileData(const TWVirtualFile& file);
+    /// Journals what is still marked as changed by the user; at the end of the program.
+    void checkForFileModifications();
+    /// Makes sure of one Catch-up entry for the file's share.
+    void addCatchupForFileUpdate(const TWVirtualFilePtr& file);
+
+    /// Whether an entry brings contents of the file that the service has not got yet.
+    [[nodiscard]] bool hasPendingContents(std::string_view internalName) const;
+    /// Whether the item's Create is still in the journal: nothing that names the item can be sent before.
+    [[nodiscard]] bool hasPendingCreate(std::string_view internalName) const;
+    /// Whether any entry is about the item.
+    [[nodiscard]] bool refersTo(std::string_view internalName) const;
+
+    /// An item got another identity. REQUIRES LOCK.
+    void changeInternalName(std::string_view fromName, const SharedString& toName);
+    /// Removes what waits for a share, entries in transmission excepted. REQUIRES LOCK.
+    void deleteShareEntries(std::string_view shareId);
+    void clear();
+
+    /// Screenshots are sent at once when this is on.
+    void setUploadsScreenshots(bool on) { uploadsScreenshots_ = on; }
+
+    [[nodiscard]] std::vector<std::string> journalTexts() const override;
+    [[nodiscard]] std::function<std::vector<std::string>()> journalSnapshot() const override;
+    void loadJournals(const std::vector<std::string>& texts) override;
+
+  private:
+    void releaseUpload(const LocalJournal& entry) override;
+    bool takeOver(const LocalJournalPtr& created, const LocalJournalPtr& earlier) override;
+    bool tradePlaces(const LocalJournalPtr& created, const LocalJournalPtr& earlier) override;
+    [[nodiscard]] std::string parentOf(std::string_view internalName) const override;
+
+    [[nodiscard]] LocalJournalPtr entryWithUpload(const std::string& uploadName) const override;
+    void copyEnded(const std::string& uploadName, std::int64_t size) override;
+
+    void copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record);
+    [[nodiscard]] bool isScreenshot(const TWVirtualFile& file) const;
+    void adopt(const LocalJournalPtr& entry);
+
+    TWMetadataStorage& store_;
+    std::atomic<bool> uploadsScreenshots_{false};
+    // Guarded by the store's lock.
+    JournalQueue queue_;
+    JournalMerge merge_;
+    JournalExchange exchange_;
+    /// The record that an exchange put in the place of what was created.
+    TWVirtualFilePtr takenOver_;
+    // Last: its end waits for copies that use the others.
+    UploadCopies copies_;
+};
+
+}  // namespace tarnwell

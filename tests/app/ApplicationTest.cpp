@@ -1,0 +1,302 @@
+// The application as a whole: what a user, the service and the next run see of it.
+
+#include <boost/json.hpp>
+#include <filesystem>
+#include <fstream>
+
+#include "app/FakeClient.h"
+#include "connector/LoginRecords.h"
+#include "connector/OSXCatchUpResponse.h"
+#include "util/RecordMapping.h"
+
+namespace tarnwell {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeClient;
+using testing::urlContains;
+using Values = std::map<std::string, std::string>;
+
+const Values kIsland{{"TWGlobalAddress", "example.localhost:8443"}};
+
+/// A service with one domain and one share, "Papers".
+void serveOneShare(FakeClient& client) {
+    UserDomain domain;
+    domain.Domain.emplace().DomainId = "dom";
+    domain.Domain->Url = "example.localhost:8443";
+    domain.UserDomainToken = "token";
+    GlobalLoginResponce login;
+    login.ErrorCode = "U100";
+    login.DeviceId = "device";
+    login.PrimaryUserDomain = domain;
+    client.service.when(urlContains("login2.aspx")).reply(200, toJsonText(login));
+
+    auto share = std::make_shared<ManagedShare>();
+    share->ShareId = "s1";
+    share->ShareName = "Papers";
+    share->DomainId = "dom";
+    share->GateWayUrl = "example.localhost:8443";
+    share->ShareAcl.emplace().AclToken = "acl";
+    ClientLoginResponse shares;
+    shares.ManagedShares.emplace().push_back(share);
+    client.service.when(urlContains("ClientLogin.aspx")).reply(200, toJsonText(shares));
+    client.service.when(urlContains("CatchUp7.aspx")).reply(200, toJsonText(OSXCatchUpResponse{}));
+}
+
+boost::json::object status(FakeClient& client) {
+    client.command("status:json");
+    const std::string answer = client.answers.back();
+    EXPECT_TRUE(answer.starts_with("ok\n")) << answer;
+    return boost::json::parse(answer.substr(3)).as_object();
+}
+
+TEST(ApplicationTest, aRunThatWasCutOffAsksForEverythingAnew) {
+    struct Row {
+        const char* lastRun;
+        Values settings;
+        bool fullRefresh;
+    };
+    for (const auto& [lastRun, settings, fullRefresh] :
+         {Row{"orderly", {{"cleanShutdown", "true"}}, false}, Row{"cut off", {}, true}}) {
+        FakeClient client(settings);
+        client.start();
+        EXPECT_EQ(client.connector.session().needsFullRefresh(), fullRefresh) << lastRun;
+        EXPECT_EQ(client.defaults.stored().contains("needsFullRefresh"), fullRefresh) << lastRun;
+        EXPECT_FALSE(client.defaults.stored().contains("cleanShutdown")) << "a crash of this run must show";
+
+        client.delegate->endRequestedBySignal();
+        EXPECT_EQ(client.exitStatus, 0);
+        EXPECT_TRUE(client.defaults.stored().contains("cleanShutdown"));
+    }
+}
+
+TEST(ApplicationTest, aSecondInstanceLeavesTheFirstAlone) {
+    FakeClient client;
+    client.otherInstance = "/opt/tarnwell/bin/tarnwell";
+    client.start();
+    ASSERT_EQ(client.alerts.shown.size(), 1u);
+    EXPECT_EQ(client.alerts.shown[0].title, "Cannot start Tarnwell");
+    EXPECT_EQ(client.alerts.shown[0].text,
+              "Another instance of Tarnwell is already running. Startup path : /opt/tarnwell/bin/tarnwell");
+    EXPECT_EQ(client.exitStatus, 1);
+    EXPECT_FALSE(client.socket.handler) << "the first one's command socket stays its own";
+    client.delegate->endRequestedBySignal();
+    EXPECT_FALSE(client.defaults.stored().contains("cleanShutdown"));
+}
+
+TEST(ApplicationTest, saysWhyNoDriveCanBeShown) {
+    FakeClient without;
+    without.fuseProblem = "no device";
+    without.start();
+    ASSERT_EQ(without.alerts.shown.size(), 1u);
+    EXPECT_EQ(without.alerts.shown[0].text, "no device");
+    EXPECT_EQ(without.exitStatus, 1);
+
+    FakeClient refused(kIsland);
+    refused.mountFailure = "permission denied";
+    refused.start();
+    serveOneShare(refused);
+    refused.command("login:ann@example.org\nsecret");
+    ASSERT_EQ(refused.alerts.shown.size(), 1u);
+    EXPECT_EQ(refused.alerts.shown[0].title, "Unable to mount drive");
+    EXPECT_EQ(refused.alerts.shown[0].text, "Error : mounting of the file system failed. permission denied");
+    EXPECT_EQ(refused.exitStatus, 1);
+}
+
+TEST(ApplicationTest, logsInMountsReportsAndQuits) {
+    FakeClient client(kIsland);
+    serveOneShare(client);
+    client.start();
+    EXPECT_EQ(client.alerts.loginQuestions, 1);
+    EXPECT_EQ(status(client)["state"], "loggedOut");
+    client.command("refresh:");
+    EXPECT_EQ(client.answers.back(), "failed\nnobody is logged in");
+
+    client.command("login:ann@example.org\nsecret: 1");
+    EXPECT_EQ(client.answers.back(), "ok\n");
+    EXPECT_TRUE(client.mounted);
+    EXPECT_EQ(client.keychain.password("Fern Disk.keys", "ann@example.org"), "secret: 1");
+    EXPECT_EQ(client.log().find("secret"), std::string::npos);
+    EXPECT_NE(client.log().find("Received command: login"), std::string::npos);
+
+    auto report = status(client);
+    EXPECT_EQ(report["state"], "online");
+    EXPECT_EQ(report["user"], "ann@example.org");
+    EXPECT_EQ(report["mountPath"].as_string(), client.home.path("Tarnwell"));
+    ASSERT_EQ(report["shares"].as_array().size(), 1u);
+    const auto& share = report["shares"].as_array()[0].as_object();
+    EXPECT_EQ(share.at("ShareId"), "s1");
+    EXPECT_EQ(share.at("DisplayName"), "Papers");
+    for (const char* key : {"LastApplyedJournalTick", "TransmitCounter", "Synchronize"}) {
+        EXPECT_TRUE(share.contains(key)) << key;
+    }
+    for (const char* key : {"downloadQueueLen", "downloadQueueBytes", "uploadQueueLen", "uploadQueueBytes",
+                            "lastUploadSpeed", "lastDownloadSpeed", "lastErrors"}) {
+        EXPECT_TRUE(report.contains(key)) << key;
+    }
+    EXPECT_EQ(report.size(), 11u);
+    EXPECT_TRUE(statusText(boost::json::serialize(report))->find("Papers") != std::string::npos);
+
+    client.service.when(urlContains("ClientLogin.aspx")).reply(200, R"({"ManagedShares":[]})");
+    client.command("refresh:");
+    EXPECT_EQ(client.answers.back(), "ok\n");
+    EXPECT_TRUE(status(client)["shares"].as_array().empty()) << "a share that was taken away";
+
+    client.answers.clear();
+    client.command("quit:");
+    EXPECT_EQ(client.exitStatus, 0);
+    EXPECT_FALSE(client.mounted);
+    EXPECT_TRUE(client.answers.empty()) << "the answer is the end itself";
+    client.delegate->answerQuitRequests();
+    EXPECT_EQ(client.answers, std::vector<std::string>{"ok\n"});
+}
+
+TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
+    FakeClient client;
+    client.start();
+    client.programsWithOpenFiles = {"editor", "player"};
+    client.command("quit:");
+    EXPECT_TRUE(client.alerts.shown.empty()) << "a file that was closed just now holds nobody up";
+    client.loop.advance(1s);
+    ASSERT_EQ(client.alerts.shown.size(), 1u);
+    EXPECT_EQ(client.alerts.shown[0].title, "Exit Tarnwell?");
+    EXPECT_EQ(client.alerts.shown[0].text,
+              "The following applications still use the Tarnwell : \n\neditor\nplayer\n\nDo you really want "
+              "to exit? "
+              "This can lead to potential data loss.");
+    EXPECT_TRUE(client.answers.back().starts_with("failed\n")) << client.answers.back();
+    client.delegate->endRequestedBySignal();
+    client.loop.advance(1s);
+    EXPECT_FALSE(client.exitStatus.has_value());
+    client.delegate->endRequestedBySignal();
+    EXPECT_EQ(client.exitStatus, 0);
+
+    FakeClient chosen;
+    chosen.start();
+    chosen.programsWithOpenFiles = {"editor"};
+    chosen.alerts.answer = 1;
+    chosen.delegate->endRequestedBySignal();
+    chosen.loop.advance(1s);
+    EXPECT_EQ(chosen.exitStatus, 0);
+
+    FakeClient closing;
+    closing.start();
+    closing.programsWithOpenFiles = {"cat"};
+    closing.delegate->endRequestedBySignal();
+    closing.programsWithOpenFiles.clear();
+    closing.loop.advance(1s);
+    EXPECT_EQ(closing.exitStatus, 0);
+    EXPECT_TRUE(closing.alerts.shown.empty());
+}
+
+TEST(ApplicationTest, nothingOfAUserIsLeftForTheNext) {
+    for (const std::string change : {"login:bob@example.org\nother", "logout:"}) {
+        FakeClient client(kIsland);
+        serveOneShare(client);
+        client.start();
+        client.command("login:ann@example.org\nsecret");
+        ASSERT_TRUE(client.mounted) << change;
+        const std::filesystem::path root = client.layout.rootCachePath();
+        for (const char* name :
+             {"Files/s1/contents", "Uploads/u", "Downloads/d", "shares.db", "share_s1.db"}) {
+            std::filesystem::create_directories((root / name).parent_path());
+            std::ofstream(root / name) << "ann's";
+        }
+        std::ofstream(root / "notes.txt") << "not of the store";
+
+        client.service.when(urlContains("ClientLogin.aspx")).reply(200, R"({"ManagedShares":[]})");
+        client.command(change);
+        EXPECT_EQ(client.answers.back(), "ok\n") << change;
+        for (const char* name :
+             {"Files/s1/contents", "Uploads/u", "Downloads/d", "shares.db", "share_s1.db"}) {
+            EXPECT_FALSE(std::filesystem::exists(root / name)) << change << name;
+        }
+        EXPECT_TRUE(std::filesystem::exists(root / "Files") && std::filesystem::exists(root / "notes.txt"));
+        EXPECT_FALSE(client.keychain.password("Fern Disk.keys", "ann@example.org").has_value());
+        {
+            const auto lock = client.store.beginReadStorage();
+            EXPECT_TRUE(client.store.shares().empty()) << change;
+        }
+        const bool bobIsIn = change.starts_with("login");
+        EXPECT_EQ(client.mounted, bobIsIn);
+        EXPECT_EQ(client.keychain.password("Fern Disk.keys", "bob@example.org").has_value(), bobIsIn);
+        EXPECT_FALSE(client.store.shutdownBlocked());
+    }
+}
+
+TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
+    FakeClient client(kIsland);
+    client.start();
+    client.service.when(urlContains("login2.aspx")).reply(200, R"({"ErrorCode":"U101"})");
+    client.command("login:ann@example.org\nwrong");
+    client.loop.advance(20s);
+    EXPECT_EQ(client.service.requests(urlContains("login2.aspx")).size(), 3u);
+    auto report = status(client);
+    EXPECT_EQ(report["state"], "loggedOut");
+    EXPECT_NE(boost::json::serialize(report["lastErrors"]).find("refuses"), std::string::npos);
+    EXPECT_FALSE(client.mounted);
+
+    client.answers.clear();
+    client.command("no command");
+    client.command("login:");
+    EXPECT_EQ(client.answers, std::vector<std::string>{"failed\nmalformed log-in request"});
+    EXPECT_NE(client.log().find("Warning! Failed to parse remote command: no command"), std::string::npos);
+
+    EXPECT_FALSE(client.delegate->excessiveLogging());
+    client.defaults.storeElsewhere("TWExcessiveLogging", "1");
+    client.command("settings:reload");
+    EXPECT_TRUE(client.delegate->excessiveLogging());
+}
+
+TEST(ApplicationIdentityTest, titleBrandAndAddress) {
+    struct Row {
+        Values map;
+        std::string old, key, address;
+        bool island;
+    };
+    const std::string standard(kDefaultGlobalAddress);
+    for (const auto& row : {
+             Row{{{"CFBundleName", "Tarnwell"}}, "Fern Disk", "Fern Disk.x", standard, false},
+             Row{{{"CFBundleName", "TarnwellBeta"}, {"TWGlobalAddress", "*"}},
+                 "FerndiskBeta",
+                 "FerndiskBeta.x",
+                 standard,
+                 false},
+             Row{{{"CFBundleName", "Other"}, {"TWBrandName", "Quelto"}, {"TWGlobalAddress", "a.b:1"}},
+                 "Tarnwell",
+                 "Tarnwell.x",
+                 "a.b:1",
+                 true},
+             Row{{{"CFBundleName", "Other"}}, "", "Other.x", standard, false},
+         }) {
+        const ApplicationIdentity identity([&](std::string_view key) -> std::optional<std::string> {
+            const auto found = row.map.find(std::string(key));
+            return found == row.map.end() ? std::nullopt : std::optional(found->second);
+        });
+        EXPECT_EQ(identity.oldAppTitle, row.old);
+        EXPECT_EQ(identity.prependAppTitle("x"), row.key);
+        EXPECT_EQ(identity.globalAddress, row.address);
+        EXPECT_EQ(identity.isDataIsland, row.island);
+    }
+}
+
+TEST(RecentErrorsTest, keepsTheNewestAndCutsLongOnes) {
+    RecentErrors errors;
+    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : Warning! disk full : twice\n");
+    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : Warning! disk full : twice\n");
+    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : all is well\n");
+    errors.addLogLine("no line");
+    EXPECT_EQ(errors.list(), std::vector<std::string>{"Warning! disk full : twice"});
+    std::string accents;
+    for (int i = 0; i < 400; ++i)
+        accents += "é";
+    errors.add("x" + accents);
+    EXPECT_EQ(errors.list().back().size() % 2, 1u) << "never half a character";
+    for (int i = 0; i < 100; ++i)
+        errors.add(std::to_string(i));
+    EXPECT_EQ(errors.list().size(), RecentErrors::kLimit);
+    EXPECT_EQ(errors.list().back(), "99");
+}
+
+}  // namespace
+}  // namespace tarnwell

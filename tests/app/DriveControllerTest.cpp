@@ -1,0 +1,187 @@
+#include "app/DriveController.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <deque>
+#include <string>
+
+#include "support/LogCapture.h"
+#include "support/ManualRunLoop.h"
+#include "support/TemporaryFolder.h"
+
+namespace tarnwell {
+namespace {
+
+using testing::LogCapture;
+using testing::ManualRunLoop;
+using testing::TemporaryFolder;
+
+/// What the controller did to the mounts it made, and their events at hand.
+struct Mounts {
+    struct Layer : FileSystemLayer {
+        Layer(Mounts& owner, Events given) : mounts(owner), events(std::move(given)) {}
+        ~Layer() override { --mounts.alive; }
+        void mount(const std::string& path, const std::vector<std::string>& options) override {
+            mounts.path = path;
+            mounts.options = options;
+        }
+        int unmount(bool forced) override {
+            mounts.unmounts += forced ? "forced " : "normal ";
+            if (mounts.unmountErrors.empty()) return 0;
+            const int error = mounts.unmountErrors.front();
+            mounts.unmountErrors.pop_front();
+            return error;
+        }
+        Mounts& mounts;
+        Events events;
+    };
+
+    FileSystemLayer::Factory factory() {
+        return [this](FileSystemLayer::Events given) {
+            events.push_back(given);
+            ++alive;
+            return std::make_unique<Layer>(*this, std::move(given));
+        };
+    }
+
+    int alive = 0;
+    std::string path, unmounts;
+    std::vector<std::string> options;
+    std::deque<int> unmountErrors;
+    std::vector<FileSystemLayer::Events> events;  ///< of every mount made
+};
+
+struct DriveControllerTest : ::testing::Test, DriveController::Mediator {
+    bool inAdminGroup() override { return admin; }
+    void checkForOldMountAtPath(const std::string& path) override {
+        steps += "check " + path.substr(path.rfind('/')) + "; ";
+    }
+    std::string deviceAtPath(const std::string&) override { return device; }
+    void migrateMountDirectoryIfNeeded() override { steps += "migrate; "; }
+    void mountDidFail(const std::string& reason) override { failure = reason; }
+
+    DriveController& start() {
+        controller.emplace(DriveController::Settings{"Tarnwell", home.path("Tarnwell"),
+                                                     home.path("Fern Disk"), "/res/MainIcon.icns"},
+                           *this, loop, mounts.factory());
+        controller->initializeFuse();
+        return *controller;
+    }
+    void happens(const std::function<void()>& event) {
+        event();
+        loop.runPending();
+    }
+
+    LogCapture log;
+    TemporaryFolder home;
+    ManualRunLoop loop;
+    Mounts mounts;
+    bool admin = false;
+    std::string device, steps, failure;
+    std::optional<DriveController> controller;
+};
+
+TEST_F(DriveControllerTest, mountsWithTheOptionsInOrder) {
+    admin = true;
+    start();
+    EXPECT_EQ(mounts.options,
+              (std::vector<std::string>{"sync_read", "volname=Tarnwell", "direct_io", "nolocalcaches",
+                                        "novncache", "local", "volicon=/res/MainIcon.icns", "allow_root"}));
+    EXPECT_EQ(mounts.path, home.path("Tarnwell"));
+    EXPECT_TRUE(home.exists("Tarnwell"));
+    EXPECT_EQ(steps, "check /Tarnwell; ");
+}
+
+TEST_F(DriveControllerTest, takesCareOfTheOldMountPointFirst) {
+    ASSERT_EQ(mkdir(home.path("Fern Disk").c_str(), 0700), 0);
+    start();
+    EXPECT_EQ(steps, "check /Fern Disk; migrate; check /Tarnwell; ");
+    EXPECT_NE(mounts.options.back(), "allow_root");
+    EXPECT_TRUE(log.contains("User is not in admin group - disabling access to the drive from root user."));
+}
+
+TEST_F(DriveControllerTest, holdsTheLockFileWhileMounted) {
+    auto& drive = start();
+    EXPECT_FALSE(home.exists("Tarnwell/.fuselock"));
+    happens(mounts.events[0].didMount);
+    EXPECT_TRUE(home.exists("Tarnwell/.fuselock"));
+    drive.stopFuse();
+    EXPECT_EQ(mounts.unmounts, "normal ");
+    EXPECT_EQ(mounts.alive, 0);
+    EXPECT_FALSE(drive.fuseInitialized());
+    drive.stopFuse();
+    EXPECT_EQ(mounts.unmounts, "normal ") << "nothing left to take down";
+}
+
+TEST_F(DriveControllerTest, mountsAgainUnlessTheUnmountWasItsOwn) {
+    auto& drive = start();
+    happens(mounts.events[0].didMount);
+    happens(mounts.events[0].didUnmount);
+    ASSERT_EQ(mounts.events.size(), 2u);
+    EXPECT_TRUE(drive.fuseInitialized());
+    EXPECT_EQ(mounts.alive, 1) << "the lost mount is gone";
+
+    happens(mounts.events[0].didUnmount);
+    EXPECT_EQ(mounts.events.size(), 2u) << "a late word of the first mount is not about the second";
+
+    happens(mounts.events[1].didMount);
+    mounts.events[1].didUnmount();  // under way when our own unmount comes
+    drive.stopFuse();
+    loop.runPending();
+    EXPECT_EQ(mounts.events.size(), 2u);
+    EXPECT_FALSE(drive.fuseInitialized());
+}
+
+TEST_F(DriveControllerTest, mountsAgainWhenDetachedWithFilesOpen) {
+    auto& drive = start();
+    drive.mountTableChanged();
+    EXPECT_EQ(mounts.events.size(), 1u) << "still mounting";
+    device = "0:50";
+    happens(mounts.events[0].didMount);
+    drive.mountTableChanged();
+    EXPECT_EQ(mounts.events.size(), 1u) << "somebody else's mount";
+
+    device = "";
+    drive.mountTableChanged();
+    EXPECT_EQ(mounts.unmounts, "forced ");
+    ASSERT_EQ(mounts.events.size(), 2u);
+    happens(mounts.events[0].didUnmount);
+    drive.mountTableChanged();
+    EXPECT_EQ(mounts.events.size(), 2u) << "mounted again once";
+
+    device = "0:51";
+    happens(mounts.events[1].didMount);
+    drive.stopFuse();
+    device = "";
+    drive.mountTableChanged();
+    EXPECT_EQ(mounts.events.size(), 2u);
+}
+
+TEST_F(DriveControllerTest, forcesABusyDriveDown) {
+    auto& drive = start();
+    mounts.unmountErrors = {EBUSY, EPERM};
+    drive.stopFuse();
+    EXPECT_EQ(mounts.unmounts, "normal forced ");
+    EXPECT_TRUE(log.contains("Failed to unmount drive : error " + std::to_string(EBUSY)));
+    EXPECT_TRUE(log.contains("Failed even forced unmount : error " + std::to_string(EPERM)));
+    EXPECT_FALSE(drive.fuseInitialized());
+}
+
+TEST_F(DriveControllerTest, tellsWhyTheDriveCannotBeShown) {
+    start();
+    happens([&] { mounts.events[0].mountDidFailed("no such device"); });
+    EXPECT_EQ(failure, "no such device");
+    EXPECT_FALSE(controller->fuseInitialized());
+    EXPECT_TRUE(log.contains("Fatal : volume mounting failed. Information: no such device"));
+
+    TemporaryFolder other;
+    failure.clear();
+    controller.emplace(DriveController::Settings{"T", other.write("file", "") + "/T", "", ""}, *this, loop,
+                       mounts.factory());
+    controller->initializeFuse();
+    EXPECT_NE(failure.find("cannot create"), std::string::npos) << failure;
+}
+
+}  // namespace
+}  // namespace tarnwell

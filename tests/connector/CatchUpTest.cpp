@@ -1,0 +1,289 @@
+#include <gmock/gmock.h>
+
+#include "connector/ConnectorWorld.h"
+
+namespace tarnwell::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+/// A page of `count` files with the ticks `first`, `first` + `step`, ...
+std::string page(int count, int first, int step = 1) {
+    std::string text = R"({"TwVirtualFiles":[)";
+    int tick = first;
+    for (int i = 0; i < count; ++i, tick += step) {
+        const std::string id = std::to_string(tick);
+        text += (i ? ",{" : "{");
+        text +=
+            R"("ShareId":"s1","ParrentId":"s1","InternalName":"F)" + id + R"(","PublicName":"f)" + id +
+            R"(","UploadName":"U)" + id + R"(","UploadUrl":"u","Tick":)" + id +
+            R"(,"ShareTick":0,"UpdateTick":0,"CreateTick":0,"CreationTime":"2020-01-01T00:00:00.000Z","LastAccessTime":"2020-01-01T00:00:00.000Z","LastWriteTime":"2020-01-01T00:00:00.000Z","Local":false,"Deleted":false,"IsFile":true,"AllocationSize":1})";
+    }
+    const std::string largest = std::to_string(count > 0 ? tick - step : first);
+    return text + R"(],"ShareTick":)" + largest + R"(,"LargestTick":)" + largest + "}";
+}
+
+std::vector<std::string> ticksAsked(const ConnectorWorld& world) {
+    std::vector<std::string> ticks;
+    for (const auto& request : world.loader.requests(urlContains("CatchUp7"))) {
+        ticks.push_back(header(request, "share").value() + " " + header(request, "tickfrom").value());
+    }
+    return ticks;
+}
+
+class CatchUpTest : public ::testing::Test {
+  protected:
+    CatchUpTest() {
+        world.pretendLoggedIn(1);
+        share = world.addShare("s1", 5);
+    }
+    auto answer(std::string body) {
+        return world.loader.when(urlContains("CatchUp7")).reply(200, std::move(body));
+    }
+    std::size_t fileCount() {
+        const auto lock = world.store.beginReadStorage();
+        return world.store.fileCount();
+    }
+
+    ConnectorWorld world;
+    ManagedSharePtr share;
+};
+
+TEST_F(CatchUpTest, asksFromTheLastAppliedTick) {
+    answer(page(2, 6));
+    world.catchUps.catchUp(share);
+    world.settle();
+    ASSERT_EQ(world.loader.requests().size(), 1u);
+    const auto request = world.loader.requests().front();
+    EXPECT_EQ(request.method + " " + request.url, "POST https://clientgateway.d0.test/CatchUp7.aspx");
+    EXPECT_EQ(request.body, "");
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"share", "s1"},   {"token", "acl%2Bs1"}, {"vshareId", "v-s1"},
+        {"tickfrom", "5"}, {"tickstart", "5"},    {"ticktake", "10000"}};
+    EXPECT_EQ(request.headers, expected);
+    EXPECT_EQ(fileCount(), 2u);
+    EXPECT_EQ(share->LastApplyedJournalTick, 7);
+    EXPECT_FALSE(world.catchUps.failed("s1"));
+
+    share->LastApplyedJournalTick = 0;
+    world.catchUps.catchUp(share);
+    EXPECT_EQ(ticksAsked(world).back(), "s1 -1") << "never caught up";
+}
+
+TEST_F(CatchUpTest, aFullPageIsFollowedByThePageOfTheNextTicks) {
+    struct {
+        int count, step;
+        std::vector<std::string> asked;
+    } cases[] = {
+        {9999, 1, {"s1 5"}},
+        {10000, 1, {"s1 5", "s1 10005"}},
+        {10000, 3, {"s1 5", "s1 10005"}},  // sparse: the page reaches past the next one's start
+    };
+    for (const auto& [count, step, asked] : cases) {
+        ConnectorWorld fresh;
+        fresh.pretendLoggedIn();
+        const auto stored = fresh.addShare("s1", 5);
+        fresh.loader.when(urlContains("CatchUp7")).reply(200, page(1, 40000));
+        fresh.loader.when(urlContains("CatchUp7")).times(1).reply(200, page(count, 6, step));
+        fresh.catchUps.catchUp(stored);
+        fresh.settle();
+        EXPECT_EQ(ticksAsked(fresh), asked) << count << " by " << step;
+        EXPECT_FALSE(fresh.catchUps.failed("s1"));
+    }
+}
+
+TEST_F(CatchUpTest, aPageOnItsWayServesLaterTicksAndYieldsToEarlierOnes) {
+    auto held = answer(page(1, 6)).hold();
+    world.catchUps.sendCatchupRequest(share, 10);
+    EXPECT_FALSE(world.catchUps.sendCatchupRequest(share, 10));
+    EXPECT_FALSE(world.catchUps.sendCatchupRequest(share, 11));
+    EXPECT_TRUE(world.catchUps.sendCatchupRequest(share, 9));
+    EXPECT_THAT(ticksAsked(world), ElementsAre("s1 10", "s1 9"));
+    EXPECT_EQ(world.log.count("sendCatchupRequest: share Share s1 is already being catched up from tick 10."),
+              2u);
+    held.releaseOne();
+    world.settle();
+    EXPECT_FALSE(world.catchUps.sendCatchupRequest(share, 9)) << "the page from 9 is still on its way";
+    held.release();
+    world.settle();
+    EXPECT_TRUE(world.catchUps.sendCatchupRequest(share, 9));
+}
+
+TEST_F(CatchUpTest, aFailedPageChangesNothingAndIsAskedAgain) {
+    std::string huge = "<html>" + std::string(100000, 'x');
+    struct {
+        UrlReply reply;
+        std::string line;
+    } cases[] = {
+        {{.status = 0, .error = "timed out", .body = {}},
+         "Warning! Error with catchup responce for share Share s1: timed out, HTTP status code: 0"},
+        {{.status = 403, .error = {}, .body = page(1, 6)},
+         "Warning! Error with catchup responce for share Share s1: (null), HTTP status code: 403"},
+        {{.status = 200, .error = {}, .body = R"({"TwVirtualFiles":{},"ShareTick":1,"LargestTick":9})"},
+         "Warning! Cannot parse catchup responce for share Share s1: error TwVirtualFiles: expected a list. "
+         "Responce is {"},
+        {{.status = 200, .error = {}, .body = page(3, 6).replace(40, 0, "\xFF")},
+         "Warning! Cannot parse catchup responce"},
+        {{.status = 200,
+          .error = {},
+          .body = R"({"TwVirtualFiles":[],"ShareTick":1,"LargestTick":99999999999})"},
+         "error LargestTick: number out of range"},
+        {{.status = 200, .error = {}, .body = huge}, "(100006 bytes)"},
+        {{.status = 200, .error = {}, .body = ""}, "Warning! Cannot parse catchup responce"},
+    };
+    for (const auto& [reply, line] : cases) {
+        world.loader.when(urlContains("CatchUp7")).times(1).answer([reply = reply](const auto&) {
+            return reply;
+        });
+        world.catchUps.catchUp(share);
+        world.settle();
+        EXPECT_TRUE(world.catchUps.failed("s1")) << line;
+        EXPECT_EQ(fileCount(), 0u) << line;
+        EXPECT_EQ(share->LastApplyedJournalTick, 5) << line;
+        EXPECT_TRUE(world.log.contains(line)) << world.log.text();
+    }
+    for (const auto& line : world.log.lines())
+        EXPECT_LT(line.size(), 4096u);
+
+    answer(page(1, 6));
+    world.catchUps.refresh();
+    world.settle();
+    EXPECT_FALSE(world.catchUps.failed("s1"));
+    EXPECT_EQ(fileCount(), 1u);
+}
+
+TEST_F(CatchUpTest, unreachableSharesWait) {
+    world.reachability.setReachable("clientgateway.d0.test", false);
+    world.catchUps.catchUp(share);
+    EXPECT_TRUE(world.catchUps.failed("s1"));
+    EXPECT_TRUE(
+        world.log.contains("sendCatchupRequest: domain d0.test is not reachable, will try again later."));
+    world.reachability.setReachable("clientgateway.d0.test", true);
+    world.connector.reachability().setDisableInternetConnection(true);
+    world.catchUps.catchUp(share);
+    world.connector.reachability().setDisableInternetConnection(false);
+    share->DomainId = "unknown";
+    world.catchUps.catchUp(share);
+    EXPECT_THAT(world.loader.requests(), IsEmpty());
+}
+
+TEST_F(CatchUpTest, aPageBelongsToTheShareAsItIsThen) {
+    // A gateway login put a new record in the share's place while the page was on its way.
+    auto held = answer(page(1, 6)).hold();
+    world.catchUps.catchUp(share);
+    const auto replacement = world.addShare("s1", 5);
+    held.releaseOne();
+    world.settle();
+    EXPECT_EQ(replacement->LastApplyedJournalTick, 6);
+
+    // The share is gone, or the user is.
+    world.catchUps.catchUp(replacement);
+    world.store.deleteShareData(replacement);
+    held.releaseOne();
+    world.settle();
+    EXPECT_EQ(fileCount(), 0u);
+
+    const auto again = world.addShare("s1", 5);
+    world.catchUps.catchUp(again);
+    world.login.logout();
+    held.releaseOne();
+    world.settle();
+    EXPECT_EQ(fileCount(), 0u);
+    EXPECT_EQ(again->LastApplyedJournalTick, 5);
+}
+
+class FullRefreshTest : public CatchUpTest {
+  protected:
+    FullRefreshTest() {
+        world.session.setNeedsFullRefresh(true);
+        world.defaults.set("needsFullRefresh", "true");
+        world.addShare("s2", 8, "d1");
+        world.addFile("F1", 1);
+        local = world.addFile("Flocal", 1);
+        other = world.addFile("Fother", 1, "s2");
+    }
+    TWVirtualFilePtr local, other;
+};
+
+TEST_F(FullRefreshTest, asksEveryShareFromItsFirstTickAndKnowsWhatIsOnlyHere) {
+    answer(page(1, 1));
+    world.loader.when([](const UrlRequest& request) { return header(request, "share") == "s2"; })
+        .reply(500, "");
+    world.catchUps.refresh();
+    EXPECT_TRUE(world.catchUps.inFullRefresh());
+    world.catchUps.catchUp(share);  // postponed
+    world.catchUps.refresh();       // runs already
+    EXPECT_THAT(ticksAsked(world), ::testing::UnorderedElementsAre("s1 0", "s2 0"));
+    world.settle();
+
+    EXPECT_FALSE(world.catchUps.inFullRefresh());
+    EXPECT_FALSE(world.session.needsFullRefresh());
+    EXPECT_FALSE(world.defaults.stored().contains("needsFullRefresh"));
+    EXPECT_EQ(world.log.count("Found only local file "), 1u) << world.log.text();
+    EXPECT_TRUE(world.log.contains("Found only local file /Share s1/Flocal.bin : adding it to journal."));
+    EXPECT_FALSE(local->OnlyLocal);
+    EXPECT_EQ(other->OnlyLocal, true) << "the listing of its share failed";
+}
+
+TEST_F(FullRefreshTest, endsWhenNobodyCanBeAskedAndIsTriedAgain) {
+    answer(page(1, 1));
+    world.reachability.setReachable("clientgateway.d0.test", false);
+    world.reachability.setReachable("clientgateway.d1.test", false);
+    world.catchUps.refresh();
+    EXPECT_FALSE(world.catchUps.inFullRefresh());
+    EXPECT_TRUE(world.session.needsFullRefresh());
+    world.reachability.setReachable("clientgateway.d0.test", true);
+    world.reachability.setReachable("clientgateway.d1.test", true);
+    world.catchUps.refresh();
+    EXPECT_EQ(ticksAsked(world).size(), 2u);
+    world.settle();
+    EXPECT_FALSE(world.session.needsFullRefresh());
+}
+
+TEST_F(FullRefreshTest, endsWhenADomainGoesAwayBetweenPages) {
+    answer(page(10000, 1));
+    world.loader.when([](const UrlRequest& request) { return header(request, "share") == "s2"; })
+        .reply(200, page(0, 0));
+    world.catchUps.refresh();
+    world.reachability.setReachable("clientgateway.d0.test", false);
+    world.settle();
+    EXPECT_FALSE(world.catchUps.inFullRefresh());
+    EXPECT_TRUE(world.catchUps.failed("s1"));
+}
+
+TEST(RefreshTimersTest, runAtTheirIntervals) {
+    struct Replay : JournalReplay {
+        void checkJournal() override { ++passes; }
+        bool refersTo(std::string_view) override { return false; }
+        int passes = 0;
+    };
+    for (const bool fast : {false, true}) {
+        Replay replay;
+        ConnectorWorld world({.isDataIsland = true, .settings = {}});
+        world.pretendLoggedIn();
+        world.addShare("s1");
+        world.loader.when(urlContains("login2")).reply(200, R"({"ErrorCode":"U101"})");
+        world.loader.when(urlContains("CatchUp7")).reply(200, page(0, 5));
+        world.connector.setJournalReplay(&replay);
+        world.session.setFastRefresh(fast);
+        world.connector.setupRefreshTimers();
+        world.connector.setupRefreshTimers();  // replaces, never doubles
+        for (int second = 0; second < 3600; ++second) {
+            world.loop.advance(std::chrono::seconds(1));
+            world.settle();
+        }
+        EXPECT_EQ(world.loader.requests(urlContains("login2")).size(), fast ? 12u : 3u);
+        EXPECT_EQ(world.loader.requests(urlContains("CatchUp7")).size(), fast ? 60u : 12u);
+        EXPECT_EQ(replay.passes, fast ? 60 : 720);
+
+        world.store.beginTermination();
+        world.catchUps.refresh();
+        EXPECT_TRUE(world.log.contains("CatchUp: app is terminating, skipping share refresh."));
+        EXPECT_TRUE(world.connector.stop(std::chrono::seconds(5)));
+        EXPECT_EQ(world.loop.advance(std::chrono::hours(2)), 0u);
+    }
+}
+
+}  // namespace
+}  // namespace tarnwell::testing

@@ -1,0 +1,303 @@
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "connector/ConnectorWorld.h"
+#include "connector/DownloadWorker.h"
+
+namespace tarnwell::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class DownloadTest : public ::testing::Test {
+  protected:
+    DownloadTest() {
+        world.pretendLoggedIn();
+        world.addShare("s1");
+    }
+    auto onRead() { return world.loader.when(urlContains("read.aspx")); }
+    std::vector<std::string> positions() {
+        std::vector<std::string> found;
+        for (const auto& request : world.loader.requests(urlContains("read.aspx"))) {
+            found.push_back(header(request, "fileName").value() + " " + header(request, "position").value());
+        }
+        return found;
+    }
+    bool runOne() { return world.downloads.runOneDownload(); }
+    void writeAt(const std::string& path, std::string_view bytes) {
+        world.folder.write(path.substr(world.folder.path().size() + 1), bytes);
+    }
+
+    ConnectorWorld world;
+};
+
+TEST_F(DownloadTest, chunksFollowTheSpeed) {
+    struct {
+        std::uint32_t chunk;
+        double speed;
+        std::uint32_t next;
+    } cases[] = {{131072, 131073, 262144}, {131072, 131072, 131072}, {131072, 10, 131072},
+                 {262144, 262143, 131072}, {1048576, 9e9, 2097152},  {2097152, 9e9, 2097152},
+                 {2097152, 2e6, 1048576}};
+    for (const auto& [chunk, speed, next] : cases)
+        EXPECT_EQ(DownloadWorker::nextChunkSize(chunk, speed), next);
+}
+
+TEST_F(DownloadTest, takesUserRequestsFirstAndInOrder) {
+    onRead().reply(200, "1234567890");
+    const auto automatic = world.addFile("Fa", 10);
+    const auto first = world.addFile("F1", 10);
+    const auto second = world.addFile("F2", 10);
+    const auto upgraded = world.addFile("F3", 10);
+    world.downloads.addFileDownloadTask(automatic, true);
+    world.downloads.addFileDownloadTask(upgraded, true);
+    world.downloads.addFileDownloadTask(first, false);
+    world.clock.advance(std::chrono::seconds(1));
+    world.downloads.addFileDownloadTask(second, false);
+    world.clock.advance(std::chrono::seconds(1));
+    world.downloads.addFileDownloadTask(upgraded, false);
+    EXPECT_TRUE(world.log.contains(
+        "Adding download task for F3.bin : already have it in queue, automaticDownload=0"));
+    EXPECT_EQ(world.downloads.downloadQueueLen(), 4);
+    while (runOne()) {
+    }
+    EXPECT_THAT(positions(), ElementsAre("UF1 0", "UF2 0", "UF3 0", "UFa 0"));
+    EXPECT_FALSE(world.downloads.hasDownloads());
+}
+
+TEST_F(DownloadTest, onlyContentsThatTheServiceHasAreQueued) {
+    auto folder = world.addFile("Fdir", 10);
+    folder->IsFile = false;
+    auto fresh = world.addFile("Fnew", 10);
+    fresh->UploadName.reset();
+    world.downloads.addFileDownloadTask(folder, false);
+    world.downloads.addFileDownloadTask(fresh, false);
+    world.downloads.downloadFile(world.addFile("Fempty", 0));
+    auto hidden = world.addFile("Fhidden", 10);
+    hidden->PublicName = ".hidden";
+    world.downloads.addFileDownloadTask(hidden, false);
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*hidden)) << "the service has it, so it can be read";
+    hidden->UploadUrl.reset();
+    EXPECT_TRUE(world.downloads.isFileDownloaded(*hidden)) << "it is only here";
+    const auto cached = world.addFile("Fcached", 4);
+    writeAt(world.cachePath(cached), "here");
+    world.downloads.downloadFile(cached);
+    EXPECT_FALSE(world.downloads.hasDownloads());
+}
+
+TEST_F(DownloadTest, aCutDownloadGoesOnWhereItEnded) {
+    const auto contents = pattern(300'000);
+    const auto file = world.addFile("F1", 300'000);
+    onRead().fail("connection reset");
+    onRead().times(1).answer(serving(contents));
+    world.downloads.downloadFile(file);
+    EXPECT_TRUE(runOne());
+    world.settle();
+    EXPECT_THAT(world.takeEvents(), ElementsAre("DownloadStarted", "DownloadProgress 131072",
+                                                "DownloadFinished: connection reset"));
+    EXPECT_FALSE(world.downloads.hasDownloads());
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*file));
+    EXPECT_TRUE(world.log.contains("File F1.bin chunk (131072, "));
+
+    // A login in between, and a logout, keep what is queued and what is here.
+    world.downloads.downloadFile(file);
+    world.login.logout();
+    EXPECT_EQ(world.downloads.downloadQueueLen(), 1);
+    onRead().answer(serving(contents));
+    EXPECT_TRUE(runOne());
+    world.settle();
+    EXPECT_EQ(contentsOf(world.cachePath(file)), contents);
+    EXPECT_FALSE(contentsOf(world.partialPath(file)));
+    EXPECT_EQ(file->DownloadDate, world.clock.now());
+    EXPECT_EQ(world.takeEvents().back(), "DownloadFinished");
+    EXPECT_THAT(positions()[2], "UF1 131072");
+}
+
+TEST_F(DownloadTest, chunksOnTheirWayTogetherAreKeptInOrder) {
+    const auto contents = pattern(1'000'000);
+    const auto file = world.addFile("F1", 1'000'000);
+    world.downloads.downloadFile(file);
+    auto held = onRead().answer(serving(contents)).hold();
+    std::thread worker([&] { EXPECT_TRUE(runOne()); });
+    EXPECT_TRUE(held.waitForHeld(1));
+    EXPECT_TRUE(held.releaseOne());
+    EXPECT_TRUE(held.waitForHeld(2)) << "the link is not idle between two chunks";
+    held.release();
+    worker.join();
+    EXPECT_EQ(contentsOf(world.cachePath(file)), contents);
+
+    // One that is shorter than asked: what was asked for behind it leaves no gap.
+    const auto other = world.addFile("F2", 1'000'000);
+    onRead().answer([&](const UrlRequest& request) {
+        auto reply = serving(contents)(request);
+        if (header(request, "position") == "131072") reply.body.resize(100'000);
+        return reply;
+    });
+    world.downloads.downloadFile(other);
+    EXPECT_TRUE(runOne());
+    EXPECT_EQ(contentsOf(world.cachePath(other)), contents);
+    EXPECT_THAT(positions(), ::testing::Contains("UF2 231072"));
+}
+
+TEST_F(DownloadTest, partialDataThatCannotBeTheFilesIsNotBuiltOn) {
+    const auto contents = pattern(1000);
+    const auto file = world.addFile("F1", 1000);
+    writeAt(world.partialPath(file), std::string(2000, 'x'));
+    onRead().answer(serving(contents));
+    world.downloads.downloadFile(file);
+    EXPECT_TRUE(runOne());
+    EXPECT_EQ(contentsOf(world.cachePath(file)), contents);
+}
+
+TEST_F(DownloadTest, badRepliesEndADownload) {
+    for (const UrlReply& reply : {UrlReply{.status = 200, .error = {}, .body = {}},
+                                  UrlReply{.status = 403, .error = {}, .body = "no"},
+                                  UrlReply{.status = 200, .error = "cut", .body = "123"}}) {
+        const auto file = world.addFile("F1", 10);
+        onRead().answer([reply](const auto&) { return reply; });
+        world.downloads.downloadFile(file);
+        EXPECT_TRUE(runOne());
+        EXPECT_FALSE(world.downloads.hasDownloads());
+        EXPECT_FALSE(contentsOf(world.cachePath(file)));
+        EXPECT_EQ(contentsOf(world.partialPath(file)), "");
+    }
+}
+
+TEST_F(DownloadTest, cancelAndDeleteReachTheRunningDownload) {
+    struct {
+        bool remove;
+        std::optional<std::size_t> partialSize;
+    } cases[] = {{false, 131072}, {true, std::nullopt}};
+    for (const auto& [remove, partialSize] : cases) {
+        const auto file = world.addFile(remove ? "F1" : "F2", 300'000);
+        onRead().answer([&, remove = remove](const UrlRequest& request) {
+            EXPECT_TRUE(world.downloads.isFileDownloading(*file, true));
+            if (remove)
+                world.downloads.deleteFileDownload(file);
+            else
+                world.downloads.cancelFileDownload(file);
+            return serving(pattern(300'000))(request);
+        });
+        world.downloads.downloadFile(file);
+        EXPECT_TRUE(runOne());
+        EXPECT_FALSE(world.downloads.hasDownloads());
+        const auto partial = contentsOf(world.partialPath(file));
+        EXPECT_EQ(partial ? std::optional(partial->size()) : std::nullopt, partialSize);
+    }
+    EXPECT_EQ(world.log.count(" download cancelled."), 2u);
+    EXPECT_TRUE(
+        world.log.contains("File download cancelled and delete requested - cleaning up partial download."));
+
+    // Asked for again before the worker noticed: the wish counts.
+    const auto file = world.addFile("F3", 300'000);
+    onRead().times(1).answer([&](const UrlRequest& request) {
+        world.downloads.cancelFileDownload(file);
+        world.downloads.addFileDownloadTask(file, false);
+        return serving(pattern(300'000))(request);
+    });
+    world.downloads.downloadFile(file);
+    EXPECT_TRUE(runOne());
+    EXPECT_TRUE(world.downloads.isFileInDownloadQueue(*file));
+}
+
+TEST_F(DownloadTest, aNewVersionOfTheRecordWins) {
+    const auto file = world.addFile("F1", 10);
+    world.downloads.downloadFile(file);
+    onRead().answer([&](const UrlRequest&) {
+        const auto lock = world.store.beginWriteStorage();
+        file->UploadName = "Unewer";
+        return UrlReply{.status = 200, .error = {}, .body = "old bytes."};
+    });
+    EXPECT_TRUE(runOne());
+    EXPECT_FALSE(contentsOf(world.cachePath(file)));
+    EXPECT_FALSE(world.downloads.hasDownloads());
+
+    // The record goes away while its download fails: what had come is not kept.
+    const auto gone = world.addFile("F2", 10);
+    world.downloads.downloadFile(gone);
+    onRead().answer([&](const UrlRequest&) {
+        const auto lock = world.store.beginWriteStorage();
+        world.store.deleteFileMetadata(gone);
+        return UrlReply{.status = 403, .error = {}, .body = {}};
+    });
+    EXPECT_TRUE(runOne());
+    EXPECT_FALSE(contentsOf(world.partialPath(gone)));
+    EXPECT_FALSE(world.downloads.hasDownloads());
+}
+
+TEST_F(DownloadTest, aFileWhoseShareIsGoneIsTriedAgainLater) {
+    const auto file = world.addFile("F1", 10, "missing");
+    world.downloads.addFileDownloadTask(file, true);
+    EXPECT_TRUE(runOne());
+    EXPECT_TRUE(
+        world.log.contains("Warning! Attempt to download file from share missing, which is not found."));
+    EXPECT_FALSE(runOne()) << "not before ten seconds are over";
+    world.clock.advance(std::chrono::seconds(10));
+    EXPECT_TRUE(runOne());
+}
+
+TEST_F(DownloadTest, theWorkerSleepsUntilThereIsWorkAndStops) {
+    const auto contents = pattern(500'000);
+    onRead().answer(serving(contents));
+    const auto leftover = world.layout.downloadsCachePath() + "/whole-1";
+    writeAt(leftover, "x");
+    const auto kept = world.addFile("Fkept", 500'000);
+    kept->Synchronize = true;
+    world.connector.startup();
+    EXPECT_FALSE(contentsOf(leftover));
+    const auto asked = world.addFile("Fasked", 500'000);
+    world.downloads.downloadFile(asked);
+    EXPECT_TRUE(world.loop.waitUntil([&] { return world.downloads.isFileDownloaded(*asked); }));
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*kept));
+    world.loop.advance(std::chrono::seconds(5));
+    world.settle();
+    EXPECT_TRUE(world.loop.waitUntil([&] { return world.downloads.isFileDownloaded(*kept); }));
+    EXPECT_TRUE(world.connector.stop(std::chrono::seconds(5)));
+    EXPECT_TRUE(world.connector.stop(std::chrono::seconds(5)));
+}
+
+TEST_F(DownloadTest, stopEndsADownloadInItsMiddle) {
+    auto held = onRead().hold();
+    world.connector.startup();
+    world.downloads.downloadFile(world.addFile("F1", 500'000));
+    EXPECT_TRUE(held.waitForHeld(1));
+    EXPECT_TRUE(world.connector.stop(std::chrono::seconds(5)));
+}
+
+TEST_F(DownloadTest, oldContentsExpireUnlessTheyAreNeeded) {
+    struct {
+        const char* setting;
+        int ageHours;
+        bool stays;
+    } cases[] = {{"", 1439, true},    {"", 1441, false}, {"0", 3, true},   {"0", 5, false},
+                 {"-1", 99999, true}, {"2", 47, true},   {"2", 49, false}, {"nonsense", 1439, true}};
+    for (const auto& [setting, ageHours, stays] : cases) {
+        if (*setting) world.defaults.set("Tarnwell.storeFiles", setting);
+        const auto add = [&, age = ageHours](const char* id) {
+            const auto file = world.addFile(id, 4);
+            writeAt(world.cachePath(file), "data");
+            file->DownloadDate = world.clock.now() - std::chrono::hours(age);
+            return file;
+        };
+        const auto plain = add("Fplain");
+        const auto synchronized = add("Fsync");
+        synchronized->Synchronize = true;
+        const auto unsent = add("Funsent");
+        unsent->LocallyUpdated = true;
+        const auto undated = add("Fundated");
+        undated->DownloadDate.reset();
+        world.downloads.performCheckDownloadsToDelete();
+        world.settle();
+        EXPECT_EQ(contentsOf(world.cachePath(plain)).has_value(), stays) << setting << " " << ageHours;
+        EXPECT_EQ(plain->DownloadDate.has_value(), stays);
+        for (const auto& file : {synchronized, unsent, undated}) {
+            EXPECT_TRUE(contentsOf(world.cachePath(file))) << file->PublicName;
+        }
+    }
+    EXPECT_THAT(world.takeEvents(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarnwell::testing

@@ -1,0 +1,146 @@
+#include "drive/DriveWorld.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace tarnwell::testing {
+
+bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
+    {
+        std::lock_guard lock(mutex_);
+        if (std::exchange(failNext_, false)) throw std::runtime_error("scripted");
+    }
+    return ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
+}
+
+std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePtr& file,
+                                                           std::int64_t position, std::int64_t size) {
+    std::unique_lock lock(mutex_);
+    ++fetches_;
+    ++waiting_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return !held_; });
+    --waiting_;
+    const auto found = remote_.find(file->InternalName.str());
+    if (found == remote_.end()) return std::nullopt;
+    return found->second.substr(static_cast<std::size_t>(position), static_cast<std::size_t>(size) + excess_);
+}
+
+void FakeMediator::journalUpdate(const TWVirtualFilePtr& file) {
+    std::lock_guard lock(mutex_);
+    journalled_.push_back(file->InternalName.str());
+}
+
+void FakeMediator::setRemote(const std::string& id, std::string contents) {
+    std::lock_guard lock(mutex_);
+    remote_[id] = std::move(contents);
+}
+
+void FakeMediator::hold() {
+    std::lock_guard lock(mutex_);
+    held_ = true;
+}
+
+void FakeMediator::release() {
+    std::lock_guard lock(mutex_);
+    held_ = false;
+    changed_.notify_all();
+}
+
+bool FakeMediator::waitForHeld(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return waiting_ >= count; });
+}
+
+void FakeMediator::failNext() {
+    std::lock_guard lock(mutex_);
+    failNext_ = true;
+}
+
+void FakeMediator::answerTooMuch(std::size_t bytes) {
+    std::lock_guard lock(mutex_);
+    excess_ = bytes;
+}
+
+std::size_t FakeMediator::fetches() const {
+    std::lock_guard lock(mutex_);
+    return fetches_;
+}
+
+std::vector<std::string> FakeMediator::journalled() const {
+    std::lock_guard lock(mutex_);
+    return journalled_;
+}
+
+DriveWorld::DriveWorld()
+    : layout({folder.path(), folder.path("data"), folder.path("cache"), "Tarnwell", ""}),
+      mediator(layout),
+      store({layout, clock, background, [] { return std::string("user"); }, [] {}}) {
+    layout.initCachePathes();
+    drive = {new TWFuseFileSystem(store, layout, background, mediator), [this](TWFuseFileSystem* gone) {
+                 delete gone;
+                 driveGone.set_value();
+             }};
+}
+
+DriveWorld::~DriveWorld() {
+    mediator.release();
+}
+
+ManagedSharePtr DriveWorld::addShare(const std::string& id, const std::string& name, std::int32_t aclType) {
+    auto share = std::make_shared<ManagedShare>();
+    share->ShareId = id;
+    share->DisplayName = name;
+    share->ShareAcl = ShareACL{};
+    share->ShareAcl->AclType = aclType;
+    share->CreationDate = share->ModificationDate = clock.now();
+    store.insertShare(share);
+    store.createFolderForShare(*share);
+    return share;
+}
+
+TWVirtualFilePtr DriveWorld::add(const std::string& parentId, const std::string& name, bool isFile,
+                                 std::int64_t size) {
+    const auto lock = store.beginWriteStorage();
+    auto file = std::make_shared<TWVirtualFile>();
+    const auto parent = store.fileWithId(parentId);
+    file->ShareId = parent ? parent->ShareId : SharedString(parentId);
+    file->InternalName = TWMetadataStorage::generateFileInternalName();
+    file->ParrentId = parentId;
+    file->PublicName = name;
+    file->IsFile = isFile;
+    file->CreationTime = file->LastWriteTime = file->LastAccessTime = clock.now();
+    if (isFile) file->AllocationSize = file->EndOfFile = size;
+    store.addFileMetadata(file);
+    return file;
+}
+
+TWVirtualFilePtr DriveWorld::addFolder(const std::string& parentId, const std::string& name) {
+    return add(parentId, name, false, 0);
+}
+
+TWVirtualFilePtr DriveWorld::addCached(const std::string& parentId, const std::string& name,
+                                       const std::string& contents) {
+    auto file = add(parentId, name, true, static_cast<std::int64_t>(contents.size()));
+    std::ofstream(layout.cachePathForFile(*file), std::ios::binary) << contents;
+    return file;
+}
+
+TWVirtualFilePtr DriveWorld::addRemote(const std::string& parentId, const std::string& name,
+                                       const std::string& contents) {
+    auto file = add(parentId, name, true, static_cast<std::int64_t>(contents.size()));
+    mediator.setRemote(file->InternalName.str(), contents);
+    return file;
+}
+
+void DriveWorld::rename(const TWVirtualFilePtr& file, const std::string& name) {
+    const auto lock = store.beginWriteStorage();
+    store.deleteFileMetadata(file);
+    file->PublicName = name;
+    file->FullPath.reset();
+    store.addFileMetadata(file);
+}
+
+}  // namespace tarnwell::testing

@@ -1,0 +1,387 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "LocalTlsServer.h"
+#include "platform/BackgroundQueue.h"
+#include "platform/CurlUrlLoader.h"
+#include "support/LogCapture.h"
+#include "support/ManualExecutors.h"
+
+namespace tarnwell {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::LocalTlsServer;
+using testing::LogCapture;
+using testing::ManualExecutor;
+using Request = LocalTlsServer::Request;
+using Connection = LocalTlsServer::Connection;
+
+bool answerOk(const Request&, Connection& connection) {
+    connection.reply(200, "ok");
+    return true;
+}
+
+/// Sends the request's body back; a size as target gives that many bytes.
+bool echo(const Request& request, Connection& connection) {
+    if (request.method == "POST")
+        connection.reply(200, request.body);
+    else
+        connection.reply(200, std::string(std::stoul(request.target.substr(1)), 'x'));
+    return true;
+}
+
+/// A handler that answers nothing until the peer leaves.
+bool silence(const Request&, Connection& connection) {
+    while (!connection.ended()) {
+    }
+    return false;
+}
+
+class UrlLoaderTest : public ::testing::Test {
+  public:
+    UrlLoaderTest() { ::signal(SIGPIPE, SIG_IGN); }  // the server's own writes
+    static CurlUrlLoader::Options trusting(const LocalTlsServer& server) {
+        return {.certificateAuthority = server.authorityFile()};
+    }
+    static UrlReply get(UrlLoader& loader, const std::string& url, std::chrono::milliseconds timeout = 10s) {
+        return loader.sendSynchronously({.url = url, .idleTimeout = timeout});
+    }
+};
+
+TEST_F(UrlLoaderTest, thousandRequestsNeedOneHandshake) {
+    LocalTlsServer server(answerOk);
+    CurlUrlLoader loader(trusting(server));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; ++i) {
+        const auto reply = get(loader, server.url("/"));
+        ASSERT_TRUE(reply.succeeded()) << reply.error;
+        ASSERT_EQ(reply.body, "ok");
+    }
+    RecordProperty("microsecondsEach",
+                   static_cast<int>((std::chrono::steady_clock::now() - start) / 1us / 1000));
+    EXPECT_EQ(server.handshakes(), 1);
+    EXPECT_EQ(loader.connectionsOpened(), 1u);
+}
+
+TEST_F(UrlLoaderTest, manyThreadsShareFewConnections) {
+    LocalTlsServer server(echo);
+    CurlUrlLoader loader(trusting(server));
+    std::vector<std::thread> threads;
+    std::atomic<int> right = 0;
+    for (int i = 0; i < 24; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 10; ++n) {
+                const auto text = std::to_string(i) + "/" + std::to_string(n);
+                const auto reply =
+                    loader.sendSynchronously({.method = "POST", .url = server.url("/echo"), .body = text});
+                if (reply.succeeded() && reply.body == text) ++right;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(right, 240);
+    EXPECT_LE(server.handshakes(), 8);
+}
+
+TEST_F(UrlLoaderTest, sendsWhatWasAskedAndNothingElse) {
+    std::promise<Request> seen;
+    LocalTlsServer server([&](const Request& request, Connection& connection) {
+        seen.set_value(request);
+        connection.reply(200, "");
+        return true;
+    });
+    CurlUrlLoader loader(trusting(server));
+    UrlRequest request{.method = "POST", .url = server.url("/a b?useremail=änn@example.org")};
+    request.headers = {{"deviceid", ""}, {"token", "a%2Db"}, {"Content-Length", "77"}};
+    ASSERT_TRUE(loader.sendSynchronously(request).succeeded());
+    const auto sent = seen.get_future().get();
+    EXPECT_EQ(sent.method, "POST");
+    EXPECT_EQ(sent.target, "/a%20b?useremail=%C3%A4nn@example.org");
+    std::map<std::string, std::string> headers(sent.headers.begin(), sent.headers.end());
+    EXPECT_EQ(headers.erase("host"), 1u);
+    EXPECT_EQ(headers, (std::map<std::string, std::string>{{"accept", "*/*"},
+                                                           {"content-length", "0"},
+                                                           {"deviceid", ""},
+                                                           {"token", "a%2Db"},
+                                                           {"user-agent", "Tarnwell"}}));
+}
+
+TEST_F(UrlLoaderTest, refusesMalformedRequestsBeforeSending) {
+    LocalTlsServer server(answerOk);
+    CurlUrlLoader loader(trusting(server));
+    const auto good = server.url("/");
+    const UrlRequest cases[] = {
+        {.url = good, .headers = {{"token", "a\r\nX-Evil: 1"}}},
+        {.url = good, .headers = {{"token", "a\nb"}}},
+        {.url = good, .headers = {{"token", std::string("a\0b", 3)}}},
+        {.url = good, .headers = {{"to ken", "a"}}},
+        {.url = good, .headers = {{"token:", "a"}}},
+        {.url = good, .headers = {{"", "a"}}},
+        {.url = good, .headers = {{"Transfer-Encoding", "chunked"}}},
+        {.method = "GET / HTTP/1.1\r\nX:", .url = good},
+        {.method = "", .url = good},
+        {.url = good + "\r\nX-Evil: 1"},
+        {.url = "http" + good.substr(5)},
+        {.url = "file:///etc/passwd"},
+        {.url = "https://"},
+        {.url = ""},
+    };
+    for (const auto& request : cases) {
+        const auto reply = loader.sendSynchronously(request);
+        EXPECT_EQ(reply.status, 0);
+        EXPECT_THAT(reply.error, ::testing::StartsWith("invalid ")) << request.url;
+    }
+    EXPECT_EQ(server.accepted(), 0);
+}
+
+TEST_F(UrlLoaderTest, trustsOnlyKnownAuthoritiesAndTheRightName) {
+    LogCapture log;
+    LocalTlsServer server(answerOk), other(answerOk), named(answerOk, "only.localhost");
+    {
+        CurlUrlLoader system;
+        EXPECT_FALSE(get(system, server.url("/")).error.empty()) << "an unknown authority was trusted";
+        CurlUrlLoader wrong(trusting(other));
+        EXPECT_FALSE(get(wrong, server.url("/")).error.empty()) << "another authority was trusted";
+        CurlUrlLoader right(trusting(named));
+        EXPECT_FALSE(get(right, named.url("/")).error.empty())
+            << "a certificate for another name was accepted";
+        EXPECT_TRUE(get(right, named.url("/", "only.localhost")).succeeded());
+        EXPECT_TRUE(get(right, named.url("/", "127.0.0.1")).succeeded());
+    }
+    CurlUrlLoader missing({.certificateAuthority = "/nonexistent/ca.pem"});
+    EXPECT_FALSE(get(missing, server.url("/")).error.empty());
+    EXPECT_TRUE(log.contains("/nonexistent/ca.pem")) << log.text();
+    EXPECT_EQ(server.handshakes(), 0);
+}
+
+TEST_F(UrlLoaderTest, repliesThatAreNotWholeAreErrors) {
+    const struct {
+        const char* what;
+        std::string bytes;
+    } cases[] = {
+        {"body cut short", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nonly this"},
+        {"chunk cut short", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n64\r\nonly this"},
+        {"last chunk missing", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nonly\r\n"},
+        {"no length, connection lost", "HTTP/1.1 200 OK\r\n\r\nonly this"},
+        {"head cut short", "HTTP/1.1 200 OK\r\nContent-Le"},
+        {"no reply", ""},
+        {"not HTTP", "220 mail.example.org ESMTP\r\n"},
+        {"nonsense length", "HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\n"},
+    };
+    for (const auto& [what, bytes] : cases) {
+        LocalTlsServer server([&bytes = bytes](const Request&, Connection& connection) {
+            connection.write(bytes);
+            return false;
+        });
+        CurlUrlLoader loader(trusting(server));
+        const auto reply = get(loader, server.url("/"));
+        EXPECT_FALSE(reply.error.empty()) << what;
+        EXPECT_FALSE(reply.succeeded()) << what;
+    }
+}
+
+TEST_F(UrlLoaderTest, limitsTheReplyAlsoWhenItsLengthIsHiddenOrCompressed) {
+    // gzip's form of 100,000 zero bytes.
+    static const auto kPacked = std::string(
+                                    "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xed\xc1\x31\x01\x00\x00\x00\xc2"
+                                    "\xa0\xf5\x4f\x6d\x0d\x0f\xa0",
+                                    25) +
+                                std::string(96, '\0') +
+                                std::string("\x80\x57\x03\x7d\x95\x11\xd4\xa0\x86\x01\x00", 11);
+    LocalTlsServer server([](const Request& request, Connection& connection) {
+        if (request.target == "/chunked") {
+            connection.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+            for (int i = 0; i < 100; ++i)
+                connection.write("3e8\r\n" + std::string(1000, 'x') + "\r\n");
+            connection.write("0\r\n\r\n");
+        } else if (request.target == "/packed") {
+            connection.reply(200, kPacked, "Content-Encoding: gzip\r\n");
+        } else {
+            return echo(request, connection);
+        }
+        return true;
+    });
+    CurlUrlLoader loader(trusting(server));
+    for (const auto* target : {"/chunked", "/100000", "/packed"}) {
+        UrlRequest request{.url = server.url(target), .maximumReplyBytes = 100'000, .acceptCompressed = true};
+        const auto whole = loader.sendSynchronously(request);
+        EXPECT_EQ(whole.error, "") << target;
+        EXPECT_EQ(whole.body.size(), 100'000u) << target;
+        request.maximumReplyBytes = 99'999;
+        EXPECT_EQ(loader.sendSynchronously(request).error, "the reply is too long") << target;
+    }
+}
+
+TEST_F(UrlLoaderTest, largeRangesArriveWholeInOneBuffer) {
+    LocalTlsServer server(echo);
+    CurlUrlLoader loader(trusting(server));
+    constexpr std::size_t kSize = 2u << 20;
+    const auto reply = get(loader, server.url("/" + std::to_string(kSize)));
+    ASSERT_TRUE(reply.succeeded()) << reply.error;
+    EXPECT_EQ(reply.body.size(), kSize);
+    EXPECT_LT(reply.body.capacity(), kSize + 4096) << "the buffer grew by doubling";
+
+    std::string body(3u << 20, '\0');
+    std::mt19937 random(7);
+    for (auto& byte : body)
+        byte = static_cast<char>(random());
+    const auto posted = loader.sendSynchronously({.method = "POST", .url = server.url("/"), .body = body});
+    EXPECT_TRUE(posted.body == body) << posted.error;
+}
+
+TEST_F(UrlLoaderTest, idleTimeCountsFromTheLastByteNotFromTheStart) {
+    LocalTlsServer server([](const Request&, Connection& connection) {
+        connection.write("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n");
+        for (int i = 0; i < 8; ++i) {
+            const auto next = std::chrono::steady_clock::now() + 150ms;
+            while (std::chrono::steady_clock::now() < next) {
+                if (connection.ended()) return false;
+            }
+            connection.write("x");
+        }
+        return true;
+    });
+    CurlUrlLoader loader(trusting(server));
+    EXPECT_TRUE(get(loader, server.url("/"), 1000ms).succeeded())
+        << "a slow transfer that moves was given up";
+    const auto reply = get(loader, server.url("/"), 60ms);
+    EXPECT_EQ(reply.error, "timed out");
+
+    const auto begin = std::chrono::steady_clock::now();
+    const auto trickle =
+        loader.sendSynchronously({.url = server.url("/"), .idleTimeout = 10s, .totalTimeout = 400ms});
+    EXPECT_EQ(trickle.error, "timed out") << "bytes that trickle hold nobody for ever";
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 400ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1100ms);
+    EXPECT_TRUE(loader.sendSynchronously({.url = server.url("/"), .idleTimeout = 10s, .totalTimeout = 10s})
+                    .succeeded());
+}
+
+TEST_F(UrlLoaderTest, silentServersAndDeadConnectionsTimeOut) {
+    LocalTlsServer server(silence);
+    CurlUrlLoader loader(trusting(server));
+    // Accepts connections and never says a word: the handshake hangs.
+    const int mute = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(mute, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(mute, 4), 0);
+    ASSERT_EQ(::getsockname(mute, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const auto muteUrl = "https://mute.localhost:" + std::to_string(ntohs(address.sin_port)) + "/";
+    for (const auto& url : {server.url("/"), muteUrl}) {
+        const auto start = std::chrono::steady_clock::now();
+        const auto reply = get(loader, url, 200ms);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(reply.error, "timed out") << url;
+        EXPECT_EQ(reply.status, 0);
+        EXPECT_GE(took, 200ms);
+        EXPECT_LT(took, 5s);
+    }
+    ::close(mute);
+    EXPECT_THAT(get(loader, muteUrl).error, ::testing::HasSubstr("connect"))
+        << "a refused connection fails at once";
+}
+
+TEST_F(UrlLoaderTest, requestsBehindADeadHostDoNotWaitTwice) {
+    LocalTlsServer server(silence), alive(answerOk);
+    CurlUrlLoader loader({.certificateAuthority = server.authorityFile()});
+    BackgroundQueue queue(1);
+    std::mutex mutex;
+    std::condition_variable changed;
+    int failed = 0;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 30; ++i) {
+        loader.sendAsynchronously({.url = server.url("/"), .idleTimeout = 1500ms}, queue,
+                                  [&](UrlReply reply) {
+                                      std::lock_guard lock(mutex);
+                                      failed += reply.error == "timed out";
+                                      changed.notify_all();
+                                  });
+    }
+    // Another host is not held up (its certificate is not trusted here, which is an answer too).
+    EXPECT_FALSE(get(loader, alive.url("/", "alive.localhost")).error.empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return failed == 30; })) << failed;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 4500ms) << "one time-out after another";
+    lock.unlock();
+    queue.stop(10s);
+}
+
+TEST_F(UrlLoaderTest, redirectsAreRepliesNotFollowed) {
+    LocalTlsServer server([](const Request& request, Connection& connection) {
+        if (request.target == "/")
+            connection.reply(302, "moved", "Location: /secret\r\n");
+        else
+            connection.reply(200, "followed");
+        return true;
+    });
+    CurlUrlLoader loader(trusting(server));
+    const auto reply = get(loader, server.url("/"));
+    EXPECT_EQ(reply.status, 302);
+    EXPECT_EQ(reply.body, "moved");
+    EXPECT_FALSE(reply.succeeded());
+}
+
+TEST_F(UrlLoaderTest, keptConnectionThatTheServerClosedIsReplaced) {
+    LocalTlsServer server([](const Request&, Connection& connection) {
+        connection.reply(200, "ok");
+        return false;  // closes without a word
+    });
+    CurlUrlLoader loader(trusting(server));
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(get(loader, server.url("/")).succeeded());
+    EXPECT_EQ(loader.connectionsOpened(), 5u);
+}
+
+TEST_F(UrlLoaderTest, stopFailsWhatRunsAndWhatComes) {
+    LocalTlsServer server(silence);
+    CurlUrlLoader loader(trusting(server));
+    BackgroundQueue queue(2);
+    std::vector<std::future<UrlReply>> blocked;
+    for (int i = 0; i < 12; ++i) {  // some run, some wait
+        blocked.push_back(std::async(std::launch::async, [&] { return get(loader, server.url("/"), 60s); }));
+    }
+    std::promise<UrlReply> asynchronous;
+    loader.sendAsynchronously({.url = server.url("/")}, queue,
+                              [&](UrlReply reply) { asynchronous.set_value(std::move(reply)); });
+    while (server.handshakes() < 8)
+        std::this_thread::yield();
+    const auto start = std::chrono::steady_clock::now();
+    loader.stop();
+    for (auto& reply : blocked)
+        EXPECT_EQ(reply.get().error, "cancelled");
+    EXPECT_EQ(asynchronous.get_future().get().error, "cancelled");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_EQ(get(loader, server.url("/")).error, "cancelled");
+    loader.stop();
+}
+
+TEST_F(UrlLoaderTest, completionsRunOnTheQueueOnly) {
+    LocalTlsServer server(answerOk);
+    CurlUrlLoader loader(trusting(server));
+    ManualExecutor queue;
+    std::thread::id ran;
+    loader.sendAsynchronously({.url = server.url("/")}, queue, [&](UrlReply reply) {
+        ran = std::this_thread::get_id();
+        EXPECT_TRUE(reply.succeeded()) << reply.error;
+    });
+    ASSERT_TRUE(queue.waitForTask());
+    queue.runAll();
+    EXPECT_EQ(ran, std::this_thread::get_id());
+}
+
+}  // namespace
+}  // namespace tarnwell

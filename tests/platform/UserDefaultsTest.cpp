@@ -1,0 +1,210 @@
+#include <sys/stat.h>
+
+#include <thread>
+
+#include "platform/FileUserDefaults.h"
+#include "support/LogCapture.h"
+#include "support/MemoryUserDefaults.h"
+#include "support/TemporaryFolder.h"
+
+namespace tarnwell {
+namespace {
+
+using testing::LogCapture;
+using testing::MemoryUserDefaults;
+using testing::TemporaryFolder;
+
+const std::map<std::string, std::string> kAwkward = {
+    {"Tarnwell.username", "ann@example.org"},
+    {"TWGlobalAddress", "*"},
+    {"key with spaces", " leading and trailing "},
+    {"a=b", "c=d=e"},
+    {"#no comment", "# no comment"},
+    {"[section]", "\"quoted\", and, commas"},
+    {"path\\to", "C:\\new\\x41"},
+    {"lines", "one\ntwo\r\nthree\t"},
+    {"Größe/日本語", "ünïcödé 🗂 e\xcc\x81"},
+    {"bytes", std::string("\x01\x7f\x00z", 4)},
+    {"empty", ""},
+    {" ", " "},
+    {"@Invalid()", "@ByteArray(x)"},
+};
+
+mode_t modeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+/// The settings in memory and in a file behave alike.
+class UserDefaultsContract : public ::testing::TestWithParam<bool> {
+  public:
+    UserDefaultsContract() {
+        if (GetParam())
+            settings_ = std::make_unique<FileUserDefaults>(folder_.path("settings.ini"));
+        else
+            settings_ = std::make_unique<MemoryUserDefaults>();
+    }
+    UserDefaults& settings() { return *settings_; }
+
+  private:
+    TemporaryFolder folder_;
+    std::unique_ptr<UserDefaults> settings_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, UserDefaultsContract, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "File" : "Memory"; });
+
+TEST_P(UserDefaultsContract, keepsValuesAndRemovals) {
+    settings().set("a", "1");
+    settings().set("b", "2");
+    EXPECT_TRUE(settings().synchronize());
+    settings().set("a", "3");
+    settings().remove("b");
+    settings().remove("never there");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(settings().all(), (std::map<std::string, std::string>{{"a", "3"}}));
+        EXPECT_TRUE(settings().synchronize());
+    }
+    EXPECT_FALSE(settings().contains("b"));
+}
+
+TEST_P(UserDefaultsContract, readsFlagsAndNumbers) {
+    const struct {
+        const char* text;
+        bool flag;
+        int number;
+    } cases[] = {{"true", true, -7},     {"YES", true, -7},         {"on", true, -7},     {"1", true, 1},
+                 {"-1", true, -1},       {"0", false, 0},           {"false", false, -7}, {"", false, -7},
+                 {"60 days", false, -7}, {"99999999999", false, -7}};
+    for (const auto& [text, flag, number] : cases) {
+        settings().set("key", text);
+        EXPECT_EQ(settings().getBool("key"), flag) << text;
+        EXPECT_EQ(settings().getInt("key", -7), number) << text;
+    }
+    EXPECT_FALSE(settings().getBool("absent"));
+    EXPECT_EQ(settings().getInt("absent", 60), 60);
+}
+
+TEST(FileUserDefaultsTest, everyKeyAndValueComesBackFromAPrivateFile) {
+    TemporaryFolder folder;
+    const auto path = folder.path("made/on/demand/settings.ini");
+    {
+        FileUserDefaults settings(path);
+        for (const auto& [key, value] : kAwkward)
+            settings.set(key, value);
+        ASSERT_TRUE(settings.synchronize());
+    }
+    EXPECT_EQ(FileUserDefaults(path).all(), kAwkward);
+    EXPECT_EQ(modeOf(path), 0600u);
+    EXPECT_EQ(modeOf(folder.path("made")), 0700u);
+    EXPECT_NE(folder.read("made/on/demand/settings.ini").find("\nTarnwell.username=ann@example.org\n"),
+              std::string::npos)
+        << "people read and edit the file";
+}
+
+TEST(FileUserDefaultsTest, readsWhatPeopleWrite) {
+    TemporaryFolder folder;
+    const auto path = folder.write("settings.ini",
+                                   "; comment\r\n[General]\r\n\r\n  TWKeychainFile = /home/ann/keys \r\n"
+                                   "twice=1\ntwice=2\nno newline=at end");
+    EXPECT_EQ(FileUserDefaults(path).all(),
+              (std::map<std::string, std::string>{
+                  {"TWKeychainFile", "/home/ann/keys"}, {"twice", "2"}, {"no newline", "at end"}}));
+}
+
+TEST(FileUserDefaultsTest, processesMergeTheirChanges) {
+    TemporaryFolder folder;
+    const auto path = folder.path("settings.ini");
+    FileUserDefaults client(path), tool(path);
+    client.set("mine", "1");
+    client.set("both", "client");
+    tool.set("theirs", "2");
+    tool.set("both", "tool");
+    ASSERT_TRUE(tool.synchronize());
+    EXPECT_FALSE(client.contains("theirs"));
+    ASSERT_TRUE(client.synchronize());
+    EXPECT_EQ(client.all(),
+              (std::map<std::string, std::string>{{"both", "client"}, {"mine", "1"}, {"theirs", "2"}}));
+    tool.remove("mine");
+    ASSERT_TRUE(tool.synchronize());
+    ASSERT_TRUE(client.synchronize());
+    EXPECT_FALSE(client.contains("mine"));
+    EXPECT_EQ(client.get("both"), "client");
+}
+
+TEST(FileUserDefaultsTest, manyThreadsAndObjectsLoseNothing) {
+    TemporaryFolder folder;
+    const auto path = folder.path("settings.ini");
+    FileUserDefaults shared(path);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            FileUserDefaults own(path);
+            for (int n = 0; n < 10; ++n) {
+                auto& settings = n % 2 ? static_cast<UserDefaults&>(shared) : own;
+                settings.set(std::to_string(i) + "." + std::to_string(n), "x");
+                EXPECT_TRUE(settings.synchronize());
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(FileUserDefaults(path).all().size(), 40u);
+}
+
+TEST(FileUserDefaultsTest, damagedFileIsSetAsideAndItsGoodLinesKept) {
+    const std::string damage[] = {"garbage without a sign\n", "bad=\\q\n", "cut=\\x4\n", "=no key\n",
+                                  std::string("nul\0=x\n", 7)};
+    for (const auto& line : damage) {
+        LogCapture log;
+        TemporaryFolder folder;
+        const auto contents = "good=1\n" + line + "also=2\n";
+        const auto path = folder.write("settings.ini", contents);
+        FileUserDefaults settings(path);
+        EXPECT_EQ(settings.all(), (std::map<std::string, std::string>{{"also", "2"}, {"good", "1"}})) << line;
+        EXPECT_EQ(folder.read("settings.ini.damaged"), contents);
+        EXPECT_EQ(log.count("damaged lines"), 1u) << log.text();
+        settings.set("new", "3");
+        EXPECT_TRUE(settings.synchronize());
+        EXPECT_EQ(FileUserDefaults(path).all().size(), 3u);
+    }
+}
+
+TEST(FileUserDefaultsTest, whatCannotBeReadOrWrittenIsNeverReplaced) {
+    LogCapture log;
+    TemporaryFolder folder;
+    folder.write("settings.ini/occupied", "");  // a folder in the file's place
+    FileUserDefaults settings(folder.path("settings.ini"));
+    settings.set("a", "1");
+    EXPECT_FALSE(settings.synchronize());
+    EXPECT_EQ(settings.get("a"), "1") << "the change stays in memory for a later try";
+    EXPECT_TRUE(log.contains("Cannot read settings")) << log.text();
+
+    folder.write("file", "");
+    FileUserDefaults below(folder.path("file/settings.ini"));
+    below.set("a", "1");
+    EXPECT_FALSE(below.synchronize());
+
+    std::string large(5u << 20, 'x');
+    FileUserDefaults oversized(folder.write("large.ini", "a=" + large));
+    oversized.set("a", "1");
+    EXPECT_FALSE(oversized.synchronize());
+    EXPECT_GT(folder.read("large.ini").size(), large.size());
+}
+
+TEST(FileUserDefaultsTest, followsALinkToTheRealFile) {
+    TemporaryFolder folder;
+    folder.write("dotfiles/real.ini", "a=1\n");
+    ASSERT_EQ(::symlink(folder.path("dotfiles/real.ini").c_str(), folder.path("settings.ini").c_str()), 0);
+    FileUserDefaults settings(folder.path("settings.ini"));
+    settings.set("b", "2");
+    ASSERT_TRUE(settings.synchronize());
+    EXPECT_NE(folder.read("dotfiles/real.ini").find("b=2"), std::string::npos);
+    struct stat status {};
+    ASSERT_EQ(::lstat(folder.path("settings.ini").c_str(), &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+}
+
+}  // namespace
+}  // namespace tarnwell

@@ -1,0 +1,136 @@
+#include "store/StoreWorld.h"
+#include "support/LogCapture.h"
+
+namespace tarnwell {
+namespace {
+
+using testing::LogCapture;
+using testing::StoreWorld;
+
+struct SharesWorld : StoreWorld {
+    void login(const std::vector<ManagedSharePtr>& listed, const std::string& domainId = "dom") {
+        UserDomain domain;
+        domain.Domain.emplace();
+        domain.Domain->DomainId = domainId;
+        domain.Domain->Url = domainId + ".example";
+        store.remoteChanges().updateShares(listed, domain);
+    }
+    [[nodiscard]] std::string name(std::string_view shareId) const {
+        const auto found = store.shareWithId(shareId);
+        return found ? found->DisplayName.value_or("?") : "-";
+    }
+};
+
+TEST(RemoteSharesTest, newSharesGetNamesOfTheirOwn) {
+    const LogCapture log;
+    SharesWorld world;
+    auto nameless = StoreWorld::makeShare("6", "");
+    nameless->ShareName.reset();
+    const auto docs = StoreWorld::makeShare("1", "Docs");
+    docs->ShareAcl.emplace();
+    docs->ShareAcl->AclToken = "a%2Fb%3d%zz";
+    const auto second = StoreWorld::makeShare("2", "docs");
+    second->ShareAcl.emplace();
+    second->ShareAcl->AclToken = "a%2Fb%3D+";
+    second->TransmitCounter = 9;
+    world.login({docs, second, StoreWorld::makeShare("3", "DOCS (2)"), StoreWorld::makeShare("4", "../up"),
+                 StoreWorld::makeShare("5", ".."), nameless, StoreWorld::makeShare("", "no id"), nullptr,
+                 StoreWorld::makeShare("8", "share")});
+    const struct {
+        const char *id, *name;
+    } cases[] = {{"1", "Docs"}, {"2", "docs (2)"}, {"3", "DOCS (2) (2)"}, {"4", ".._up"},
+                 {"5", ".._"},  {"6", "_"},        {"8", "share (2)"}};
+    for (const auto& [id, name] : cases) {
+        EXPECT_EQ(world.name(id), name);
+        EXPECT_EQ(world.store.shareWithPath(std::string("/") + name), world.store.shareWithId(id));
+    }
+    EXPECT_EQ(world.store.shares().size(), std::size(cases) + 1);
+    EXPECT_EQ(docs->ShareAcl->AclToken, "a%2Fb%3d%zz");  // not an escaped text: kept
+    EXPECT_EQ(second->ShareAcl->AclToken, "a/b=+");
+    EXPECT_EQ(second->LastApplyedJournalTick, -1);
+    EXPECT_EQ(second->TransmitCounter, 0);
+    EXPECT_EQ(second->GateWayUrl, "dom.example");
+    EXPECT_TRUE(world.temporary.exists("data/Tarnwell/Files/2"));
+    EXPECT_TRUE(log.contains("Adding new share - docs. Local name will be docs (2)"));
+    EXPECT_EQ(log.count("b="), 0U);
+}
+
+TEST(RemoteSharesTest, remoteNamesAreFollowedUnlessTheUserHasOne) {
+    // Local name before, service's name before and after, another share's name; local name after.
+    const struct {
+        const char *local, *before, *after, *taken, *expected;
+    } cases[] = {
+        {"A", "A", "B", "", "B"},
+        {"A", "A", "B", "b", "B (2)"},
+        {"A (2)", "A", "B", "", "A (2) (B)"},
+        {"A (2)", "A", "B", "a (2) (b)", "A (2) (B) (2)"},
+        {"Mine", "A", "A", "", "Mine"},
+        {"A", "A", "a", "", "a"},
+    };
+    for (const auto& [local, before, after, taken, expected] : cases) {
+        const LogCapture log;
+        SharesWorld world;
+        const auto old = StoreWorld::makeShare("1", before);
+        world.login({old, StoreWorld::makeShare("2", *taken ? taken : "zzz")});
+        ASSERT_TRUE(world.store.renameShare(old, local));
+        old->LastApplyedJournalTick = 5;
+        old->TransmitCounter = 1;
+        old->Synchronize = true;
+        auto file = StoreWorld::file("f", "1", "f");
+        file->ShareId = "1";
+        world.store.addFileMetadata(file);
+
+        const auto listed = StoreWorld::makeShare("1", after);
+        world.login({listed, StoreWorld::makeShare("2", *taken ? taken : "zzz")});
+        EXPECT_EQ(world.store.shareWithId("1"), listed);
+        EXPECT_EQ(world.name("1"), expected);
+        EXPECT_EQ(world.at(std::string("/") + expected + "/f"), "f");
+        EXPECT_EQ(world.path("f"), std::string("/") + expected + "/f");
+        EXPECT_EQ(listed->LastApplyedJournalTick, 5);
+        EXPECT_EQ(listed->TransmitCounter, 1);
+        EXPECT_EQ(listed->Synchronize, true);
+        EXPECT_EQ(log.count("renamed remotely - renaming to " + std::string(expected) + "."),
+                  std::string(before) == after ? 0U : 1U);
+    }
+}
+
+TEST(RemoteSharesTest, whatIsNoLongerListedGoesWithItsData) {
+    SharesWorld world;
+    world.login({StoreWorld::makeShare("1", "One")});
+    world.login({StoreWorld::makeShare("2", "Two")}, "other");
+    for (const char* id : {"1", "2", "s"}) {
+        auto folder = StoreWorld::folder(std::string("d") + id, id, "d");
+        auto file = StoreWorld::file(std::string("f") + id, std::string("d") + id, "f");
+        auto orphan = StoreWorld::file(std::string("o") + id, "gone", "orphan");
+        for (const auto& item : {folder, file, orphan}) {
+            item->ShareId = id;
+            world.store.addFileMetadata(item);
+            world.store.updateFilePathes(item);
+        }
+    }
+    const std::string cache = "data/Tarnwell/Files/1/f1";
+    world.temporary.write(cache, "bytes");
+    world.login({});
+    EXPECT_EQ(world.name("1"), "-");
+    EXPECT_EQ(world.path("d1") + world.path("f1") + world.path("o1"), "---");
+    EXPECT_EQ(world.at("/One/d/f"), "-");
+    EXPECT_EQ(world.path("f2"), "/Two/d/f");
+    EXPECT_EQ(world.path("o2"), "/__orphaned_files__/orphan");
+    EXPECT_NE(world.at("/__orphaned_files__/orphan"), "-");
+    EXPECT_FALSE(world.temporary.exists(cache));
+
+    // The same share again before the background came to the old one's folder.
+    world.login({StoreWorld::makeShare("1", "One")});
+    world.temporary.write(cache, "new bytes");
+    world.background.runAll();
+    EXPECT_EQ(world.temporary.read(cache), "new bytes");
+
+    world.store.remoteChanges().deleteDomainShares({"dom"});
+    EXPECT_EQ(world.name("2") + world.name("s"), "--");
+    EXPECT_EQ(world.name("1"), "One");
+    EXPECT_EQ(world.store.fileCount(), 0U);
+    EXPECT_FALSE(world.store.shutdownBlocked());
+}
+
+}  // namespace
+}  // namespace tarnwell

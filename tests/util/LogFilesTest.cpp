@@ -1,0 +1,189 @@
+#include "util/LogFiles.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "util/TWLogger.h"
+
+namespace tarnwell {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+std::time_t localTime(int year, int month, int day, int hour, int minute = 0, int second = 0) {
+    std::tm time{};
+    time.tm_year = year - 1900;
+    time.tm_mon = month - 1;
+    time.tm_mday = day;
+    time.tm_hour = hour;
+    time.tm_min = minute;
+    time.tm_sec = second;
+    time.tm_isdst = -1;
+    return mktime(&time);
+}
+
+class LogFilesTest : public testing::Test {
+  protected:
+    LogFilesTest() {
+        setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+        tzset();
+        now = localTime(2026, 11, 15, 16, 40, 41);
+        char path[] = "/tmp/tarnwell-log-XXXXXX";
+        folder = ::mkdtemp(path);
+    }
+    ~LogFilesTest() override {
+        std::filesystem::remove_all(folder);
+        unsetenv("TZ");
+        tzset();
+    }
+
+    std::vector<std::string> lines(const std::string& name) const {
+        std::ifstream in(folder + "/" + name);
+        std::vector<std::string> result;
+        for (std::string line; std::getline(in, line);)
+            result.push_back(line);
+        return result;
+    }
+    std::string touch(const std::string& name, std::time_t modified) const {
+        const std::string path = folder + "/" + name;
+        std::ofstream(path) << "old\n";
+        const timespec times[2] = {{modified, 0}, {modified, 0}};
+        ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+        return path;
+    }
+
+    std::string folder;
+    std::atomic<std::time_t> now = 0;
+    std::vector<std::string> systemLog;
+    LogFiles files{{[this] { return now.load(); },
+                    [this](std::string_view message) { systemLog.emplace_back(message); }}};
+};
+
+TEST_F(LogFilesTest, eachLevelHasItsFileAndEachLineItsPrefix) {
+    files.init(folder);
+    files.write(kLogMain, "hello \x1b[31m");
+    files.write(kLogFuse, "two\nlines\n");
+    files.write(kLogDebug, "lost");
+    EXPECT_THAT(lines("2026-11-15-main.log"), ElementsAre("[" + std::to_string(::gettid()) +
+                                                          "] 2026-11-15 15:40:41 +0000 : hello \\x1b[31m"));
+    EXPECT_THAT(lines("2026-11-15-fuse.log"), ElementsAre(HasSubstr(" : two"), "lines", ""));
+    EXPECT_TRUE(systemLog.empty());
+    struct stat status {};
+    ASSERT_EQ(::stat((folder + "/2026-11-15-main.log").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+TEST_F(LogFilesTest, theLineAfterMidnightOpensTheNewDayAndOldFilesGo) {
+    files.init(folder);
+    const std::time_t old = localTime(2026, 11, 1, 23, 0);
+    const auto log = touch("2026-11-01-main.log", old);
+    const auto text = touch("keep.txt", old);
+    const auto recent = touch("2026-11-02-main.log", localTime(2026, 11, 2, 1, 0));
+    now = localTime(2026, 11, 15, 23, 59, 59);
+    files.write(kLogMain, "before");
+    EXPECT_TRUE(std::filesystem::exists(log));
+    now = localTime(2026, 11, 16, 0, 0, 0);
+    files.write(kLogMain, "due to the old day");
+    files.write(kLogMain, "new day");
+    EXPECT_EQ(lines("2026-11-15-main.log").size(), 2U);
+    EXPECT_THAT(lines("2026-11-16-main.log"), ElementsAre(HasSubstr("new day")));
+    EXPECT_FALSE(std::filesystem::exists(log));
+    EXPECT_TRUE(std::filesystem::exists(text));
+    EXPECT_TRUE(std::filesystem::exists(recent));
+}
+
+TEST_F(LogFilesTest, followsAClockThatGoesBack) {
+    files.init(folder);
+    now = localTime(2026, 11, 14, 12);
+    files.write(kLogFuse, "due to the 15th");
+    files.write(kLogFuse, "back");
+    EXPECT_THAT(lines("2026-11-14-fuse.log"), ElementsAre(HasSubstr("back")));
+}
+
+TEST_F(LogFilesTest, aDayOf25HoursHasOneFileOpenedOnce) {
+    now = localTime(2026, 10, 25, 0, 30);  // summer time ends in the night
+    files.init(folder);
+    now = localTime(2026, 10, 25, 23, 30);  // 24 h after midnight, still the 25th
+    std::filesystem::remove(folder + "/2026-10-25-main.log");
+    files.write(kLogMain, "to the file that is open");
+    EXPECT_FALSE(std::filesystem::exists(folder + "/2026-10-25-main.log"));
+    now = localTime(2026, 10, 26, 0, 0);
+    files.write(kLogMain, "last");
+    files.write(kLogMain, "first");
+    EXPECT_EQ(lines("2026-10-26-main.log").size(), 1U);
+}
+
+TEST_F(LogFilesTest, withoutFilesLinesGoToTheSystemLog) {
+    files.write(kLogMain, "early");
+    EXPECT_THAT(systemLog, ElementsAre("early\n"));
+    systemLog.clear();
+    files.init(folder + "/missing");
+    files.write(kLogMain, "unwritable");
+    EXPECT_THAT(systemLog, ElementsAre("Warning! Failed to open main log file : error 2",
+                                       "Warning! Failed to open fuse log file : error 2", "unwritable\n"));
+    systemLog.clear();
+    files.init(folder);
+    files.close();
+    now += 86400 * 2;
+    files.write(kLogFuse, "after close");
+    files.write(kLogFuse, "stays closed");
+    EXPECT_THAT(systemLog, ElementsAre("after close\n", "stays closed\n"));
+    files.open();
+    files.write(kLogFuse, "again");
+    EXPECT_EQ(lines("2026-11-17-fuse.log").size(), 1U);
+}
+
+TEST_F(LogFilesTest, theWindowGetsEachLineAndMayLogOrFail) {
+    files.init(folder);
+    std::vector<std::string> shown;
+    files.setSink([&](int level, std::string_view line) {
+        shown.push_back(std::string(logLevelTag(level)) + std::string(line.substr(line.find(" : ") + 3)));
+        files.write(kLogFuse, "from the window");
+        throw std::runtime_error("closed");
+    });
+    files.write(kLogMain, "one");
+    files.write(kLogDebug, "two");
+    files.setSink({});
+    files.write(kLogMain, "three");
+    EXPECT_THAT(shown, ElementsAre("[Main] one\n", "[Debug] two\n"));
+    EXPECT_EQ(lines("2026-11-15-fuse.log").size(), 2U);
+    EXPECT_EQ(systemLog.size(), 2U);
+}
+
+TEST_F(LogFilesTest, linesOfManyThreadsNeverMix) {
+    files.init(folder);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([this, t] {
+            for (int i = 0; i < 300; ++i) {
+                files.write(i % 2, std::string(50 + t, static_cast<char>('a' + t)));
+                if (t == 0 && i % 50 == 0) now += 86400;  // rotation in the midst
+            }
+        });
+    }
+    threads.clear();
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        for (const auto& line : lines(entry.path().filename())) {
+            ++count;
+            const auto text = line.substr(line.find(" : ") + 3);
+            ASSERT_THAT(line, MatchesRegex("\\[[0-9]+\\] [-0-9: ]+\\+0000 : [a-h]+"));
+            ASSERT_EQ(text, std::string(50 + text[0] - 'a', text[0]));
+        }
+    }
+    EXPECT_EQ(count, 8U * 300U);
+}
+
+}  // namespace
+}  // namespace tarnwell

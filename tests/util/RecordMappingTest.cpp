@@ -1,0 +1,145 @@
+#include "util/RecordMapping.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <tuple>
+#include <vector>
+
+namespace tarnwell {
+namespace {
+
+struct Part {
+    std::int32_t Number = 0;
+    std::optional<std::string> Label;
+};
+BOOST_DESCRIBE_STRUCT(Part, (), (Number, Label))
+
+struct Sample {
+    SharedString Name;
+    std::int64_t Size = 0;
+    bool Flag = false;
+    Date When{};
+    std::optional<double> Ratio;
+    std::optional<std::int32_t> Mode;
+    std::vector<Part> Parts;
+    std::shared_ptr<Part> Extra;
+    std::optional<std::string> Hidden;
+    static constexpr std::string_view notInJson[] = {"Hidden"};
+};
+BOOST_DESCRIBE_STRUCT(Sample, (), (Name, Size, Flag, When, Ratio, Mode, Parts, Extra, Hidden))
+
+constexpr std::string_view kLeast = R"("Size":1,"Flag":true,"When":"2014-01-01T00:00:00Z")";
+
+std::shared_ptr<Sample> parse(std::string_view members, std::string& error) {
+    return parseRecord<Sample>("{" + std::string(members) + "}", error);
+}
+
+TEST(RecordMappingTest, roundTripOfAFullRecordKeepsAllButWhatIsNotInJson) {
+    Sample sample;
+    sample.Name = "n\u00e9\n\"";
+    sample.Size = INT64_MIN;
+    sample.When = NSDateFromNSString("2014-01-01T00:00:00.123Z");
+    sample.Ratio = 0.1;
+    sample.Parts = {{1, "a"}, {2, std::nullopt}};
+    sample.Extra = std::make_shared<Part>(Part{3, ""});
+    std::string error;
+    const auto back = parseRecord<Sample>(toJsonText(sample), error);
+    ASSERT_TRUE(back) << error;
+    EXPECT_TRUE(recordsEqual(*back, sample));
+    sample.Hidden = "secret";
+    EXPECT_EQ(toJsonText(sample).find("secret"), std::string::npos);
+    EXPECT_FALSE(recordsEqual(*back, sample));
+    EXPECT_EQ(toJson(sample).contains("Mode"), false);
+}
+
+TEST(RecordMappingTest, takesWhatServicesWrite) {
+    const std::string_view good[] = {"",
+                                     R"(,"Unknown":[{"deep":[1]}])",
+                                     R"(,"Name":null,"Ratio":null,"Parts":null,"Extra":null,"Mode":null)",
+                                     R"(,"Mode":5.0,"Ratio":7)",
+                                     R"(,"Hidden":5)",
+                                     R"(,"Size":9223372036854775807)",
+                                     R"(,"Mode":-2147483648)",
+                                     R"(,"Size":1e3)"};
+    for (const auto more : good) {
+        std::string error;
+        EXPECT_TRUE(parse(std::string(kLeast) + std::string(more), error)) << more << error;
+    }
+    std::string error;
+    EXPECT_EQ(parse(std::string(kLeast) + R"(,"Size":2)", error)->Size, 2) << "the last of two keys counts";
+}
+
+TEST(RecordMappingTest, refusesWithThePathInTheError) {
+    const std::tuple<std::string, std::string> bad[] = {
+        {R"("Flag":true,"When":"x")", "Size: missing"},
+        {R"("Size":null,"Flag":true,"When":"x")", "Size: expected an integer"},
+        {std::string(kLeast) + R"(,"Size":"1")", "Size: expected an integer"},
+        {std::string(kLeast) + R"(,"Size":1.5)", "Size: expected an integer"},
+        {std::string(kLeast) + R"(,"Size":18446744073709551615)", "Size: number out of range"},
+        {std::string(kLeast) + R"(,"Size":1e30)", "Size: number out of range"},
+        {std::string(kLeast) + R"(,"Size":9223372036854775808.0)", "Size: number out of range"},
+        {std::string(kLeast) + R"(,"Mode":2147483648)", "Mode: number out of range"},
+        {std::string(kLeast) + R"(,"Flag":1)", "Flag: expected true or false"},
+        {std::string(kLeast) + R"(,"When":5)", "When: expected a date string"},
+        {std::string(kLeast) + R"(,"Name":5)", "Name: expected a string"},
+        {std::string(kLeast) + R"(,"Ratio":"1")", "Ratio: expected a number"},
+        {std::string(kLeast) + R"(,"Parts":{})", "Parts: expected a list"},
+        {std::string(kLeast) + R"(,"Parts":[{"Number":1},5])", "Parts[1]: expected an object"},
+        {std::string(kLeast) + R"(,"Parts":[{"Number":1},{"Number":1},{"Label":"x"}])",
+         "Parts[2].Number: missing"},
+        {std::string(kLeast) + R"(,"Extra":{"Number":true})", "Extra.Number: expected an integer"},
+    };
+    for (const auto& [members, message] : bad) {
+        std::string error;
+        EXPECT_FALSE(parse(members, error)) << members;
+        EXPECT_EQ(error, message) << members;
+    }
+    const std::string deep = "{\"x\":" + std::string(100000, '[') + std::string(100000, ']') + "}";
+    for (const std::string& text :
+         {std::string(), std::string("{"), std::string("[]"), std::string("5"), deep,
+          std::string("{\"a\":\"\xff\"}"), std::string("{}{}"), std::string("nul")}) {
+        std::string error;
+        EXPECT_FALSE(parseRecord<Sample>(text, error));
+        EXPECT_FALSE(error.empty());
+    }
+}
+
+TEST(SharedStringTest, readsAsTheOptionalItStandsFor) {
+    SharedString none;
+    SharedString empty("");
+    SharedString text(std::string_view("a\0b", 3));
+    EXPECT_FALSE(none.has_value());
+    EXPECT_TRUE(empty.has_value());
+    EXPECT_TRUE(none.empty() && empty.empty());
+    EXPECT_NE(none, empty);
+    EXPECT_EQ(text.view().size(), 3U);
+    SharedString copy = text;
+    EXPECT_EQ(copy.view().data(), text.view().data()) << "copies share one block";
+    const SharedString& itself = copy;
+    copy = itself;
+    text = std::move(copy);
+    EXPECT_EQ(text, std::string_view("a\0b", 3));
+    EXPECT_FALSE(copy.has_value());  // NOLINT(bugprone-use-after-move)
+    text.reset();
+    EXPECT_EQ(text, none);
+}
+
+TEST(SharedStringTest, copiesAreUsedOnManyThreads) {
+    const SharedString text("shared");
+    std::vector<std::jthread> threads;
+    std::atomic<int> wrong = 0;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&wrong, text] {
+            for (int i = 0; i < 10000; ++i) {
+                const SharedString copy = text;
+                wrong += copy != SharedString("shared");
+            }
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace tarnwell
