@@ -119,6 +119,10 @@ void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool tran
     if (transmitting) entry->queue.attempted = true;
 }
 
+void LocalChangeJournal::entryChanged(const LocalJournalPtr&) {
+    store_.saveDelayed();
+}
+
 void LocalChangeJournal::removeUploadFileData(const TWVirtualFile& file) {
     const auto lock = store_.beginWriteJournal();
     copies_.release(file);

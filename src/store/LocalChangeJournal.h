@@ -49,6 +49,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// That very entry.
     void deleteJournalEntry(const LocalJournalPtr& entry);
     void setTransmitting(const LocalJournalPtr& entry, bool transmitting);
+    /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change.
+    void entryChanged(const LocalJournalPtr& entry);
     /// Deletes the upload copy and its side file.
     void removeUploadFileData(const TWVirtualFile& file);
     /// Journals what is still marked as changed by the user; at the end of the program.

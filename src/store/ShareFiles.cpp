@@ -5,10 +5,12 @@
 namespace tarnwell {
 
 ShareFiles::Share& ShareFiles::shareOf(const TWVirtualFile& file) {
-    const auto it = shares_.find(file.ShareId.view());
-    Share& share = it != shares_.end() ? it->second : shares_.emplace(file.ShareId, Share{}).first->second;
-    share.generation = ++changes_;
-    return share;
+    if (!last_ || lastId_ != file.ShareId) {
+        last_ = &shares_.try_emplace(file.ShareId).first->second;
+        lastId_ = file.ShareId;
+    }
+    last_->generation = ++changes_;
+    return *last_;
 }
 
 const ShareFiles::Share* ShareFiles::find(std::string_view shareId) const {

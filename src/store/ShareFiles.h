@@ -1,12 +1,12 @@
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -62,7 +62,6 @@ class ShareFiles {
     };
     struct Hash {
         using is_transparent = void;
-        using is_avalanching = void;
         std::size_t operator()(const SharedString& id) const {
             return std::hash<std::string_view>{}(id.view());
         }
@@ -82,7 +81,10 @@ class ShareFiles {
     [[nodiscard]] const Share* find(std::string_view shareId) const;
 
     // An entry stays when its last record goes: the number of that change is still wanted.
-    boost::unordered_flat_map<SharedString, Share, Hash, Equal> shares_;
+    std::unordered_map<SharedString, Share, Hash, Equal> shares_;
+    // The share that changed last: changes come in long runs of one share. Points into shares_.
+    SharedString lastId_;
+    Share* last_ = nullptr;
     std::uint64_t changes_ = 0;
     mutable Walk* walk_ = nullptr;  // borrowed; a walk changes nothing here
 };

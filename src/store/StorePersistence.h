@@ -60,6 +60,9 @@ class StorePersistence {
     /// As save(), but where one is running it leaves the work to that one. May be called with the store's
     /// lock held.
     void saveOrJoin();
+    /// Makes what was appended to the change log durable. Blocks on the disk: without the store's lock. False
+    /// when the disk refused.
+    bool syncChanges();
     /// Empties the store and deletes its files. A save that is running gives up.
     void clear();
 

@@ -31,6 +31,9 @@ void TWMetadataStorage::setDriveObserver(DriveObserver* observer) {
     observer_ = observer;
 }
 
+LocalChange::LocalChange(TWMetadataStorage& store) : lock_(store.beginWriteStorage()) {}
+LocalChange::~LocalChange() = default;
+
 // --- Shutdown
 
 void TWMetadataStorage::blockShutdown() {
@@ -258,6 +261,10 @@ void TWMetadataStorage::noteContentsChanged(const TWVirtualFile& file) {
     const auto lock = beginWriteStorage();
     index_.markChanged(file.ShareId.view());
     if (observer_) observer_->contentsChanged(file.InternalName.view());
+}
+
+void TWMetadataStorage::noteWriteProgress(const TWVirtualFile& file) {
+    noteAttributesChanged(file);
 }
 
 void TWMetadataStorage::markChanged(const TWVirtualFile& file) {

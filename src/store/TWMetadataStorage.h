@@ -12,6 +12,7 @@
 #include "platform/Executor.h"
 #include "store/CacheLayout.h"
 #include "store/DirectoryItems.h"
+#include "store/LocalChange.h"
 #include "store/ManagedShare.h"
 #include "store/StoreDelegates.h"
 #include "store/StoreIndex.h"
@@ -72,6 +73,9 @@ class TWMetadataStorage {
     /// The journal shares the store's lock on purpose: a journal and a store operation never interleave.
     [[nodiscard]] StorageLock beginReadJournal() const { return StorageLock(storageLock_); }
     [[nodiscard]] StorageLock beginWriteJournal() const { return StorageLock(storageLock_); }
+
+    /// For changes made by the user on the drive; see LocalChange.
+    [[nodiscard]] LocalChange beginLocalChange() { return LocalChange(*this); }
 
     // --- Shutdown
     // -----------------------------------------------------------------------------------------------
@@ -135,6 +139,10 @@ class TWMetadataStorage {
     /// the change is not saved. The notes are for what shows on the drive: they tell the drive's observer.
     void noteAttributesChanged(const TWVirtualFile& file);
     void noteContentsChanged(const TWVirtualFile& file);
+    /// A write to a record that is marked `LocallyUpdated` already moved its size and times on. Not kept in
+    /// the change log: what is marked so takes its size from the cache file when it is loaded, and the change
+    /// that ends the burst of writes is logged.
+    void noteWriteProgress(const TWVirtualFile& file);
     /// The item `from` goes on as `to`, or two items traded their places and contents. Open files follow.
     void noteIdentityChanged(const TWVirtualFile& from, const TWVirtualFile& to);
     void noteIdentitiesExchanged(const TWVirtualFile& a, const TWVirtualFile& b);
