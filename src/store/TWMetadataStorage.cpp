@@ -135,7 +135,11 @@ std::vector<ManagedSharePtr> TWMetadataStorage::shares() const {
 
 std::vector<TWVirtualFilePtr> TWMetadataStorage::allFiles() const {
     const auto lock = beginReadStorage();
-    return {index_.files().begin(), index_.files().end()};
+    std::vector<TWVirtualFilePtr> result;
+    result.reserve(index_.files().size());
+    for (const auto& stored : index_.files())
+        result.push_back(stored.file);
+    return result;
 }
 
 std::size_t TWMetadataStorage::fileCount() const {
