@@ -3,6 +3,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "service/Exporter.h"
 #include "service/Importer.h"
 #include "service/Secrets.h"
 #include "service/ServiceError.h"
@@ -148,6 +149,14 @@ void AdminCommands::import(const std::string& share, const std::string& domain,
     const auto counts = importFolder(data_.metadata(), data_.contents(), target.id, source, report);
     out_ << "imported " << counts.files << " files, " << counts.folders << " folders, " << counts.bytes
          << " bytes; skipped " << counts.skipped << ", renamed " << counts.renamed << "\n";
+}
+
+void AdminCommands::exportTo(const std::string& share, const std::string& domain,
+                             const std::filesystem::path& target) {
+    const auto counts =
+        exportShare(data_.metadata(), data_.contents(), needShare(share, domain).id, target);
+    out_ << "exported " << counts.files << " files, " << counts.folders << " folders, " << counts.bytes
+         << " bytes\n";
 }
 
 void AdminCommands::grant(const std::string& share, const std::string& domain, const std::string& email,

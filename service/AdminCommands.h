@@ -31,6 +31,7 @@ class AdminCommands {
     void addShare(const std::string& name, const std::string& domain);
     void listShares();
     void import(const std::string& share, const std::string& domain, const std::filesystem::path& source);
+    void exportTo(const std::string& share, const std::string& domain, const std::filesystem::path& target);
     void grant(const std::string& share, const std::string& domain, const std::string& email, bool readOnly);
     void revoke(const std::string& share, const std::string& domain, const std::string& email);
     void renameShare(const std::string& share, const std::string& domain, const std::string& name);

@@ -127,6 +127,9 @@ void describeShares(CLI::App& app, Arguments& a, Work& chosen) {
     add = onShare(share, "import", "Copy what is in a folder into a share",
                   [&a](AdminCommands& admin) { admin.import(a.share, a.domain, a.source); });
     add->add_option("DIR", a.source, "The folder")->required();
+    add = onShare(share, "export", "Copy what a share holds into an empty folder",
+                  [&a](AdminCommands& admin) { admin.exportTo(a.share, a.domain, a.source); });
+    add->add_option("DIR", a.source, "The folder")->required();
     add = onShare(share, "grant", "Give a user rights in a share",
                   [&a](AdminCommands& admin) { admin.grant(a.share, a.domain, a.email, a.readOnly); });
     add->add_option("EMAIL", a.email, "E-mail address")->required();

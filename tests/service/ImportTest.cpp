@@ -3,8 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <map>
 
+#include "service/Exporter.h"
 #include "service/FileContentStore.h"
 #include "service/Importer.h"
 #include "service/Names.h"
@@ -103,6 +107,34 @@ TEST_F(ImportTest, keepsEveryNameThatCanBeKept) {
     import(docs_.id);
     EXPECT_EQ(tree().at("A (3).txt"), "upper");
     EXPECT_EQ(tree().at("A.txt"), "upper");
+}
+
+TEST_F(ImportTest, whatIsExportedIsWhatWasImported) {
+    source_.write("folder/in it/file", std::string(3'000'000, 'x'));
+    source_.write("folder/empty", "");
+    source_.write("caf\xC3\xA9", "accents");
+    ASSERT_EQ(::chmod(source_.path("caf\xC3\xA9").c_str(), 0640), 0);
+    import(docs_.id);
+    source_.write("later", "and gone");
+    putFile(metadata(), data_->contents(), docs_.id, source_.path("later"), "/later");
+    metadata().change(docs_.id,
+                      [](ShareChange& change) { removeItem(change, *itemAtPath(change, "/later")); });
+    std::filesystem::remove(source_.path("later"));
+
+    const tarnwell::testing::TemporaryFolder target;
+    const auto counts = exportShare(metadata(), data_->contents(), docs_.id, target.path());
+    EXPECT_EQ(counts.files, 3);
+    EXPECT_EQ(counts.folders, 2);
+    const std::string command = "diff -r '" + source_.path() + "' '" + target.path() + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    namespace fs = std::filesystem;
+    for (const char* name : {"caf\xC3\xA9", "folder/empty"}) {
+        EXPECT_EQ(fs::status(source_.path(name)).permissions(), fs::status(target.path(name)).permissions());
+        EXPECT_LT(fs::last_write_time(source_.path(name)) - fs::last_write_time(target.path(name)),
+                  std::chrono::milliseconds(1))
+            << name;
+    }
+    EXPECT_THROW(exportShare(metadata(), data_->contents(), docs_.id, target.path()), ServiceError);
 }
 
 TEST_F(ImportTest, keepsTimesAndPermissions) {
