@@ -93,7 +93,7 @@ def compare_file(source, drive, result):
 
 
 def compare_folders(source, drive, result):
-    on_drive = {name: (name, path, information) for name, path, information in entries(drive)}
+    on_drive = {shown(name): (shown(name), path, information) for name, path, information in entries(drive)}
     siblings = collections.defaultdict(list)
     for entry in entries(source):
         siblings[key(entry[0])].append(entry)

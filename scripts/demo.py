@@ -85,6 +85,50 @@ def make_names(folder):
     (folder / "empty folder").mkdir()
 
 
+def make_archive(folder, archive):
+    """A source tree of 2,000 files and a few large ones, as an archive."""
+    numbers = random.Random(2)
+    for number in range(2000):
+        write(folder / f"module {number % 40}" / f"part {number % 7}" / f"{number}.c",
+              numbers.randbytes(numbers.randrange(1, 12_000)), 10**18 + number * 10**9)
+    for megabytes in (1, 5, 30):
+        write(folder / f"{megabytes} MB.bin", numbers.randbytes(megabytes << 20), 10**18)
+    run("tar", "-cf", archive, "-C", folder, ".")
+    shutil.rmtree(folder)
+
+
+def work_on(folder, archive):
+    """What a user does in a morning; the times of what is written are set, so that folders can be compared."""
+    run("tar", "-xf", archive, "-C", folder)
+
+    def stamp(path):
+        os.utime(path, ns=(15 * 10**17, 15 * 10**17))
+
+    def save_as_editors_do(path, contents):
+        new = path.with_name(path.name + ".new")
+        new.write_bytes(contents)
+        os.replace(new, path)
+        stamp(path)
+    for number, path in enumerate(sorted((folder / "module 0/part 0").iterdir())):
+        save_as_editors_do(path, b"edited %d\n" % number)
+    with open(folder / "5 MB.bin", "r+b") as file:
+        file.seek(2_000_000)
+        file.write(b"in the middle" * 1000)
+    stamp(folder / "5 MB.bin")
+    with open(folder / "1 MB.bin", "ab") as file:
+        file.write(b"at the end")
+    stamp(folder / "1 MB.bin")
+    os.truncate(folder / "module 1/part 1/1.c", 1)
+    stamp(folder / "module 1/part 1/1.c")
+    os.rename(folder / "module 2", folder / "module two")
+    os.rename(folder / "module 3/part 3", folder / "module two/moved part")
+    for name in ("module 4", "module 5/part 5"):
+        shutil.rmtree(folder / name)
+    shutil.copytree(folder / "module 6", folder / "copies/of module 6")
+    (folder / "caf\u00e9 \u65e5\u672c").mkdir()
+    write(folder / "caf\u00e9 \u65e5\u672c" / "note.txt", b"written on the drive\n", 15 * 10**17)
+
+
 def documentation(folder):
     """This machine's documentation; of a very large one, the first packages up to a limit."""
     if measure(DOCUMENTATION)[2] <= DOCUMENTATION_LIMIT:
@@ -101,40 +145,89 @@ def documentation(folder):
     return folder
 
 
-class Demo:
-    def __init__(self, programs, folder):
-        self.programs, self.folder = programs, folder
-        self.home = folder / "home"
-        self.drive = self.home / "Tarnwell"
-        self.service, self.client = None, None
-        self.shares = {}
+def run(*command, text=None, environment=None):
+    done = subprocess.run([str(part) for part in command], input=text, capture_output=True, text=True,
+                          env=environment, preexec_fn=end_with_parent)
+    if done.returncode != 0:
+        raise Failure(f"{' '.join(str(part) for part in command)}: {done.stderr.strip() or done.stdout.strip()}")
+    return done.stdout
 
-    # --- programs ----------------------------------------------------------------------------------------------------
+
+def start(log, *command, environment=None):
+    # A session of its own: Ctrl-C at the terminal reaches this script only, which ends the programs in order.
+    with open(log, "wb") as output:
+        return subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                                env=environment, start_new_session=True, preexec_fn=end_with_parent)
+
+
+def end(process, signals, seconds):
+    for number in signals:
+        if process is None or process.poll() is not None:
+            return
+        process.send_signal(number)
+        try:
+            process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            pass
+
+
+class Machine:
+    """One client of the user, with a home folder of its own."""
+
+    def __init__(self, program, folder, name):
+        self.program = program
+        self.home = folder / name
+        self.drive = self.home / "Tarnwell"
+        self.log = folder / f"{name}.log"
+        self.process = None
+
     def environment(self):
         own = {"HOME": self.home, "XDG_DATA_HOME": self.home / "data", "XDG_CONFIG_HOME": self.home / "config",
                "XDG_CACHE_HOME": self.home / "cache", "XDG_RUNTIME_DIR": self.home / "run"}
         return {**os.environ, **{name: str(path) for name, path in own.items()}}
 
-    def run(self, *command, text=None):
-        done = subprocess.run([str(part) for part in command], input=text, capture_output=True, text=True,
-                              env=self.environment(), preexec_fn=end_with_parent)
-        if done.returncode != 0:
-            raise Failure(f"{' '.join(str(part) for part in command)}: {done.stderr.strip() or done.stdout.strip()}")
-        return done.stdout
+    def tarnwell(self, *arguments, text=None):
+        return run(self.program, *arguments, text=text, environment=self.environment())
+
+    def status(self):
+        return json.loads(self.tarnwell("status", "--json"))
+
+    def mount(self, address, authority):
+        self.home.mkdir()
+        for key, value in {"TWGlobalAddress": address, "TWKeychainFile": self.home / "keychain",
+                           "TWCertificateAuthority": authority}.items():
+            self.tarnwell("settings", "set", key, value)
+        self.tarnwell("login", "--user", USER, "--password-stdin", text=PASSWORD + "\n")
+        self.process = start(self.log, self.program, "--headless", environment=self.environment())
+
+        def mounted():
+            if self.process.poll() is not None:
+                raise Failure("the client ended: " + self.log.read_text())
+            return os.path.ismount(self.drive)
+        wait_until("the drive is mounted", mounted, 60)
+
+    def wait_for_uploads(self):
+        wait_until("everything is sent", lambda: self.status()["uploadQueueLen"] == 0, 300)
+
+    def stop(self):
+        # Asked twice: with files of the drive open, the first request is refused.
+        end(self.process, [signal.SIGTERM, signal.SIGTERM, signal.SIGKILL], 10)
+        if os.path.ismount(self.drive) or self.process and self.process.returncode == -signal.SIGKILL:
+            command = ["umount", "-l"] if os.geteuid() == 0 else ["fusermount3", "-uz"]
+            subprocess.run([*command, str(self.drive)], stderr=subprocess.DEVNULL, check=False)
+
+
+class Demo:
+    def __init__(self, programs, folder):
+        self.programs, self.folder = programs, folder
+        self.service = None
+        self.first = Machine(programs / "tarnwell", folder, "home")
+        self.second = Machine(programs / "tarnwell", folder, "second-home")
+        self.shares = {}
 
     def admin(self, *arguments, text=None):
-        return self.run(self.programs / "tarnwell-service", "--data", self.folder / "service", *arguments, text=text)
+        return run(self.programs / "tarnwell-service", "--data", self.folder / "service", *arguments, text=text)
 
-    def tarnwell(self, *arguments, text=None):
-        return self.run(self.programs / "tarnwell", *arguments, text=text)
-
-    def start(self, name, *command):
-        # A session of its own: Ctrl-C at the terminal reaches this script only, which ends the programs in order.
-        with open(self.folder / f"{name}.log", "wb") as log:
-            return subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                                    env=self.environment(), start_new_session=True, preexec_fn=end_with_parent)
-
-    # --- steps -------------------------------------------------------------------------------------------------------
     def fill(self):
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
@@ -156,9 +249,9 @@ class Demo:
                 f" in {time.monotonic() - began:.1f} s")
 
     def serve(self):
-        self.service = self.start("service", self.programs / "tarnwell-service", "--data", self.folder / "service",
-                                  "serve", "--port", self.port, "--quiet")
         log = self.folder / "service.log"
+        self.service = start(log, self.programs / "tarnwell-service", "--data", self.folder / "service", "serve",
+                             "--port", self.port, "--quiet")
 
         def listening():
             if self.service.poll() is not None:
@@ -166,69 +259,67 @@ class Demo:
             return "listening on" in log.read_text()
         wait_until("the service listens", listening, 30)
 
-    def mount(self):
+    def mount(self, machine):
         began = time.monotonic()
-        self.home.mkdir()
-        for key, value in {"TWGlobalAddress": self.address, "TWKeychainFile": self.home / "keychain",
-                           "TWCertificateAuthority": self.folder / "service/tls/ca.pem"}.items():
-            self.tarnwell("settings", "set", key, value)
-        self.tarnwell("login", "--user", USER, "--password-stdin", text=PASSWORD + "\n")
-        self.client = self.start("client", self.programs / "tarnwell", "--headless")
-
-        def mounted():
-            if self.client.poll() is not None:
-                raise Failure("the client ended: " + (self.folder / "client.log").read_text())
-            return os.path.ismount(self.drive)
-        wait_until("the drive is mounted", mounted, 60)
+        machine.mount(self.address, self.folder / "service/tls/ca.pem")
         for name, source in self.shares.items():
             expected = measure(source)[:2]
             wait_until(f"share {name} is complete",
-                       lambda: (self.drive / name).is_dir() and measure(self.drive / name)[:2] == expected, 120)
+                       lambda: (machine.drive / name).is_dir() and measure(machine.drive / name)[:2] == expected, 120)
         say(f"  logged in, mounted, every share complete in {time.monotonic() - began:.1f} s")
 
     def show(self):
-        status = json.loads(self.tarnwell("status", "--json"))
-        say(f"\nThe drive is at {self.drive} ({status['state']}, user {status['user']}).\n")
+        status = self.first.status()
+        say(f"\nThe drive is at {self.first.drive} ({status['state']}, user {status['user']}).\n")
         for name in self.shares:
-            entries = sorted(os.listdir(self.drive / name))
+            entries = sorted(os.listdir(self.first.drive / name))
             say(f"  {name}/  {len(entries)} entries, e.g. " + ", ".join(repr(entry[:40]) for entry in entries[:4]))
-        variables = " ".join(f"{name}={value}" for name, value in self.environment().items()
+        variables = " ".join(f"{name}={value}" for name, value in self.first.environment().items()
                              if name in ("HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME"))
         say(f"\nIts state:  env {variables} {self.programs / 'tarnwell'} status")
         say("Stop it with Ctrl-C; everything is taken away then.")
         signal.pause()
 
-    def check(self):
-        faults = 0
-        for name, source in self.shares.items():
-            result = compare(source, self.drive / name)
-            speed = result.bytes / 1e6 / max(result.seconds, 1e-9)
-            say(f"  {name}: {result.files} files, {result.folders} folders, {result.bytes / 1e6:.0f} MB read and"
-                f" compared in {result.seconds:.1f} s ({speed:.0f} MB/s), {len(result.faults)} differences")
-            for fault in result.faults[:20]:
-                say(f"    {fault}")
-            faults += len(result.faults)
-        return faults
+    def compare(self, source, shown, what):
+        """The number of differences."""
+        result = compare(source, shown)
+        speed = result.bytes / 1e6 / max(result.seconds, 1e-9)
+        say(f"  {what}: {result.files} files, {result.folders} folders, {result.bytes / 1e6:.0f} MB read and"
+            f" compared in {result.seconds:.1f} s ({speed:.0f} MB/s), {len(result.faults)} differences")
+        for fault in result.faults[:20]:
+            say(f"    {fault}")
+        return len(result.faults)
 
-    # --- the end -----------------------------------------------------------------------------------------------------
-    @staticmethod
-    def end(process, signals, seconds):
-        for number in signals:
-            if process is None or process.poll() is not None:
-                return
-            process.send_signal(number)
-            try:
-                process.wait(seconds)
-            except subprocess.TimeoutExpired:
-                pass
+    def check_reading(self):
+        return sum(self.compare(source, self.first.drive / name, name) for name, source in self.shares.items())
+
+    def check_writing(self):
+        """Works on the drive as on a disk, with the same done to a plain folder beside it."""
+        name = "Work"
+        plain, archive, exported = self.folder / "plain", self.folder / "archive.tar", self.folder / "exported"
+        self.admin("share", "add", name, "--domain", "demo")
+        self.admin("share", "grant", name, USER)
+        self.first.tarnwell("refresh")
+        wait_until("the new share", lambda: (self.first.drive / name).is_dir(), 60)
+        make_archive(self.folder / "to be packed", archive)
+        plain.mkdir()
+        began = time.monotonic()
+        for folder in (plain, self.first.drive / name):
+            work_on(folder, archive)
+        say(f"  unpacked, edited, renamed and deleted in {time.monotonic() - began:.1f} s")
+        faults = self.compare(plain, self.first.drive / name, "the drive itself")
+        self.first.wait_for_uploads()
+        say(f"  everything is on the service {time.monotonic() - began:.1f} s after the beginning")
+        self.admin("share", "export", name, exported)
+        faults += self.compare(plain, exported, "the service")
+        self.shares[name] = plain
+        self.mount(self.second)
+        return faults + self.compare(plain, self.second.drive / name, "a second machine")
 
     def stop(self):
-        # Asked twice: with files of the drive open, the first request is refused.
-        self.end(self.client, [signal.SIGTERM, signal.SIGTERM, signal.SIGKILL], 10)
-        if os.path.ismount(self.drive) or self.client and self.client.returncode == -signal.SIGKILL:
-            command = ["umount", "-l"] if os.geteuid() == 0 else ["fusermount3", "-uz"]
-            subprocess.run([*command, str(self.drive)], stderr=subprocess.DEVNULL, check=False)
-        self.end(self.service, [signal.SIGTERM, signal.SIGKILL], 10)
+        self.second.stop()
+        self.first.stop()
+        end(self.service, [signal.SIGTERM, signal.SIGKILL], 10)
         # An interruption in the moment of a start leaves a program that nobody has noted.
         for child in pathlib.Path("/proc/thread-self/children").read_text().split():
             os.kill(int(child), signal.SIGKILL)
@@ -245,7 +336,7 @@ def terminated(*_):
 
 def main():
     arguments = argparse.ArgumentParser(prog="scripts/demo")
-    arguments.add_argument("--check", action="store_true", help="compare the drive with its sources, then end")
+    arguments.add_argument("--check", action="store_true", help="compare the drive with its sources, work on it, compare again, then end")
     arguments.add_argument("--bin", type=pathlib.Path, help="folder of the programs; nothing is built")
     options = arguments.parse_args()
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
@@ -266,11 +357,14 @@ def main():
         demo.fill()
         demo.serve()
         say("Mounting...")
-        demo.mount()
+        demo.mount(demo.first)
         if options.check:
             say("Comparing the drive with its sources...")
-            status = 1 if demo.check() else 0
-            say("The drive and its sources are the same." if status == 0 else "The drive differs.")
+            faults = demo.check_reading()
+            say("Working on the drive...")
+            faults += demo.check_writing()
+            status = 1 if faults else 0
+            say("Drive, service and sources are the same." if status == 0 else "There are differences.")
         else:
             demo.show()
     except Failure as failure:
