@@ -68,7 +68,7 @@ void DelayedSave::State::arm() {
     const auto task = [weak = weak_from_this()] {
         if (const auto state = weak.lock()) state->fire();
     };
-    quiet = mainLoop.postAfter(kQuiet, task);
+    quiet = mainLoop.postAfter(store.persistence().takeHaste() ? std::chrono::seconds(0) : kQuiet, task);
     if (!latest) latest = mainLoop.postAfter(kLatest, task);
 }
 

@@ -66,17 +66,6 @@ bool JournalExchange::exchangeFileContents(const std::string& a, const std::stri
     return !hasB || renameFile(with, a);
 }
 
-bool JournalExchange::exchangeCacheFiles(const TWVirtualFile& a, const TWVirtualFile& b) {
-    const auto& layout = store_.layout();
-    const std::string contentsA = layout.cachePathForFile(a);
-    const std::string contentsB = layout.cachePathForFile(b);
-    if (!exchangeFileContents(contentsA, contentsB)) return false;
-    if (exchangeFileContents(layout.extendedAttrsPathForFile(a), layout.extendedAttrsPathForFile(b)))
-        return true;
-    exchangeFileContents(contentsA, contentsB);
-    return false;
-}
-
 void JournalExchange::copySomeFields(const TWVirtualFile& from, TWVirtualFile& toFile) {
     TWVirtualFile copy = from;
     forPlaceAndContents(toFile, copy, [](auto& to, auto& field) { to = std::move(field); });
@@ -98,7 +87,7 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     const auto first = liveItem(a);
     const auto second = liveItem(b);
     if (!first || !second || !store_.hasWholeContents(*first)) return false;
-    if (!exchangeCacheFiles(*first, *second)) return false;
+    if (!store_.exchangeCachedFiles(*first, *second)) return false;
 
     store_.deleteFileMetadata(first);
     store_.deleteFileMetadata(second);
@@ -136,7 +125,7 @@ bool JournalExchange::copyJournalDataFrom(LocalJournal& from, LocalJournal& to) 
     const auto live = liveItem(from);
     if (!live || store_.fileWithId(to.File->InternalName.view())) return false;
     auto renewed = std::make_shared<TWVirtualFile>(*to.File);
-    if (!exchangeCacheFiles(*live, *renewed)) return false;
+    if (!store_.exchangeCachedFiles(*live, *renewed)) return false;
     copySomeFields(*live, *renewed);
     renewed->Deleted = false;
     renewed->OnlyLocal.reset();

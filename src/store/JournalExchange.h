@@ -32,7 +32,6 @@ class JournalExchange {
     bool copyJournalDataFrom(LocalJournal& from, LocalJournal& to);
     static void copySomeFields(const TWVirtualFile& from, TWVirtualFile& toFile);
     static void swapSomeFields(TWVirtualFile& a, TWVirtualFile& b);
-    bool exchangeCacheFiles(const TWVirtualFile& a, const TWVirtualFile& b);
     [[nodiscard]] TWVirtualFilePtr liveItem(const LocalJournal& entry) const;
 
     TWMetadataStorage& store_;

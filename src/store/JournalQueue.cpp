@@ -60,6 +60,7 @@ void JournalQueue::insert(const LocalJournalPtr& entry, std::uint64_t order) {
     entry->queue.queued = true;
     items_.emplace(order, entry);
     index(entry);
+    noted_(order);
 }
 
 bool JournalQueue::remove(const LocalJournal& entry) {
@@ -68,6 +69,7 @@ bool JournalQueue::remove(const LocalJournal& entry) {
     const LocalJournalPtr kept = it->second;
     unindex(*kept);
     items_.erase(it);
+    noted_(kept->queue.order);
     return true;
 }
 
@@ -77,7 +79,15 @@ void JournalQueue::moveToEnd(const LocalJournalPtr& entry) {
 }
 
 void JournalQueue::clear() {
-    *this = JournalQueue();
+    const Items old = std::move(items_);
+    *this = JournalQueue(std::move(noted_));
+    for (const auto& [order, entry] : old)
+        noted_(order);
+}
+
+LocalJournalPtr JournalQueue::at(std::uint64_t order) const {
+    const auto it = items_.find(order);
+    return it == items_.end() ? nullptr : it->second;
 }
 
 bool JournalQueue::contains(const LocalJournal& entry) const {

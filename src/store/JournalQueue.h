@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <string>
@@ -27,6 +28,10 @@ namespace tarnwell {
 class JournalQueue {
   public:
     using Items = std::map<std::uint64_t, LocalJournalPtr>;
+
+    /// The number of a first entry, and one for entries that have to go before all others.
+    static constexpr std::uint64_t kFirst = std::uint64_t{1} << 32U;
+    static constexpr std::uint64_t kBeforeFirst = std::uint64_t{1} << 31U;
 
     /// Iterates over the entries in journal order.
     class View {
@@ -62,13 +67,21 @@ class JournalQueue {
         const Items* items_;
     };
 
+    /// Hears of the number of every entry that came, went or was changed.
+    using Noted = std::function<void(std::uint64_t order)>;
+
+    explicit JournalQueue(Noted noted) : noted_(std::move(noted)) {}
+
     /// Takes an entry out of the indexes while it is changed; its place in the order stays.
     class Edit {
       public:
         Edit(JournalQueue& queue, LocalJournalPtr entry) : queue_(queue), entry_(std::move(entry)) {
             queue_.unindex(*entry_);
         }
-        ~Edit() { queue_.index(entry_); }
+        ~Edit() {
+            queue_.index(entry_);
+            queue_.noted_(entry_->queue.order);
+        }
         Edit(const Edit&) = delete;
         Edit& operator=(const Edit&) = delete;
 
@@ -85,6 +98,12 @@ class JournalQueue {
     bool remove(const LocalJournal& entry);
     void moveToEnd(const LocalJournalPtr& entry);
     void clear();
+    /// An entry that stands here was changed in fields by which it is not found.
+    void noteChanged(const LocalJournal& entry) const {
+        if (contains(entry)) noted_(entry.queue.order);
+    }
+    /// Null when there is none of that number.
+    [[nodiscard]] LocalJournalPtr at(std::uint64_t order) const;
     [[nodiscard]] bool contains(const LocalJournal& entry) const;
     [[nodiscard]] bool isLast(const LocalJournal& entry) const {
         return !items_.empty() && items_.rbegin()->second.get() == &entry;
@@ -118,13 +137,14 @@ class JournalQueue {
     static void enter(Index& index, const std::string& key, const LocalJournalPtr& entry);
     static void leave(Index& index, const std::string& key, const LocalJournal& entry);
 
+    Noted noted_;
     Items items_;
     std::unordered_map<std::string, Items> shares_;
     Index byItem_, byPlaceLeft_;
     std::unordered_map<std::string, LocalJournalPtr> byUpload_;
     std::unordered_map<std::string, std::size_t> below_;
     std::unordered_map<std::string, std::size_t> catchUps_;
-    std::uint64_t lastOrder_ = 0;
+    std::uint64_t lastOrder_ = kFirst - 1;
 };
 
 /// Whether the entry brings new contents, with an upload copy of its own.

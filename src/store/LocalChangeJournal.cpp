@@ -1,5 +1,8 @@
 #include "store/LocalChangeJournal.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -21,20 +24,32 @@ constexpr auto kDelayOfEmptyFile = 150s;
 constexpr const char* kScreenCaptureAttribute = "com.apple.metadata:kMDItemIsScreenCapture";
 constexpr std::size_t kMaxAttributesFile = std::size_t{64} << 20U;
 
+/// An entry that was sent, with unknown result, is told from others by its mark also when the next run reads
+/// it.
+LocalJournal asStored(const LocalJournal& entry) {
+    LocalJournal stored = entry;
+    stored.Transmitting = entry.Transmitting || entry.queue.attempted;
+    return stored;
+}
+
 }  // namespace
 
 LocalChangeJournal::LocalChangeJournal(TWMetadataStorage& store, Executor& background)
-    : store_(store), merge_(queue_, *this), exchange_(store), copies_(store, background, *this) {}
+    : store_(store),
+      queue_([&store](std::uint64_t order) { store.changes_.noteEntry(order); }),
+      merge_(queue_, *this),
+      exchange_(store),
+      copies_(store, background, *this) {}
 
 LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr& file,
                                                          LocalJournalType eventType) {
-    const auto lock = store_.beginWriteJournal();
+    const auto change = store_.beginLocalChange();
     auto entry = std::make_shared<LocalJournal>();
     const Date now = store_.clock().now();
     const bool isEmpty = file->IsFile && file->size() == 0;
     entry->JournalCreate = now + (isEmpty ? kDelayOfEmptyFile : kDelay);
     entry->File = std::make_shared<TWVirtualFile>(*file);
-    entry->File->User = store_.userName();
+    if (auto user = store_.userName(); !user.empty()) entry->File->User = std::move(user);
     entry->LocalJournalType = eventType;
     entry->CurrentPath = file->FullPath;
     if (file->IsFile && bringsContents(*entry)) {
@@ -70,6 +85,7 @@ void LocalChangeJournal::copyEnded(const std::string& uploadName, std::int64_t s
     if (size >= 0 && size != entry->File->size()) {
         // What is sent and what is said of it belong together.
         entry->File->AllocationSize = entry->File->EndOfFile = size;
+        queue_.noteChanged(*entry);
     }
     store_.saveDelayed();
 }
@@ -85,7 +101,7 @@ bool LocalChangeJournal::isScreenshot(const TWVirtualFile& file) const {
 }
 
 TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& entry) {
-    const auto lock = store_.beginWriteJournal();
+    const auto change = store_.beginLocalChange();
     if (!entry->File || entry->File->InternalName.empty()) {
         TWLog(kLogMain, "Warning! AddChangeToJournal: a change of no item is ignored.");
         return nullptr;
@@ -96,6 +112,8 @@ TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& e
         return store_.fileWithId(id);
     }
     takenOver_.reset();
+    // The record as it is now goes with its entry.
+    store_.changes_.noteFile(entry->File->InternalName);
     const bool worthSaving = merge_.add(entry);
     store_.setStorageEmpty(false);
     if (worthSaving) store_.saveDelayed();
@@ -109,17 +127,21 @@ std::vector<LocalJournalPtr> LocalChangeJournal::journalEntriesForShare(std::str
 }
 
 void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
-    const auto lock = store_.beginWriteJournal();
-    queue_.remove(*entry);
+    const auto change = store_.beginLocalChange();
+    // What the service answered stands in the record.
+    if (queue_.remove(*entry)) store_.changes_.noteFile(entry->File->InternalName);
 }
 
 void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool transmitting) {
     const auto lock = store_.beginWriteJournal();
     entry->Transmitting = transmitting;
     if (transmitting) entry->queue.attempted = true;
+    queue_.noteChanged(*entry);
 }
 
-void LocalChangeJournal::entryChanged(const LocalJournalPtr&) {
+void LocalChangeJournal::entryChanged(const LocalJournalPtr& entry) {
+    const auto lock = store_.beginWriteJournal();
+    queue_.noteChanged(*entry);
     store_.saveDelayed();
 }
 
@@ -133,15 +155,74 @@ void LocalChangeJournal::releaseUpload(const LocalJournal& entry) {
 }
 
 void LocalChangeJournal::checkForFileModifications() {
-    const auto lock = store_.beginWriteStorage();
+    const auto change = store_.beginLocalChange();
     for (const auto& file : store_.allFiles()) {
-        if (!file->IsFile || !file->LocallyUpdated.value_or(false)) continue;
-        // What takes no part in synchronisation stays as it is: nobody else has it.
-        if (CacheLayout::isPathIgnored(file->FullPath.view(), false)) continue;
-        file->LocallyUpdated = false;
-        store_.markChanged(*file);
-        addChangeToJournal(createJournalForFile(file, kJournalUpdate));
+        if (file->IsFile && file->LocallyUpdated.value_or(false)) journalModified(file);
     }
+}
+
+void LocalChangeJournal::journalModified(const TWVirtualFilePtr& file) {
+    // What takes no part in synchronisation stays as it is: nobody else has it.
+    if (CacheLayout::isPathIgnored(file->FullPath.view(), false)) return;
+    file->LocallyUpdated = false;
+    store_.markChanged(*file);
+    addChangeToJournal(createJournalForFile(file, kJournalUpdate));
+}
+
+/// False when there is no cache file and there should be one.
+bool LocalChangeJournal::takeSizeFromCache(TWVirtualFile& file) const {
+    struct stat status {};
+    if (::lstat(store_.layout().cachePathForFile(file).c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        if (file.size() != 0) return false;
+        store_.createNewFileForFile(file);
+        return true;
+    }
+    file.AllocationSize = file.EndOfFile = status.st_size;
+    const auto written =
+        std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec);
+    const Date date{std::chrono::duration_cast<TickDuration>(written)};
+    file.LastWriteTime = std::max(file.LastWriteTime, date);
+    return true;
+}
+
+void LocalChangeJournal::recover(const std::vector<TWVirtualFilePtr>& changed) {
+    const auto change = store_.beginLocalChange();
+    for (const auto& file : changed) {
+        if (takeSizeFromCache(*file)) {
+            store_.markChanged(*file);
+            journalModified(file);
+            continue;
+        }
+        // Nothing is left that could be sent; the service may have what was there before.
+        TWLog(kLogMain, "Warning! The contents of %@ are not in the cache. Leaving it to the service.",
+              file->FullPath);
+        file->LocallyUpdated.reset();
+        file->DownloadDate.reset();
+        store_.markChanged(*file);
+    }
+    for (const auto& entry : queue_.items())
+        recoverUpload(entry);
+}
+
+/// What was being copied when the last run ended is copied again, while the cache has that very version.
+void LocalChangeJournal::recoverUpload(const LocalJournalPtr& entry) {
+    const TWVirtualFile& file = *entry->File;
+    const bool hasCopy = bringsContents(*entry) && file.IsFile && file.size() > 0 && !file.UploadName.empty();
+    if (!hasCopy || entry->CopyingFile.value_or(false)) return;
+    struct stat status {};
+    if (::lstat(store_.layout().cachePathForUpload(file).c_str(), &status) == 0) {
+        copyEnded(file.UploadName.str(), status.st_size);
+        return;
+    }
+    const auto record = store_.fileWithId(file.InternalName.view());
+    const bool isThat = record && record->UploadName == file.UploadName && record->size() == file.size() &&
+                        store_.hasWholeContents(*record);
+    if (!isThat) {
+        TWLog(kLogMain, "Warning! The contents of %@ that wait to be sent are gone.", entry->CurrentPath);
+        return;
+    }
+    entry->CopyingFile = true;
+    copies_.start(entry);
 }
 
 void LocalChangeJournal::addCatchupForFileUpdate(const TWVirtualFilePtr& file) {
@@ -167,10 +248,20 @@ bool LocalChangeJournal::hasPendingContents(std::string_view internalName) const
 
 bool LocalChangeJournal::hasPendingCreate(std::string_view internalName) const {
     const auto lock = store_.beginReadJournal();
-    for (const auto& entry : queue_.ofItem(internalName)) {
-        if (entry->LocalJournalType == kJournalCreate) return true;
-    }
-    return false;
+    return hasPending(internalName, kJournalCreate);
+}
+
+bool LocalChangeJournal::hasPending(std::string_view internalName, LocalJournalType type) const {
+    const auto& entries = queue_.ofItem(internalName);
+    return std::any_of(entries.begin(), entries.end(),
+                       [type](const auto& entry) { return entry->LocalJournalType == type; });
+}
+
+bool LocalChangeJournal::hasPendingPlace(std::string_view internalName) const {
+    const auto& entries = queue_.ofItem(internalName);
+    return std::any_of(entries.begin(), entries.end(), [](const auto& entry) {
+        return entry->LocalJournalType == kJournalRename || !entry->OriginalPath.empty();
+    });
 }
 
 bool LocalChangeJournal::refersTo(std::string_view internalName) const {
@@ -224,29 +315,30 @@ void LocalChangeJournal::clear() {
     queue_.clear();
 }
 
-std::vector<std::string> LocalChangeJournal::journalTexts() const {
-    return journalSnapshot()();
+std::optional<std::string> LocalChangeJournal::journalText(std::uint64_t order) const {
+    const auto entry = queue_.at(order);
+    return entry ? std::optional(toJsonText(asStored(*entry))) : std::nullopt;
 }
 
-std::function<std::vector<std::string>()> LocalChangeJournal::journalSnapshot() const {
-    std::vector<LocalJournal> entries;
+std::function<std::vector<JournalText>()> LocalChangeJournal::journalSnapshot() const {
+    std::vector<std::pair<std::uint64_t, LocalJournal>> entries;
     entries.reserve(queue_.items().size());
     for (const auto& entry : queue_.items()) {
-        entries.push_back(*entry);
-        if (entry->File) entries.back().File = std::make_shared<TWVirtualFile>(*entry->File);
+        entries.emplace_back(entry->queue.order, asStored(*entry));
+        entries.back().second.File = std::make_shared<TWVirtualFile>(*entry->File);
     }
     return [entries = std::move(entries)] {
-        std::vector<std::string> texts;
+        std::vector<JournalText> texts;
         texts.reserve(entries.size());
-        for (const auto& entry : entries)
-            texts.push_back(toJsonText(entry));
+        for (const auto& [order, entry] : entries)
+            texts.push_back({order, toJsonText(entry)});
         return texts;
     };
 }
 
-void LocalChangeJournal::loadJournals(const std::vector<std::string>& texts) {
+std::size_t LocalChangeJournal::loadJournals(const std::vector<JournalText>& texts) {
     queue_.clear();
-    for (const auto& text : texts) {
+    for (const auto& [order, text] : texts) {
         std::string error;
         const auto entry = parseRecord<LocalJournal>(text, error);
         if (!entry) {
@@ -256,21 +348,23 @@ void LocalChangeJournal::loadJournals(const std::vector<std::string>& texts) {
             TWLog(kLogMain, "Warning! A journal entry of no item is ignored, operation %@",
                   journalEventName(entry->LocalJournalType));
         } else {
-            adopt(entry);
+            adopt(entry, order);
         }
     }
     merge_.noteTakenPlaces();
+    return queue_.items().size();
 }
 
 /// An entry of an earlier run, which ended while it may have been copied or sent.
-void LocalChangeJournal::adopt(const LocalJournalPtr& entry) {
+void LocalChangeJournal::adopt(const LocalJournalPtr& entry, std::uint64_t order) {
     // A deletion may be all that is left of a Create whose answer was lost.
     const bool doubtful = entry->LocalJournalType == kJournalDelete && entry->File->Tick < 0;
     entry->queue.attempted = entry->Transmitting || doubtful;
     entry->Transmitting = false;
     entry->CopyingFile.reset();
     entry->File->FullPath = entry->CurrentPath;
-    queue_.append(entry);
+    entry->queue.order = order;
+    queue_.putBack(entry);
 }
 
 }  // namespace tarnwell

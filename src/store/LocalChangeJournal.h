@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -49,7 +51,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// That very entry.
     void deleteJournalEntry(const LocalJournalPtr& entry);
     void setTransmitting(const LocalJournalPtr& entry, bool transmitting);
-    /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change.
+    /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change. The
+    /// entry alone is kept, whatever the length of the journal.
     void entryChanged(const LocalJournalPtr& entry);
     /// Deletes the upload copy and its side file.
     void removeUploadFileData(const TWVirtualFile& file);
@@ -64,6 +67,10 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     [[nodiscard]] bool hasPendingCreate(std::string_view internalName) const;
     /// Whether any entry is about the item.
     [[nodiscard]] bool refersTo(std::string_view internalName) const;
+    /// Whether an entry of that type is about the item. REQUIRES LOCK.
+    [[nodiscard]] bool hasPending(std::string_view internalName, LocalJournalType type) const;
+    /// Whether the item has a name or parent here that the service has not heard of. REQUIRES LOCK.
+    [[nodiscard]] bool hasPendingPlace(std::string_view internalName) const;
 
     /// An item got another identity. REQUIRES LOCK.
     void changeInternalName(std::string_view fromName, const SharedString& toName);
@@ -74,9 +81,12 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// Screenshots are sent at once when this is on.
     void setUploadsScreenshots(bool on) { uploadsScreenshots_ = on; }
 
-    [[nodiscard]] std::vector<std::string> journalTexts() const override;
-    [[nodiscard]] std::function<std::vector<std::string>()> journalSnapshot() const override;
-    void loadJournals(const std::vector<std::string>& texts) override;
+    [[nodiscard]] std::function<std::vector<JournalText>()> journalSnapshot() const override;
+    [[nodiscard]] std::optional<std::string> journalText(std::uint64_t order) const override;
+    std::size_t loadJournals(const std::vector<JournalText>& texts) override;
+    /// Journals what was being written, with the sizes that the files have, and makes upload copies again
+    /// that are not there. REQUIRES LOCK.
+    void recover(const std::vector<TWVirtualFilePtr>& changed) override;
 
   private:
     void releaseUpload(const LocalJournal& entry) override;
@@ -89,7 +99,10 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
 
     void copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record);
     [[nodiscard]] bool isScreenshot(const TWVirtualFile& file) const;
-    void adopt(const LocalJournalPtr& entry);
+    void adopt(const LocalJournalPtr& entry, std::uint64_t order);
+    void journalModified(const TWVirtualFilePtr& file);
+    bool takeSizeFromCache(TWVirtualFile& file) const;
+    void recoverUpload(const LocalJournalPtr& entry);
 
     TWMetadataStorage& store_;
     std::atomic<bool> uploadsScreenshots_{false};

@@ -2,9 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstdio>
-
 #include "store/Enums.h"
 #include "store/LocalChangeJournal.h"
 #include "store/TWMetadataStorage.h"
@@ -20,13 +17,6 @@ constexpr int kMaxLevels = 10'000;
 
 bool isNoName(std::string_view name) {
     return name.empty() || name == "." || name == ".." || name.find('\0') != std::string_view::npos;
-}
-
-/// True when there is nothing to move, too.
-bool moveFile(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) == 0 || errno == ENOENT) return true;
-    TWLog(kLogMain, "Warning! Failed to rename(%@, %@) : error %d", from, to, errno);
-    return false;
 }
 
 }  // namespace
@@ -77,8 +67,7 @@ TWVirtualFilePtr TWMetadataStorage::giveNewIdentity(const TWVirtualFilePtr& file
     renewed->Tick = -1;
     renewed->DownloadDate.reset();
     renewed->LocallyUpdated = true;
-    if (!moveFile(layout().cachePathForFile(*file), layout().cachePathForFile(*renewed))) return nullptr;
-    moveFile(layout().extendedAttrsPathForFile(*file), layout().extendedAttrsPathForFile(*renewed));
+    if (!exchangeCachedFiles(*file, *renewed)) return nullptr;
     deleteFileMetadata(file);
     addFileMetadata(renewed);
     noteIdentityChanged(*file, *renewed);
@@ -88,7 +77,7 @@ TWVirtualFilePtr TWMetadataStorage::giveNewIdentity(const TWVirtualFilePtr& file
 bool TWMetadataStorage::changeParentOfFile(const TWVirtualFilePtr& file, std::string_view toId,
                                            std::string_view renamingTo) {
     const std::string name = CacheLayout::fixInvalidCharacters(renamingTo);
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     auto moved = index_.fileWithId(file->InternalName.view());
     if (!moved || !mayMoveTo(*moved, toId, name)) return false;
     const auto folder = index_.fileWithId(toId);
@@ -124,7 +113,7 @@ bool TWMetadataStorage::changeParentOfFile(const TWVirtualFilePtr& file, std::st
 }
 
 void TWMetadataStorage::removeFileInternal(const TWVirtualFilePtr& file) {
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     const auto stored = index_.fileWithId(file->InternalName.view());
     if (!stored) return;
     TWLog(kLogMain, "removeFile: removing %@ (%@)", stored->FullPath, stored->InternalName);
@@ -135,7 +124,7 @@ void TWMetadataStorage::removeFileInternal(const TWVirtualFilePtr& file) {
         journal_->addChangeToJournal(journal_->createJournalForFile(stored, kJournalDelete));
     }
     if (stored->IsFile && downloads_) downloads_->deleteFileDownload(stored);
-    deleteFileData(*stored);
+    deleteFileDataLater(*stored);
     stored->Deleted = true;
     deleteFileMetadata(stored);
 }
@@ -146,7 +135,7 @@ void TWMetadataStorage::removeFile(const TWVirtualFilePtr& file) {
 }
 
 void TWMetadataStorage::removeFolderRecursively(const TWVirtualFilePtr& folder) {
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     // A folder comes before what is in it, so the other way round what is deepest comes first.
     const auto below = index_.descendants(folder->InternalName.view(), true);
     for (auto it = below.rbegin(); it != below.rend(); ++it)
@@ -156,7 +145,7 @@ void TWMetadataStorage::removeFolderRecursively(const TWVirtualFilePtr& folder) 
 }
 
 void TWMetadataStorage::changeInternalName(std::string_view toName, const TWVirtualFilePtr& forFolder) {
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     const auto stored = index_.fileWithId(forFolder->InternalName.view());
     const bool isFree = !toName.empty() && !index_.fileWithId(toName) && !index_.shareWithId(toName);
     if (!stored || stored->InternalName == toName || !isFree) return;
@@ -172,8 +161,12 @@ void TWMetadataStorage::changeInternalName(std::string_view toName, const TWVirt
         child->ParrentId = renewed->InternalName;
     }
     index_.insert(renewed);
-    for (const auto& child : children)
+    changes_.noteFile(oldName);
+    changes_.noteFile(renewed->InternalName);
+    for (const auto& child : children) {
         index_.insert(child);
+        changes_.noteFile(child->InternalName);
+    }
     journal_->changeInternalName(oldName.view(), renewed->InternalName);
     noteIdentityChanged(*stored, *renewed);
     storageEmpty_ = false;

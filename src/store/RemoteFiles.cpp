@@ -3,6 +3,7 @@
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <utility>
 
+#include "store/LocalChangeJournal.h"
 #include "store/RemoteChanges.h"
 #include "store/TWMetadataStorage.h"
 #include "util/Format.h"
@@ -30,6 +31,7 @@ class RemoteChanges::FilesMerge {
     void add(const TWVirtualFilePtr& incoming);
     void update(const TWVirtualFilePtr& incoming, const TWVirtualFilePtr& stored);
     void takeContents(TWVirtualFile& incoming, const TWVirtualFilePtr& stored, bool downloading);
+    void takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored);
     void settleOrphans();
     void settlePathes();
     void noteFolder(const SharedString& id) {
@@ -59,6 +61,10 @@ void RemoteChanges::FilesMerge::apply(const TWVirtualFilePtr& incoming) {
                 remove(*incoming);
             } else if (const auto stored = store_.fileWithId(incoming->InternalName.view())) {
                 update(incoming, stored);
+            } else if (store_.journal().hasPending(incoming->InternalName.view(), kJournalDelete)) {
+                log("updateFile: %@ was deleted here, which the service has not heard of. Leaving it "
+                    "deleted.",
+                    incoming->PublicName);
             } else {
                 add(incoming);
             }
@@ -113,7 +119,7 @@ void RemoteChanges::FilesMerge::remove(const TWVirtualFile& incoming) {
     }
     log("updateFile: deleting %@", stored->FullPath);
     if (stored->IsFile && store_.downloads_) store_.downloads_->deleteFileDownload(stored);
-    store_.deleteFileData(*stored);
+    store_.deleteFileDataLater(*stored);
     store_.deleteFileMetadata(stored);
 }
 
@@ -158,9 +164,17 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
     incoming->POSIXPermissions = stored->POSIXPermissions;
     incoming->Synchronize = stored->Synchronize;
     incoming->DownloadDate = stored->DownloadDate;
+    if (store_.journal().hasPendingPlace(stored->InternalName.view())) {
+        // Where the user has put it counts, until the service has heard of that.
+        incoming->PublicName = stored->PublicName;
+        incoming->ParrentId = stored->ParrentId;
+    }
     if (stored->IsFile && incoming->UploadName != stored->UploadName)
         takeContents(*incoming, stored, downloading);
-    if (store_.hasUnsentContents(*stored)) return;
+    if (store_.hasUnsentContents(*stored)) {
+        if (!stored->LocallyUpdated.value_or(false)) takeTicks(*incoming, *stored);
+        return;
+    }
 
     store_.addFileMetadata(incoming);
     if (incoming->FullPath.empty()) pathNeeded_.insert(incoming->InternalName);
@@ -190,6 +204,15 @@ void RemoteChanges::FilesMerge::takeContents(TWVirtualFile& incoming, const TWVi
         incoming.DownloadDate.reset();
     }
     if (downloading) store_.downloads_->deleteFileDownload(stored);
+}
+
+/// A record that keeps what is not sent yet is as new as the page all the same.
+void RemoteChanges::FilesMerge::takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored) {
+    stored.Tick = incoming.Tick;
+    stored.ShareTick = incoming.ShareTick;
+    stored.UpdateTick = incoming.UpdateTick;
+    stored.CreateTick = incoming.CreateTick;
+    store_.markChanged(stored);
 }
 
 void RemoteChanges::FilesMerge::finish() {

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "store/Enums.h"
+#include "store/JournalExchange.h"
 #include "store/LocalChangeJournal.h"
 #include "store/RemoteChanges.h"
 #include "store/StorePersistence.h"
@@ -39,6 +40,7 @@ void deleteDoomedFolders(const std::string& filesCachePath) {
 
 TWMetadataStorage::TWMetadataStorage(Environment environment)
     : environment_(std::move(environment)),
+      changes_(environment_.layout.rootCachePath(), index_, [this] { persistence_->saveAtOnce(); }),
       remoteChanges_(std::make_unique<RemoteChanges>(*this)),
       persistence_(std::make_unique<StorePersistence>(*this)) {
     journal_ = std::make_unique<LocalChangeJournal>(*this, environment_.background);
@@ -67,15 +69,19 @@ TWVirtualFilePtr TWMetadataStorage::createFile(std::string_view name, const Mana
                                                const TWVirtualFilePtr& inFolder, bool isDirectory) {
     if (!inShare) return nullptr;
     const std::string publicName = CacheLayout::fixInvalidCharacters(name);
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     const std::string parentPath =
         inFolder ? inFolder->FullPath.str() : "/" + inShare->DisplayName.value_or("");
     if (!parentPath.empty()) {
         if (auto existing = index_.fileWithPath(appendPathComponent(parentPath, publicName));
             existing && existing != inFolder) {
             if (existing->IsFile) {
-                deleteFileData(*existing);
+                // Said before the bytes go: they may exist nowhere else.
+                existing->AllocationSize = existing->EndOfFile = 0;
+                existing->LocallyUpdated = true;
                 noteContentsChanged(*existing);
+                changes_.appendNow();
+                deleteFileData(*existing);
             }
             return existing;
         }
@@ -103,7 +109,7 @@ TWVirtualFilePtr TWMetadataStorage::createFile(std::string_view name, const Mana
 }
 
 bool TWMetadataStorage::renameShare(const ManagedSharePtr& share, std::string_view toName) {
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     if (share->DisplayName == toName) return true;
     const bool isComponent = !toName.empty() && toName != "." && toName != ".." &&
                              toName.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
@@ -112,6 +118,7 @@ bool TWMetadataStorage::renameShare(const ManagedSharePtr& share, std::string_vi
     noteEntryChanged("", share->DisplayName.value_or(""));
     share->DisplayName = toName;
     index_.insertShare(share);
+    noteShareChanged(*share);
     noteEntryChanged("", toName);
     saveDelayed();
     return true;
@@ -126,6 +133,7 @@ void TWMetadataStorage::insertShare(const ManagedSharePtr& share) {
     const auto lock = beginWriteStorage();
     const auto old = index_.shareWithId(*share->ShareId);
     index_.insertShare(share);
+    noteShareChanged(*share);
     storageEmpty_ = false;
     if (old && old->DisplayName == share->DisplayName) {
         if (observer_) observer_->attributesChanged(*share->ShareId);
@@ -142,6 +150,7 @@ void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
     deleteShareDownloads(*share);
     index_.removeShare(*share->ShareId);
     index_.removeFilesOfShare(*share->ShareId);
+    noteShareChanged(*share);
     noteEntryChanged("", share->DisplayName.value_or(""));
 
     // Renamed at once: the same share may come back, with a new folder, before the background gets to it.
@@ -220,6 +229,20 @@ void TWMetadataStorage::deleteFileData(const TWVirtualFile& file) const {
               error.message());
     }
     fs::remove(layout().extendedAttrsPathForFile(file), error);
+}
+
+/// When the change that removes the record is in the log.
+void TWMetadataStorage::deleteFileDataLater(const TWVirtualFile& file) {
+    changes_.deleteLater(layout().cachePathForFile(file));
+    changes_.deleteLater(layout().extendedAttrsPathForFile(file));
+}
+
+bool TWMetadataStorage::exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b) {
+    const auto lock = beginWriteStorage();
+    return changes_.exchangeFiles(
+        {{layout().cachePathForFile(a), layout().cachePathForFile(b)},
+         {layout().extendedAttrsPathForFile(a), layout().extendedAttrsPathForFile(b)}},
+        &JournalExchange::exchangeFileContents);
 }
 
 }  // namespace tarnwell

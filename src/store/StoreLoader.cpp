@@ -75,8 +75,8 @@ std::optional<PropertyList> extendedAttributesOf(const BinaryPropertyListReader:
 }  // namespace
 
 StoreLoader::StoreLoader(TWMetadataStorage& store, StoreIndex& index, JournalTexts* journal,
-                         SavedStore& saved)
-    : store_(store), index_(index), journal_(journal), saved_(saved) {
+                         SavedStore& saved, ChangeRecorder& changes)
+    : store_(store), index_(index), journal_(journal), saved_(saved), replay_(store, index, changes) {
     index_ = {};
     if (journal_) journal_->loadJournals({});
 }
@@ -109,14 +109,17 @@ void StoreLoader::setAside(const std::string& path, std::string_view why) const 
 void StoreLoader::loadNewDatabase() {
     PropertyList::Dictionary shares;
     store_.setStorageEmpty(true);
-    if (readDictionary(store_.layout().rootCachePath() + "/" + std::string(kSharesFile), "shares", shares) !=
-        FileState::kRead) {
-        return;
+    const bool saved = readDictionary(store_.layout().rootCachePath() + "/" + std::string(kSharesFile),
+                                      "shares", shares) == FileState::kRead;
+    if (saved) {
+        loadShares(shares.find("shares"));
+        loadFilesOfShares();
+        readJournalFile();
     }
-    loadShares(shares.find("shares"));
-    loadFilesOfShares();
-    loadJournalFile();
-    loadGlobalLoginResponce(shares.find("globalresponce"));
+    replay_.run();
+    if (!saved && replay_.empty()) return;
+    loadJournal();
+    if (saved) loadGlobalLoginResponce(shares.find("globalresponce"));
     loadFinished();
 }
 
@@ -126,8 +129,10 @@ bool StoreLoader::loadOldDatabase(const std::string& path) {
     if (readDictionary(path, "shares", database) != FileState::kRead) return false;
     loadShares(database.find("shares"));
     loadFiles(database.find("files"));
-    loadJournals(database.find("journal"));
+    journalTexts_ = textsOf(database.find("journal"));
     saved_.journalUnread = false;
+    replay_.run();
+    loadJournal();
     loadGlobalLoginResponce(database.find("globalresponce"));
     loadFinished();
     return true;
@@ -283,24 +288,33 @@ void StoreLoader::moveExtendedAttributes(const TWVirtualFile& file, const Proper
     if (!bytes || !out.flush()) TWLog(kLogMain, "Warning! Cannot write attribute file %@. %@", path, error);
 }
 
-void StoreLoader::loadJournalFile() {
+void StoreLoader::readJournalFile() {
     if (!journal_) return;
     const std::string path = store_.layout().rootCachePath() + "/" + std::string(kJournalFile);
     PropertyList::Dictionary journal;
     const auto state = readDictionary(path, "journal", journal);
     if (state == FileState::kUnread) return;
     saved_.journalUnread = false;
-    if (state != FileState::kRead) return;
-    const auto texts = textsOf(journal.find("journal"));
-    journal_->loadJournals(texts);
-    if (journal_->journalTexts().size() >= texts.size()) return;
+    if (state == FileState::kRead) journalTexts_ = textsOf(journal.find("journal"));
+}
+
+void StoreLoader::loadJournal() {
+    if (!journal_) return;
+    replayedJournal_ = replay_.journal(journalTexts_);
+    const auto& entries = replayedJournal_.entries;
+    if (journal_->loadJournals(entries) >= entries.size() || journalTexts_.empty()) return;
     // The next save leaves out what cannot be understood: changes of the user's.
+    const std::string path = store_.layout().rootCachePath() + "/" + std::string(kJournalFile);
     TWLog(kLogMain, "Warning! Not all of the journal could be read. It is kept as %@.",
           keepStoreFileAside(path, AsideReason::kDamaged));
 }
 
-void StoreLoader::loadJournals(const PropertyList* list) {
-    if (journal_) journal_->loadJournals(textsOf(list));
+std::vector<TWVirtualFilePtr> StoreLoader::changedFiles() const {
+    std::vector<TWVirtualFilePtr> files;
+    for (const auto& file : index_.files()) {
+        if (file->IsFile && file->LocallyUpdated.value_or(false)) files.push_back(file);
+    }
+    return files;
 }
 
 void StoreLoader::loadGlobalLoginResponce(const PropertyList* text) {

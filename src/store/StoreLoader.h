@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "store/ChangeReplay.h"
 #include "store/ManagedShare.h"
 #include "store/StorePersistence.h"
 #include "store/TWVirtualFile.h"
@@ -22,11 +24,18 @@ class StoreIndex;
 class StoreLoader {
   public:
     /// Both take note in `saved` of what stands on disk as it is in memory.
-    StoreLoader(TWMetadataStorage& store, StoreIndex& index, JournalTexts* journal, SavedStore& saved);
+    StoreLoader(TWMetadataStorage& store, StoreIndex& index, JournalTexts* journal, SavedStore& saved,
+                ChangeRecorder& changes);
 
     void loadNewDatabase();
     /// The single file of older programs. False when it cannot be read: nothing is loaded then.
     bool loadOldDatabase(const std::string& path);
+
+    /// The change log had something to add to the files.
+    [[nodiscard]] bool replayed() const { return !replay_.empty(); }
+    [[nodiscard]] const ChangeReplay::Journal& journal() const { return replayedJournal_; }
+    /// Files that are marked as changed by the user.
+    [[nodiscard]] std::vector<TWVirtualFilePtr> changedFiles() const;
 
   private:
     enum class FileState { kAbsent, kUnread, kDamaged, kRead };
@@ -40,8 +49,8 @@ class StoreLoader {
     static ShareFile readShareFile(const std::string& path);
     void takeShareFile(const ManagedSharePtr& share, const ShareFile& read);
     void loadFiles(const PropertyList* list);
-    void loadJournals(const PropertyList* list);
-    void loadJournalFile();
+    void readJournalFile();
+    void loadJournal();
     void loadGlobalLoginResponce(const PropertyList* text);
     void loadFinished();
 
@@ -56,6 +65,9 @@ class StoreLoader {
     StoreIndex& index_;
     JournalTexts* const journal_;
     SavedStore& saved_;
+    ChangeReplay replay_;
+    std::vector<std::string> journalTexts_;  ///< of the file
+    ChangeReplay::Journal replayedJournal_;
     std::size_t warnings_ = 0;
 };
 

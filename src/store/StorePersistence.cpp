@@ -21,12 +21,32 @@ std::string StorePersistence::pathForShare(const CacheLayout& layout, std::strin
     return layout.rootCachePath() + "/share_" + CacheLayout::fileNameForId(shareId) + ".db";
 }
 
+void StorePersistence::setJournal(JournalTexts* journal) {
+    journal_ = journal;
+    store_.changes_.setJournal(journal);
+}
+
+void StorePersistence::saveAtOnce() {
+    haste_ = true;
+    store_.saveDelayed();
+}
+
 void StorePersistence::load() {
     const std::lock_guard one(saver_);
     const auto lock = store_.beginWriteStorage();
     saved_ = {};
     removeCutOffFiles(store_.layout().rootCachePath());
-    StoreLoader loader(store_, store_.index_, journal_, saved_);
+    store_.changes_.suspend();
+    StoreLoader loader(store_, store_.index_, journal_, saved_, store_.changes_);
+    loadDatabase(loader);
+    store_.changes_.resume(loader.journal().base);
+    for (const auto order : loader.journal().dropped)
+        store_.changes_.noteEntry(order);
+    if (journal_) journal_->recover(loader.changedFiles());
+    if (loader.replayed()) store_.saveDelayed();
+}
+
+void StorePersistence::loadDatabase(StoreLoader& loader) {
     const std::string oldDatabase = TWMetadataStorage::pathToMetadata(store_.layout());
     std::error_code error;
     if (!fs::exists(fs::symlink_status(oldDatabase, error))) {
@@ -48,7 +68,8 @@ void StorePersistence::load() {
 }
 
 bool StorePersistence::saveLocked() {
-    StoreSaver saver(store_, store_.index_, journal_, saved_, [this] { return clearing_ > 0; });
+    StoreSaver saver(store_, store_.index_, journal_, saved_, store_.changes_,
+                     [this] { return clearing_ > 0; });
     return saver.save();
 }
 
@@ -75,7 +96,7 @@ void StorePersistence::saveOrJoin() {
 }
 
 bool StorePersistence::syncChanges() {
-    return true;
+    return store_.changes_.sync();
 }
 
 void StorePersistence::clear() {
@@ -88,6 +109,7 @@ void StorePersistence::clear() {
         std::swap(emptied, store_.index_);
         store_.globalLoginResponce_.clear();
         if (journal_) journal_->loadJournals({});
+        store_.changes_.clear();
         const auto& folder = store_.layout().rootCachePath();
         for (const auto& name : storeFileNames(folder, true)) {
             std::error_code error;

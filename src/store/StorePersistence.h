@@ -12,6 +12,7 @@ namespace tarnwell {
 
 class CacheLayout;
 class JournalTexts;
+class StoreLoader;
 class TWMetadataStorage;
 
 /// What of the store stands on disk. Guarded by the lock of the saver.
@@ -38,6 +39,9 @@ struct SavedStore {
 /// 3. "shares.db" with the ticks comes last.
 /// A save that ends half-way, by a crash or a full disk, leaves every file whole, old or new.
 ///
+/// What the user changes between two saves stands in the change log (ChangeRecorder), which a load replays on
+/// top of the files, whichever of them a save that was cut off left. A save that succeeds drops it.
+///
 /// Threads: any; save() and clear() block on the disk. One lock of its own (the saver's) makes them one at a
 /// time; it comes before the store's lock, so nobody calls save(), load() or clear() with that one held.
 class StorePersistence {
@@ -49,7 +53,7 @@ class StorePersistence {
     StorePersistence& operator=(const StorePersistence&) = delete;
 
     /// Wiring, before the first load or save. Null: the store has no journal.
-    void setJournal(JournalTexts* journal) { journal_ = journal; }
+    void setJournal(JournalTexts* journal);
 
     /// Fills the store from disk. Files that are damaged are set aside, what can be read of them is taken,
     /// and the shares that lost records begin from the first tick again.
@@ -60,9 +64,15 @@ class StorePersistence {
     /// As save(), but where one is running it leaves the work to that one. May be called with the store's
     /// lock held.
     void saveOrJoin();
-    /// Makes what was appended to the change log durable. Blocks on the disk: without the store's lock. False
-    /// when the disk refused.
+    /// Makes what was appended to the change log durable: every change whose hold of the store's lock ended
+    /// before the call. Blocks on the disk, so nobody calls it with the store's lock; callers share one sync.
+    /// False when the disk refused, or refused the log before and no save has made up for it.
     bool syncChanges();
+    /// The change log cannot be written: the next request for a delayed save is not to wait. With the store's
+    /// lock.
+    void saveAtOnce();
+    /// Whether saveAtOnce() was called since the last time.
+    bool takeHaste() { return haste_.exchange(false); }
     /// Empties the store and deletes its files. A save that is running gives up.
     void clear();
 
@@ -70,6 +80,7 @@ class StorePersistence {
     [[nodiscard]] static std::string pathForShare(const CacheLayout& layout, std::string_view shareId);
 
   private:
+    void loadDatabase(StoreLoader& loader);
     bool saveLocked();
 
     TWMetadataStorage& store_;
@@ -79,6 +90,7 @@ class StorePersistence {
     SavedStore saved_;                    // guarded by saver_
     std::atomic<bool> saveAgain_{false};  ///< somebody relies on the running save to run once more
     std::atomic<int> clearing_{0};        ///< above 0: saves give up
+    std::atomic<bool> haste_{false};      ///< the next delayed save is due at once
 };
 
 }  // namespace tarnwell

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "store/ChangeRecorder.h"
 #include "store/JournalTexts.h"
 #include "store/StoreIndex.h"
 #include "store/TWMetadataStorage.h"
@@ -61,15 +62,30 @@ PropertyList::Array textList(const std::vector<std::string>& texts) {
 }  // namespace
 
 StoreSaver::StoreSaver(TWMetadataStorage& store, const StoreIndex& index, const JournalTexts* journal,
-                       SavedStore& saved, std::function<bool()> givenUp)
+                       SavedStore& saved, ChangeRecorder& changes, std::function<bool()> givenUp)
     : store_(store),
       index_(index),
       journal_(journal),
       saved_(saved),
+      changes_(changes),
       givenUp_(std::move(givenUp)),
       folder_(store.layout().rootCachePath()) {}
 
 bool StoreSaver::save() {
+    // The log stays until all of it is saved, also when an exception passes.
+    struct End {
+        StoreSaver& saver;
+        bool saved = false;
+        ~End() {
+            const auto lock = saver.store_.beginWriteStorage();
+            saved ? saver.changes_.endSave(saver.changesBefore_) : saver.changes_.abandonSave();
+        }
+    } end{*this};
+    end.saved = saveAll();
+    return end.saved;
+}
+
+bool StoreSaver::saveAll() {
     TWLog(kLogMain, "Saving file metadata...");
     takeShares();
     if (!writeShareFiles() || !replaceJournal() || !replaceShareFiles() || !replaceShares()) return false;
@@ -88,6 +104,7 @@ bool StoreSaver::failed(const std::string& path, int error) {
 
 void StoreSaver::takeShares() {
     const auto lock = store_.beginReadStorage();
+    changesBefore_ = changes_.beginSave();
     loginResponce_ = store_.globalLoginResponce();
     shares_.reserve(index_.shares().size());
     for (const auto& [id, share] : index_.shares()) {
@@ -159,12 +176,18 @@ bool StoreSaver::replaceJournal() {
     }
     saved_.journalUnread = false;
 
-    std::function<std::vector<std::string>()> snapshot = [] { return std::vector<std::string>(); };
+    std::function<std::vector<JournalText>()> snapshot = [] { return std::vector<JournalText>(); };
     if (journal_) {
         const auto lock = store_.beginReadJournal();
         snapshot = journal_->journalSnapshot();
     }
-    const auto texts = snapshot();
+    std::vector<std::string> texts;
+    JournalBase base;
+    for (auto& [order, text] : snapshot()) {
+        base.orders.push_back(order);
+        texts.push_back(std::move(text));
+    }
+    base.hash = hashOfJournal(texts);
     entries_ = texts.size();
     PropertyList::Dictionary list;
     list.append("journal", textList(texts));
@@ -174,7 +197,16 @@ bool StoreSaver::replaceJournal() {
         TWLog(kLogMain, "Error! Cannot save %@ : error %@. The former file is kept.", path, error);
         return false;
     }
-    return replaceList(path, *bytes, saved_.journalHash);
+    {
+        const auto lock = store_.beginWriteJournal();
+        changes_.journalTaken(std::move(base));
+    }
+    // After a loss of power too the log knows the entries of the file that stands there.
+    changes_.sync();
+    if (!replaceList(path, *bytes, saved_.journalHash)) return false;
+    const auto lock = store_.beginWriteJournal();
+    changes_.journalReplaced();
+    return true;
 }
 
 /// Leaves a file alone that has these bytes already.

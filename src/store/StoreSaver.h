@@ -12,16 +12,17 @@
 
 namespace tarnwell {
 
+class ChangeRecorder;
 class StoreIndex;
 
 /// One save, in the order that StorePersistence describes. Used under the saver's lock; takes the store's
 /// lock for moments.
 class StoreSaver {
   public:
-    /// `index` is guarded by the store's lock, `saved` by the saver's. `givenUp` is asked often, with no
-    /// lock; true ends the save.
+    /// `index` and `changes` are guarded by the store's lock, `saved` by the saver's. `givenUp` is asked
+    /// often, with no lock; true ends the save.
     StoreSaver(TWMetadataStorage& store, const StoreIndex& index, const JournalTexts* journal,
-               SavedStore& saved, std::function<bool()> givenUp);
+               SavedStore& saved, ChangeRecorder& changes, std::function<bool()> givenUp);
 
     /// False when not all that changed is on disk now.
     bool save();
@@ -33,6 +34,7 @@ class StoreSaver {
         std::size_t files = 0;  ///< records at the beginning
     };
 
+    bool saveAll();
     void takeShares();
     /// The three steps. False: the later ones must not be done.
     bool writeShareFiles();
@@ -49,9 +51,11 @@ class StoreSaver {
     const StoreIndex& index_;
     const JournalTexts* const journal_;
     SavedStore& saved_;
+    ChangeRecorder& changes_;
     const std::function<bool()> givenUp_;
     const std::string folder_;
 
+    std::uint64_t changesBefore_ = 0;  ///< of the change log: made needless by this save
     std::vector<Share> shares_;
     std::string loginResponce_;
     struct Written {

@@ -31,10 +31,14 @@ void TWMetadataStorage::setDriveObserver(DriveObserver* observer) {
     observer_ = observer;
 }
 
-LocalChange::LocalChange(TWMetadataStorage& store) : lock_(store.beginWriteStorage()) {}
-LocalChange::~LocalChange() = default;
+LocalChange::LocalChange(TWMetadataStorage& store)
+    : lock_(store.beginWriteStorage()), changes_(store.changes_) {
+    changes_.beginChange();
+}
 
-// --- Shutdown
+LocalChange::~LocalChange() {
+    changes_.endChange();
+}
 
 void TWMetadataStorage::blockShutdown() {
     const auto lock = beginWriteStorage();
@@ -81,8 +85,6 @@ void TWMetadataStorage::setGlobalLoginResponce(std::string text) {
     if (!text.empty()) storageEmpty_ = false;
     globalLoginResponce_ = std::move(text);
 }
-
-// --- Look-ups
 
 TWVirtualFilePtr TWMetadataStorage::fileWithId(std::string_view internalName) const {
     const auto lock = beginReadStorage();
@@ -198,8 +200,6 @@ bool TWMetadataStorage::hasUnsentContents(const TWVirtualFile& file) const {
     return file.LocallyUpdated.value_or(false) || journal_->hasPendingContents(file.InternalName.view());
 }
 
-// --- Single records
-
 void TWMetadataStorage::addFileMetadata(const TWVirtualFilePtr& file) {
     if (file->InternalName.empty() || file->ParrentId.empty()) {
         TWLog(kLogMain, "Warning! A record without internal name or parent id cannot be stored: %@ (%@)",
@@ -214,6 +214,7 @@ void TWMetadataStorage::addFileMetadata(const TWVirtualFilePtr& file) {
     const bool samePlace = old && old->ParrentId == file->ParrentId && old->PublicName == file->PublicName;
     if (old && !samePlace) noteRemoved(*old);
     index_.insert(file);
+    changes_.noteFile(file->InternalName);
     if (samePlace && old->IsFile == file->IsFile) {
         noteAttributesChanged(*file);
     } else {
@@ -231,7 +232,7 @@ void TWMetadataStorage::updateFilePathes(const TWVirtualFilePtr& file) {
     const auto folder = index_.fileWithPath(oldFolder);
     const auto share = folder ? nullptr : index_.shareWithPath(oldFolder);
     index_.refreshPaths(stored);
-    index_.markChanged(stored->ShareId.view());
+    noteChanged(*stored);
     if (folder) {
         noteEntryChanged(folder->InternalName.view(), lastPathComponent(oldPath.view()));
     } else if (share) {
@@ -242,7 +243,10 @@ void TWMetadataStorage::updateFilePathes(const TWVirtualFilePtr& file) {
 
 void TWMetadataStorage::deleteFileMetadata(const TWVirtualFilePtr& file) {
     const auto lock = beginWriteStorage();
-    if (const auto removed = index_.remove(file->InternalName.view())) noteRemoved(*removed);
+    const auto removed = index_.remove(file->InternalName.view());
+    if (!removed) return;
+    changes_.noteFile(removed->InternalName);
+    noteRemoved(*removed);
 }
 
 void TWMetadataStorage::noteIdentityChanged(const TWVirtualFile& from, const TWVirtualFile& to) {
@@ -257,23 +261,35 @@ void TWMetadataStorage::noteIdentitiesExchanged(const TWVirtualFile& a, const TW
 
 void TWMetadataStorage::noteAttributesChanged(const TWVirtualFile& file) {
     const auto lock = beginWriteStorage();
-    index_.markChanged(file.ShareId.view());
+    noteChanged(file);
     if (observer_) observer_->attributesChanged(file.InternalName.view());
 }
 
 void TWMetadataStorage::noteContentsChanged(const TWVirtualFile& file) {
     const auto lock = beginWriteStorage();
-    index_.markChanged(file.ShareId.view());
+    noteChanged(file);
     if (observer_) observer_->contentsChanged(file.InternalName.view());
 }
 
 void TWMetadataStorage::noteWriteProgress(const TWVirtualFile& file) {
-    noteAttributesChanged(file);
+    const auto lock = beginWriteStorage();
+    index_.markChanged(file.ShareId.view());
+    if (observer_) observer_->attributesChanged(file.InternalName.view());
 }
 
 void TWMetadataStorage::markChanged(const TWVirtualFile& file) {
     const auto lock = beginWriteStorage();
+    noteChanged(file);
+}
+
+void TWMetadataStorage::noteChanged(const TWVirtualFile& file) {
     index_.markChanged(file.ShareId.view());
+    changes_.noteFile(file.InternalName);
+}
+
+void TWMetadataStorage::noteShareChanged(const ManagedShare& share) {
+    const auto lock = beginWriteStorage();
+    if (share.ShareId) changes_.noteShare(*share.ShareId);
 }
 
 void TWMetadataStorage::noteEntryChanged(std::string_view parentId, std::string_view name) const {

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,9 +22,6 @@ namespace tarnwell {
 class LocalChangeJournal;
 class RemoteChanges;
 class StorePersistence;
-
-/// Holds the store's lock; unlocks at the end of its scope. The lock is recursive.
-using StorageLock = std::unique_lock<std::recursive_mutex>;
 
 /// The one in-memory store of all shares and all file and folder records of the user: the face of this room.
 ///
@@ -66,8 +62,6 @@ class TWMetadataStorage {
     /// Any time: the drive comes and goes while others run.
     void setDriveObserver(DriveObserver* observer);
 
-    // --- Lock
-    // ---------------------------------------------------------------------------------------------------
     [[nodiscard]] StorageLock beginReadStorage() const { return StorageLock(storageLock_); }
     [[nodiscard]] StorageLock beginWriteStorage() const { return StorageLock(storageLock_); }
     /// The journal shares the store's lock on purpose: a journal and a store operation never interleave.
@@ -77,8 +71,6 @@ class TWMetadataStorage {
     /// For changes made by the user on the drive; see LocalChange.
     [[nodiscard]] LocalChange beginLocalChange() { return LocalChange(*this); }
 
-    // --- Shutdown
-    // -----------------------------------------------------------------------------------------------
     void blockShutdown();
     void unblockShutdown();
     [[nodiscard]] bool shutdownBlocked() const;
@@ -94,8 +86,6 @@ class TWMetadataStorage {
     [[nodiscard]] std::string globalLoginResponce() const;
     void setGlobalLoginResponce(std::string text);
 
-    // --- Look-ups
-    // -----------------------------------------------------------------------------------------------
     [[nodiscard]] TWVirtualFilePtr fileWithId(std::string_view internalName) const;
     [[nodiscard]] ManagedSharePtr shareWithId(std::string_view shareId) const;
     [[nodiscard]] TWVirtualFilePtr fileWithPath(std::string_view drivePath) const;
@@ -126,8 +116,6 @@ class TWMetadataStorage {
     /// Contents that the service has not got yet: nothing but the user may drop them.
     [[nodiscard]] bool hasUnsentContents(const TWVirtualFile& file) const;
 
-    // --- Single records
-    // -----------------------------------------------------------------------------------------
     /// Enters a record, in the place of the one with its id; what waits below it gets its paths.
     /// A record without `InternalName` or `ParrentId` is refused with a log line.
     void addFileMetadata(const TWVirtualFilePtr& file);
@@ -141,7 +129,7 @@ class TWMetadataStorage {
     void noteContentsChanged(const TWVirtualFile& file);
     /// A write to a record that is marked `LocallyUpdated` already moved its size and times on. Not kept in
     /// the change log: what is marked so takes its size from the cache file when it is loaded, and the change
-    /// that ends the burst of writes is logged.
+    /// that ends the burst of writes is logged. The mark has to be logged before the first byte is written.
     void noteWriteProgress(const TWVirtualFile& file);
     /// The item `from` goes on as `to`, or two items traded their places and contents. Open files follow.
     void noteIdentityChanged(const TWVirtualFile& from, const TWVirtualFile& to);
@@ -149,8 +137,6 @@ class TWMetadataStorage {
     /// For a field that does not show.
     void markChanged(const TWVirtualFile& file);
 
-    // --- Items and shares as wholes
-    // -----------------------------------------------------------------------------
     /// Creates an item, or returns the one that stands there already, a file without its old cached contents.
     /// `inFolder` null: the share's root. Null only for a null share.
     TWVirtualFilePtr createFile(std::string_view name, const ManagedSharePtr& inShare,
@@ -169,6 +155,8 @@ class TWMetadataStorage {
     void removeFileInternal(const TWVirtualFilePtr& file);
     /// The service gave the folder another internal name.
     void changeInternalName(std::string_view toName, const TWVirtualFilePtr& forFolder);
+    /// For `DisplayName` or `Synchronize` of a stored share, which the user changed within a LocalChange.
+    void noteShareChanged(const ManagedShare& share);
     /// Takes a share out with all its records; its cached contents go in the background.
     void deleteShareData(const ManagedSharePtr& share);
     /// Enters a share under its id and display name; replaces one of that id. A share without an id is
@@ -179,13 +167,15 @@ class TWMetadataStorage {
     [[nodiscard]] static std::string generateFileInternalName();
     [[nodiscard]] static std::string generateFileUploadName();
 
-    // --- Cache files beside the records
-    // -------------------------------------------------------------------------
     void createFolderForShare(const ManagedShare& share) const;
     /// Forgets what is being downloaded of the share. REQUIRES LOCK.
     void deleteShareDownloads(const ManagedShare& share) const;
     void createNewFileForFile(const TWVirtualFile& file) const;
     void deleteFileData(const TWVirtualFile& file) const;
+    /// The cache files of two items, and their attribute files, trade places; one that is alone gets the name
+    /// of the other. The caller changes the records under the same hold of the lock: a run that ends in
+    /// between is undone by the next one. False after a failure, with nothing changed.
+    bool exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b);
     /// The cache holds the file's bytes, as many as the record says.
     [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
 
@@ -199,9 +189,13 @@ class TWMetadataStorage {
     void saveDelayed() const { environment_.saveDelayed(); }
 
   private:
+    friend class LocalChange;
+    friend class LocalChangeJournal;
     friend class RemoteChanges;
     friend class StorePersistence;
 
+    void noteChanged(const TWVirtualFile& file);
+    void deleteFileDataLater(const TWVirtualFile& file);
     void noteEntryChanged(std::string_view parentId, std::string_view name) const;
     void noteRemoved(const TWVirtualFile& file) const;
     [[nodiscard]] bool mayMoveTo(const TWVirtualFile& file, std::string_view parentId,
@@ -213,12 +207,13 @@ class TWMetadataStorage {
     Environment environment_;
     DownloadScheduler* downloads_ = nullptr;
     FolderRefresher* refresher_ = nullptr;
-    std::unique_ptr<RemoteChanges> remoteChanges_;
-    std::unique_ptr<StorePersistence> persistence_;
 
-    mutable std::recursive_mutex storageLock_;
+    StoreIndex index_;        // guarded by storageLock_
+    ChangeRecorder changes_;  // guarded by storageLock_, its sync() excepted
+    mutable StoreMutex storageLock_{changes_};
+    const std::unique_ptr<RemoteChanges> remoteChanges_;
+    const std::unique_ptr<StorePersistence> persistence_;
     // Guarded by storageLock_.
-    StoreIndex index_;
     DriveObserver* observer_ = nullptr;
     std::string globalLoginResponce_;
     int shutdownBlocks_ = 0;

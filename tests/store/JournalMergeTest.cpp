@@ -245,8 +245,8 @@ TEST(JournalMergeTest, entriesComeBackFromTheirTexts) {
         last = entry;
     last->Transmitting = true;
     last->CopyingFile = true;
-    auto texts = world.journal().journalTexts();
-    texts.insert(texts.begin(), {"{", "[]", R"({"LocalJournalType":1,"Transmitting":false})"});
+    auto texts = world.journal().journalSnapshot()();
+    texts.insert(texts.begin(), {{1, "{"}, {2, "[]"}, {3, R"({"LocalJournalType":1,"Transmitting":false})"}});
     world.journal().loadJournals(texts);
     EXPECT_EQ(world.shown(), shown);
     const auto again = *world.journal().journalItems().begin();

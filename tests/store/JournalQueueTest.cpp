@@ -49,7 +49,7 @@ TEST(JournalQueueTest, findsWhatAScanFinds) {
     const auto oneOf = [&](std::vector<std::string> texts) { return texts[random() % texts.size()]; };
     const std::vector<std::string> parents = {"s", "d", "e"}, names = {"a", "A", "b", "\xC3\x89", "\xC3\xA9"};
 
-    JournalQueue queue;
+    JournalQueue queue([](std::uint64_t) {});
     ScannedList list;
     const auto fill = [&](LocalJournal& entry) {
         constexpr std::int32_t kTypes[] = {kJournalCreate, kJournalDelete, kJournalRename, kJournalUpdate,

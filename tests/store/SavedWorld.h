@@ -22,10 +22,19 @@ namespace tarnwell::testing {
 /// A journal of texts, each of which counts as an entry unless it is "bad".
 class TextJournal final : public JournalTexts {
   public:
-    [[nodiscard]] std::vector<std::string> journalTexts() const override { return texts; }
-    void loadJournals(const std::vector<std::string>& loaded) override {
-        texts = loaded;
-        std::erase(texts, "bad");
+    [[nodiscard]] std::function<std::vector<JournalText>()> journalSnapshot() const override {
+        std::vector<JournalText> entries;
+        for (const auto& text : texts)
+            entries.push_back({entries.size() + 1, text});
+        return [entries] { return entries; };
+    }
+    [[nodiscard]] std::optional<std::string> journalText(std::uint64_t) const override { return {}; }
+    std::size_t loadJournals(const std::vector<JournalText>& loaded) override {
+        texts.clear();
+        for (const auto& entry : loaded) {
+            if (entry.text != "bad") texts.push_back(entry.text);
+        }
+        return texts.size();
     }
     std::vector<std::string> texts;
 };

@@ -1,0 +1,224 @@
+#include "store/ChangeRecorder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "store/JournalTexts.h"
+#include "util/RecordMapping.h"
+#include "util/TWLogger.h"
+
+namespace tarnwell {
+
+namespace {
+
+constexpr std::chrono::seconds kBetweenTries{1};
+constexpr std::size_t kMostBases = 4;
+
+/// 0: there is no such file.
+std::uint64_t inodeOf(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+}  // namespace
+
+ChangeRecorder::ChangeRecorder(std::string cacheRoot, const StoreIndex& index,
+                               std::function<void()> onFailure)
+    : root_(std::move(cacheRoot)),
+      index_(index),
+      onFailure_(std::move(onFailure)),
+      log_(root_, [this] { return opening(); }),
+      bases_{{hashOfJournal({}), {}}} {}
+
+ChangeRecorder::~ChangeRecorder() = default;
+
+std::string ChangeRecorder::opening() const {
+    PieceWriter piece;
+    piece.keys();
+    for (const auto& base : bases_)
+        piece.journalBase(base);
+    return piece.bytes();
+}
+
+std::string ChangeRecorder::belowRoot(const std::string& path) const {
+    return path.starts_with(root_ + "/") ? path.substr(root_.size() + 1) : std::string();
+}
+
+void ChangeRecorder::write(PieceWriter& piece, Pending& pending) const {
+    // A share that the saved files may lack comes with the first of its records.
+    for (const auto& id : pending.files) {
+        const auto file = index_.fileWithId(id.view());
+        if (file && !shares_.contains(file->ShareId.view())) pending.shares.insert(file->ShareId);
+    }
+    for (const auto& id : pending.shares) {
+        const auto share = index_.shareWithId(id.view());
+        share ? piece.share(toJsonText(*share)) : piece.shareGone(id.view());
+    }
+    for (const auto& id : pending.files) {
+        const auto file = index_.fileWithId(id.view());
+        file ? piece.file(*file) : piece.fileGone(id.view());
+    }
+    for (const auto order : pending.entries) {
+        const auto text = journal_ ? journal_->journalText(order) : std::nullopt;
+        text ? piece.entry(order, *text) : piece.entryGone(order);
+    }
+}
+
+bool ChangeRecorder::append(const std::vector<CacheExchange>& exchanges) {
+    if (pending_.empty() && exchanges.empty()) return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (failed_ && now - *failed_ < kBetweenTries) return false;
+    PieceWriter piece;
+    write(piece, pending_);
+    for (const auto& exchange : exchanges)
+        piece.exchange(exchange);
+    if (const int error = log_.append(piece.bytes())) {
+        TWLog(kLogMain, "Error! Cannot append to the change log : error %@", std::strerror(error));
+        incomplete_ = true;
+        if (!std::exchange(failed_, now)) onFailure_();
+        return false;
+    }
+    hasChanges_ = true;
+    failed_.reset();
+    incomplete_ = !underSave_.empty();
+    files_.recent.insert(pending_.files.begin(), pending_.files.end());
+    shares_.recent.insert(pending_.shares.begin(), pending_.shares.end());
+    pending_ = {};
+    return true;
+}
+
+void ChangeRecorder::appendNow() {
+    append({});
+}
+
+bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std::string>>& pairs,
+                                   bool (*exchange)(const std::string&, const std::string&)) {
+    std::vector<CacheExchange> intents;
+    for (const auto& [a, b] : pairs) {
+        CacheExchange intent{belowRoot(a), belowRoot(b), inodeOf(a), inodeOf(b)};
+        if (intent.inodeA != 0 || intent.inodeB != 0) intents.push_back(std::move(intent));
+    }
+    if (intents.empty()) return true;
+    busy_ = true;
+    append(intents);
+    for (std::size_t done = 0; done < pairs.size(); ++done) {
+        if (exchange(pairs[done].first, pairs[done].second)) continue;
+        while (done-- > 0)
+            exchange(pairs[done].first, pairs[done].second);
+        return false;
+    }
+    for (auto& deletion : deletions_) {
+        for (const auto& [a, b] : pairs) {
+            if (deletion.path == a || deletion.path == b) {
+                deletion.path = deletion.path == a ? b : a;
+                break;
+            }
+        }
+    }
+    return true;
+}
+
+void ChangeRecorder::deleteLater(const std::string& path) {
+    if (const auto inode = inodeOf(path)) {
+        deletions_.push_back({path, inode});
+        busy_ = true;
+    }
+}
+
+void ChangeRecorder::finishHold() noexcept {
+    busy_ = false;
+    try {
+        append({});
+    } catch (const std::exception& error) {
+        incomplete_ = true;
+        TWLog(kLogMain, "Error! Cannot compose a piece of the change log: %@", error.what());
+    }
+    deleteFiles();
+}
+
+void ChangeRecorder::deleteFiles() {
+    for (const auto& [path, inode] : deletions_) {
+        // Another file may stand there by now.
+        if (inodeOf(path) != inode || ::unlink(path.c_str()) == 0) continue;
+        TWLog(kLogMain, "Warning! Cannot delete cache file %@ : error %@", path, std::strerror(errno));
+    }
+    deletions_.clear();
+}
+
+std::uint64_t ChangeRecorder::beginSave() {
+    failed_.reset();
+    append({});
+    underSave_ = std::exchange(pending_, {});
+    for (auto* logged : {&files_, &shares_}) {
+        if (logged->older.empty()) {
+            std::swap(logged->older, logged->recent);
+        } else {
+            logged->older.insert(logged->recent.begin(), logged->recent.end());
+            logged->recent.clear();
+        }
+    }
+    hasChanges_ = false;
+    return log_.rotate();
+}
+
+void ChangeRecorder::journalTaken(JournalBase base) {
+    if (base == bases_.back()) return;
+    // While no save succeeds the file is the first of them, or the latest.
+    if (bases_.size() > kMostBases) bases_.erase(bases_.begin() + 1);
+    bases_.push_back(std::move(base));
+    if (log_.empty()) return;
+    PieceWriter piece;
+    piece.journalBase(bases_.back());
+    if (const int error = log_.append(piece.bytes()))
+        TWLog(kLogMain, "Error! Cannot append to the change log : error %@", std::strerror(error));
+}
+
+void ChangeRecorder::journalReplaced() {
+    bases_.erase(bases_.begin(), bases_.end() - 1);
+}
+
+void ChangeRecorder::endSave(std::uint64_t number) {
+    for (auto* logged : {&files_, &shares_})
+        logged->older.clear();
+    underSave_ = {};
+    incomplete_ = !pending_.empty();
+    log_.removeBefore(number);
+    if (!hasChanges_ && pending_.empty()) {
+        for (auto* logged : {&files_, &shares_})
+            logged->recent.clear();
+        log_.clear();
+    }
+}
+
+void ChangeRecorder::abandonSave() {
+    pending_.files.insert(underSave_.files.begin(), underSave_.files.end());
+    pending_.shares.insert(underSave_.shares.begin(), underSave_.shares.end());
+    pending_.entries.insert(underSave_.entries.begin(), underSave_.entries.end());
+    underSave_ = {};
+}
+
+void ChangeRecorder::resume(JournalBase base) {
+    bases_ = {std::move(base)};
+    suspended_ = false;
+}
+
+void ChangeRecorder::clear() {
+    pending_ = underSave_ = {};
+    deleteFiles();
+    for (auto* logged : {&files_, &shares_})
+        logged->older = logged->recent = {};
+    bases_ = {{hashOfJournal({}), {}}};
+    hasChanges_ = false;
+    failed_.reset();
+    incomplete_ = false;
+    log_.clear();
+}
+
+bool ChangeRecorder::sync() {
+    return !incomplete_ && log_.sync();
+}
+
+}  // namespace tarnwell
