@@ -28,7 +28,6 @@ class AllCached final : public TWFuseFileSystem::Mediator {
                                                  std::int64_t) override {
         return std::nullopt;
     }
-    void journalUpdate(const TWVirtualFilePtr&) override {}
     [[nodiscard]] bool excessiveLogging() const override { return false; }
 };
 

@@ -77,8 +77,6 @@ std::optional<std::string> DriveMount::downloadFileChunk(const TWVirtualFilePtr&
                                                                   static_cast<std::uint32_t>(bounded));
 }
 
-void DriveMount::journalUpdate(const TWVirtualFilePtr&) {}
-
 std::string DriveMount::checkFuseInstallation() {
     if (!FuseAdapter::libraryIsRecent()) {
         return "libfuse " + FuseAdapter::libraryVersion() + " is too old: 3.12 or later is needed.";

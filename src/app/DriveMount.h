@@ -45,7 +45,6 @@ class DriveMount final : private TWFuseFileSystem::Mediator {
     bool isFileDownloaded(const TWVirtualFilePtr& file) override;
     std::optional<std::string> downloadFileChunk(const TWVirtualFilePtr& file, std::int64_t position,
                                                  std::int64_t size) override;
-    void journalUpdate(const TWVirtualFilePtr& file) override;
     [[nodiscard]] bool excessiveLogging() const override { return collaborators_.excessiveLogging(); }
 
     Collaborators collaborators_;

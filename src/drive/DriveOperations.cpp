@@ -6,49 +6,36 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "drive/DriveNames.h"
+#include "drive/FileTimes.h"
 #include "store/CacheLayout.h"
 #include "util/TWUtils.h"
 
 namespace tarnwell {
 namespace {
 
-constexpr std::string_view kFuseLockName = ".fuselock";
-constexpr std::string_view kRefreshName = ".twrefresh";
-constexpr std::string_view kUserPrefix = "user.";
-constexpr std::size_t kMaximumName = 1024;  // longer names fail the kernel's whole listing
-constexpr std::size_t kBlock = 512;         // unit of st_blocks
+constexpr std::size_t kBlock = 512;  // unit of st_blocks
 /// Programs copy in pieces of this size: one request each.
 constexpr blksize_t kPreferredRequest = 1 << 20;
 constexpr std::uint64_t kVolumeBlock = 4096;
-constexpr int kMoveRetries = 3;
 
 using Kind = NodeIdentity::Kind;
 
-/// Names from the service that must not reach the kernel: they would leave the folder or void the listing.
-bool isSafeName(std::string_view name) {
-    return !name.empty() && name.size() <= kMaximumName && name != "." && name != ".." &&
-           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
-}
-
-/// The drive's name of an attribute; empty for the namespaces that it never has anything in.
-std::string_view attributeName(std::string_view name) {
-    for (const std::string_view foreign : {"security.", "system.", "trusted."}) {
-        if (name.starts_with(foreign)) return {};
-    }
-    if (name.starts_with(kUserPrefix)) name.remove_prefix(kUserPrefix.size());
-    return name;
-}
-
-timespec timespecOf(Date date) {
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
-    return {static_cast<time_t>(seconds.time_since_epoch().count()),
-            static_cast<long>(std::chrono::nanoseconds(date - seconds).count())};
+/// Listings show names decomposed, programs type them composed: both are the item's own.
+bool isSpelledAs(const SharedString& itemName, std::string_view name) {
+    return itemName == name || decomposed(itemName.view()) == decomposed(name);
 }
 
 }  // namespace
 
 DriveOperations::DriveOperations(std::shared_ptr<TWFuseFileSystem> fileSystem, const MountOptions& options)
     : fileSystem_(std::move(fileSystem)), directIo_(options.directIo) {}
+
+DriveOperations::~DriveOperations() {
+    for (const auto& file : files_.all()) {
+        if (file->userData) fileSystem_->releaseFileAtPath("", file->userData.get());
+    }
+}
 
 std::string DriveOperations::pathOf(const NodeIdentity& identity) const {
     const auto itemPath = [this](const SharedString& id) {
@@ -61,34 +48,23 @@ std::string DriveOperations::pathOf(const NodeIdentity& identity) const {
         case Kind::fuseLock:
             return appendPathComponent("/", kFuseLockName);
         case Kind::item:
+        case Kind::alias:
             return itemPath(identity.id);
+        case Kind::gone:
+            break;
         case Kind::refresh:
             return appendPathComponent(identity.id ? itemPath(identity.id) : std::string("/"), kRefreshName);
     }
     return {};
 }
 
-template <class Call>
-auto DriveOperations::atPath(const NodeIdentity& identity, Call call) const -> decltype(call(std::string())) {
-    auto path = pathOf(identity);
-    for (int attempt = 0; !path.empty(); ++attempt) {
-        auto result = call(path);
-        const bool missed = result.error() == ENOENT || result.error() == EINVAL || result.error() == ESTALE;
-        if (!missed || attempt == kMoveRetries) return result;
-        auto now = pathOf(identity);
-        if (now == path) return result;
-        path = std::move(now);
-    }
-    return Errno{ENOENT};
-}
-
 DriveOperations::Attributes DriveOperations::attributesOf(
-    const NodeIdentity& identity, const TWFuseFileSystem::ItemAttributes& item) const {
+    std::uint64_t node, const TWFuseFileSystem::ItemAttributes& item) const {
     Attributes result;
     struct stat& stat = result.stat;
-    stat.st_ino = identity.stableNumber();
+    stat.st_ino = nodes_.shownNumber(node);
     stat.st_mode = (item.isFolder ? S_IFDIR : S_IFREG) | item.permissions;
-    stat.st_nlink = 1;
+    stat.st_nlink = item.removed ? 0 : 1;
     stat.st_uid = item.owner;
     stat.st_gid = item.group;
     stat.st_size = item.size;
@@ -114,10 +90,10 @@ ErrnoOr<DriveOperations::Entry> DriveOperations::lookup(std::uint64_t parent, st
     } else if (folder->kind == Kind::root && name == kFuseLockName) {
         identity = {Kind::fuseLock, {}};
     } else {
-        identity = {Kind::item, item->id};
+        identity = {isSpelledAs(item->name, name) ? Kind::item : Kind::alias, item->id};
     }
-    auto attributes = attributesOf(identity, *item);
-    return Entry{nodes_.enter(identity), attributes};
+    const auto node = nodes_.enter(identity);
+    return Entry{node, attributesOf(node, *item)};
 }
 
 ErrnoOr<DriveOperations::Attributes> DriveOperations::getattr(std::uint64_t node) const {
@@ -127,17 +103,59 @@ ErrnoOr<DriveOperations::Attributes> DriveOperations::getattr(std::uint64_t node
         atPath(*identity, [&](const std::string& path) -> ErrnoOr<TWFuseFileSystem::ItemAttributes> {
             auto found = fileSystem_->attributesOfItemAtPath(path, nullptr);
             // Another item may have taken the place of one that moved away.
-            if (found && identity->kind == Kind::item && !(found->id == identity->id)) return Errno{ESTALE};
+            if (found && identity->isItem() && !(found->id == identity->id)) return Errno{ESTALE};
             return found;
         });
+    if (!item && (item.error() == ENOENT || item.error() == ESTALE)) return attributesOfRemoved(node);
     if (!item) return Errno{item.error()};
-    return attributesOf(*identity, *item);
+    return attributesOf(node, *item);
 }
 
-ErrnoOr<DriveOperations::Attributes> DriveOperations::setattr(std::uint64_t node) const {
+/// An open of a file that is no longer on the drive.
+TWFuseFileDataPtr DriveOperations::removedFile(std::uint64_t node) const {
+    const auto file = files_.findIf([&](const FileHandle& handle) {
+        return handle.node == node && handle.userData && handle.userData->isDetached();
+    });
+    return file ? file->userData : nullptr;
+}
+
+ErrnoOr<DriveOperations::Attributes> DriveOperations::attributesOfRemoved(std::uint64_t node) const {
+    const auto userData = removedFile(node);
+    if (!userData) return Errno{ENOENT};
+    const auto item = fileSystem_->attributesOfItemAtPath("", userData.get());
+    if (!item) return Errno{item.error()};
+    return attributesOf(node, *item);
+}
+
+ErrnoOr<DriveOperations::Attributes> DriveOperations::setattr(std::uint64_t node, std::uint64_t handle,
+                                                              const AttributeRequest& request) {
     const auto identity = nodes_.find(node);
     if (!identity) return Errno{ENOENT};
-    if (!identity->isSpecial()) return Errno{EROFS};
+    if (identity->isSpecial()) return getattr(node);
+    const auto before = getattr(node);
+    if (!before) return before;
+    const struct stat& stat = before->stat;
+    if ((request.owner && *request.owner != stat.st_uid) ||
+        (request.group && *request.group != stat.st_gid)) {
+        return Errno{EPERM};
+    }
+    const Date now = fileSystem_->store().clock().now();
+    TWFuseFileSystem::AttributeChanges changes;
+    if (request.mode) changes.permissions = *request.mode & 07777;
+    changes.size = request.size;
+    if (request.access || request.accessNow)
+        changes.access = request.accessNow ? now : dateOf(*request.access);
+    if (request.modification || request.modificationNow)
+        changes.modification = request.modificationNow ? now : dateOf(*request.modification);
+    if (!changes.permissions && !changes.size && !changes.access && !changes.modification) return before;
+
+    const auto file = files_.find(handle);
+    const auto userData = file ? file->userData : removedFile(node);
+    const auto changed = userData ? fileSystem_->setAttributes(changes, pathOf(*identity), userData.get())
+                                  : atPath(*identity, [&](const std::string& path) {
+                                        return fileSystem_->setAttributes(changes, path, nullptr);
+                                    });
+    if (!changed) return Errno{changed.error()};
     return getattr(node);
 }
 
@@ -145,7 +163,9 @@ ErrnoOr<Done> DriveOperations::access(std::uint64_t node, int mask) const {
     const auto attributes = getattr(node);
     if (!attributes) return Errno{attributes.error()};
     const auto identity = nodes_.find(node);
-    if ((mask & W_OK) != 0 && !(identity && identity->isSpecial())) return Errno{EROFS};
+    const bool isSpecial = identity && identity->isSpecial();
+    if ((mask & W_OK) != 0 && !isSpecial && !(identity && fileSystem_->isWritable(pathOf(*identity))))
+        return Errno{EACCES};
     // The mount is the user's own: the owner's bits count, and a folder can always be entered.
     if ((mask & X_OK) != 0 && !S_ISDIR(attributes->stat.st_mode) &&
         (attributes->stat.st_mode & S_IXUSR) == 0) {
@@ -158,20 +178,23 @@ ErrnoOr<DriveOperations::OpenFile> DriveOperations::open(std::uint64_t node, int
     const auto identity = nodes_.find(node);
     if (!identity) return Errno{ENOENT};
     const bool changes = (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0;
-    if (changes && !identity->isSpecial()) return Errno{EROFS};
     auto opened = atPath(*identity, [&](const std::string& path) -> ErrnoOr<TWFuseFileDataPtr> {
         auto result = fileSystem_->openFileAtPath(path, flags, caller);
-        if (result && identity->kind == Kind::item && !((*result)->fileId() == identity->id))
-            return Errno{ESTALE};
+        if (result && identity->isItem() && !((*result)->fileId() == identity->id)) return Errno{ESTALE};
         return result;
     });
     if (!opened) return Errno{opened.error()};
+    return addFile(node, *std::move(opened), changes, identity->isSpecial());
+}
+
+DriveOperations::OpenFile DriveOperations::addFile(std::uint64_t node, TWFuseFileDataPtr userData,
+                                                   bool changes, bool isSpecial) {
     OpenFile result;
     result.directIo = directIo_;
     // Nothing to write out at a close. The process itself keeps "/.fuselock" open: a flush would make it
     // wait, when it is killed, for an answer that nobody is there to give.
-    result.noflush = !changes || identity->isSpecial();
-    result.handle = files_.add(std::make_shared<FileHandle>(FileHandle{*std::move(opened)}));
+    result.noflush = !changes || isSpecial;
+    result.handle = files_.add(std::make_shared<FileHandle>(FileHandle{std::move(userData), node}));
     return result;
 }
 
@@ -181,22 +204,14 @@ ErrnoOr<std::size_t> DriveOperations::read(std::uint64_t node, std::uint64_t han
     const auto file = files_.find(handle);
     if (!identity || !file) return Errno{EBADF};
     if (identity->isSpecial()) return std::size_t{0};
-    return atPath(*identity, [&](const std::string& path) {
-        return fileSystem_->readFileAtPath(path, file->userData.get(), buffer, size, offset);
-    });
-}
-
-ErrnoOr<std::size_t> DriveOperations::write(std::uint64_t node, std::size_t size) const {
-    const auto identity = nodes_.find(node);
-    if (!identity || !identity->isSpecial()) return Errno{EROFS};
-    return size;
+    return fileSystem_->readFileAtPath(pathOf(*identity), file->userData.get(), buffer, size, offset);
 }
 
 void DriveOperations::release(std::uint64_t node, std::uint64_t handle) {
     const auto file = files_.remove(handle);
     const auto identity = nodes_.find(node);
-    if (!file || !identity || identity->isSpecial()) return;
-    fileSystem_->releaseFileAtPath(pathOf(*identity), file->userData.get());
+    if (!file || !file->userData) return;
+    fileSystem_->releaseFileAtPath(identity ? pathOf(*identity) : std::string(), file->userData.get());
 }
 
 ErrnoOr<DriveOperations::OpenDirectory> DriveOperations::opendir(std::uint64_t node) {
@@ -212,12 +227,13 @@ ErrnoOr<DriveOperations::ListingPtr> DriveOperations::makeListing(const NodeIden
     auto contents = fileSystem_->contentsOfDirectoryAtPath(path);
     listing->entries.reserve(contents.size() + 2);
     // The kernel knows the parent's number itself.
-    listing->entries.push_back({".", identity.stableNumber(), S_IFDIR});
-    listing->entries.push_back({"..", identity.stableNumber(), S_IFDIR});
+    const auto number = nodes_.shownNumber(identity);
+    listing->entries.push_back({".", number, S_IFDIR});
+    listing->entries.push_back({"..", number, S_IFDIR});
     for (auto& entry : contents) {
         if (!isSafeName(entry.name)) continue;
         const NodeIdentity child{entry.id ? Kind::item : Kind::fuseLock, std::move(entry.id)};
-        listing->entries.push_back({std::move(entry.name), child.stableNumber(),
+        listing->entries.push_back({std::move(entry.name), nodes_.shownNumber(child),
                                     static_cast<mode_t>(entry.isFolder ? S_IFDIR : S_IFREG)});
     }
     return ListingPtr(std::move(listing));
@@ -249,7 +265,7 @@ ErrnoOr<struct statvfs> DriveOperations::statfs() const {
     result.f_bavail = volume->availableSize / kVolumeBlock;
     result.f_files = volume->nodes;
     result.f_ffree = result.f_favail = volume->freeNodes;
-    result.f_namemax = 255;
+    result.f_namemax = kMaximumNewName;
     return result;
 }
 
@@ -280,9 +296,14 @@ ErrnoOr<std::string> DriveOperations::listxattr(std::uint64_t node) const {
     return list;
 }
 
-ErrnoOr<Done> DriveOperations::unlink(std::uint64_t /*parent*/, std::string_view name) const {
-    if (name == kRefreshName) return Done{};
-    return Errno{EROFS};
+void DriveOperations::identityChanged(std::string_view from, std::string_view to) {
+    TWFuseFileData::identityChanged(from, to);
+    nodes_.identityChanged(SharedString(from), SharedString(to));
+}
+
+void DriveOperations::identitiesExchanged(std::string_view a, std::string_view b) {
+    TWFuseFileData::identitiesExchanged(a, b);
+    nodes_.identitiesExchanged(SharedString(a), SharedString(b));
 }
 
 }  // namespace tarnwell

@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "drive/InodeTable.h"
 #include "drive/MountOptions.h"
 #include "drive/TWFuseFileSystem.h"
+#include "store/StoreDelegates.h"
 
 namespace tarnwell {
 
@@ -24,10 +27,14 @@ namespace tarnwell {
 /// A record may be renamed between the forming of its path and the call: an answer that says "no such item"
 /// for a path that has changed meanwhile is asked for again (bounded).
 ///
-/// Changing requests are refused with EROFS, those to the special files excepted.
+/// While it is set as the store's observer, nodes and open files follow their items to other identities. A
+/// node whose item is gone answers for the open files that still have it.
+///
+/// Locks of files (POSIX and BSD) are left to the kernel: all programs that use the mount are on this
+/// machine.
 ///
 /// Threads: any.
-class DriveOperations {
+class DriveOperations final : public DriveObserver {
   public:
     struct Attributes {
         struct stat stat {};
@@ -42,6 +49,20 @@ class DriveOperations {
         std::uint64_t handle = 0;
         bool directIo = false;
         bool noflush = false;
+    };
+    struct Created {
+        Entry entry;
+        OpenFile file;
+    };
+    struct AttributeRequest {
+        std::optional<uid_t> owner = {};
+        std::optional<gid_t> group = {};
+        std::optional<mode_t> mode = {};
+        std::optional<std::int64_t> size = {};
+        std::optional<timespec> access = {};
+        std::optional<timespec> modification = {};
+        bool accessNow = false;
+        bool modificationNow = false;
     };
     struct OpenDirectory {
         std::uint64_t handle = 0;
@@ -58,19 +79,39 @@ class DriveOperations {
     using ListingPtr = std::shared_ptr<const Listing>;
 
     DriveOperations(std::shared_ptr<TWFuseFileSystem> fileSystem, const MountOptions& options);
+    /// Opens that the kernel never released end here.
+    ~DriveOperations() override;
 
     ErrnoOr<Entry> lookup(std::uint64_t parent, std::string_view name);
     void forget(std::uint64_t node, std::uint64_t count) { nodes_.forget(node, count); }
     ErrnoOr<Attributes> getattr(std::uint64_t node) const;
-    /// Special files keep whatever is asked for; all others are refused.
-    ErrnoOr<Attributes> setattr(std::uint64_t node) const;
+    /// Special files stay as they are, whatever is asked. EPERM for another owner. `handle` 0: none.
+    ErrnoOr<Attributes> setattr(std::uint64_t node, std::uint64_t handle, const AttributeRequest& request);
     ErrnoOr<Done> access(std::uint64_t node, int mask) const;
 
     ErrnoOr<OpenFile> open(std::uint64_t node, int flags, pid_t caller);
     ErrnoOr<std::size_t> read(std::uint64_t node, std::uint64_t handle, char* buffer, std::size_t size,
                               std::int64_t offset) const;
-    ErrnoOr<std::size_t> write(std::uint64_t node, std::size_t size) const;
+    /// `flags`: of the open as they are now; O_APPEND may come and go.
+    ErrnoOr<std::size_t> write(std::uint64_t node, std::uint64_t handle, const char* buffer, std::size_t size,
+                               std::int64_t offset, int flags);
+    ErrnoOr<Done> fallocate(std::uint64_t node, std::uint64_t handle, int mode, std::int64_t offset,
+                            std::int64_t length);
+    void flush(std::uint64_t node, std::uint64_t handle);
+    ErrnoOr<Done> fsync(std::uint64_t node, std::uint64_t handle);
+    ErrnoOr<Done> fsyncdir(std::uint64_t node);
     void release(std::uint64_t node, std::uint64_t handle);
+
+    ErrnoOr<Created> create(std::uint64_t parent, std::string_view name, mode_t mode, int flags,
+                            pid_t caller);
+    /// A regular file; EPERM for what a share cannot hold.
+    ErrnoOr<Entry> mknod(std::uint64_t parent, std::string_view name, mode_t mode, pid_t caller);
+    ErrnoOr<Entry> mkdir(std::uint64_t parent, std::string_view name, mode_t mode);
+    ErrnoOr<Done> unlink(std::uint64_t parent, std::string_view name);
+    ErrnoOr<Done> rmdir(std::uint64_t parent, std::string_view name);
+    /// `flags`: RENAME_NOREPLACE, or RENAME_EXCHANGE, which swaps the contents of two files.
+    ErrnoOr<Done> rename(std::uint64_t parent, std::string_view name, std::uint64_t newParent,
+                         std::string_view newName, unsigned flags);
 
     ErrnoOr<OpenDirectory> opendir(std::uint64_t node);
     /// The listing as it was when the reader last was at `offset` 0, so that offsets stay true while the
@@ -84,7 +125,15 @@ class DriveOperations {
     /// Names, each ended by a zero byte.
     ErrnoOr<std::string> listxattr(std::uint64_t node) const;
 
-    ErrnoOr<Done> unlink(std::uint64_t parent, std::string_view name) const;
+    ErrnoOr<Done> setxattr(std::uint64_t node, std::string_view name, std::string_view value, int flags);
+    ErrnoOr<Done> removexattr(std::uint64_t node, std::string_view name);
+
+    // The drive has nothing in the kernel's caches yet.
+    void entryChanged(std::string_view, std::string_view) override {}
+    void attributesChanged(std::string_view) override {}
+    void contentsChanged(std::string_view) override {}
+    void identityChanged(std::string_view from, std::string_view to) override;
+    void identitiesExchanged(std::string_view a, std::string_view b) override;
 
     /// Nodes beside the root that the kernel holds.
     [[nodiscard]] std::size_t nodeCount() const { return nodes_.size(); }
@@ -92,18 +141,30 @@ class DriveOperations {
   private:
     struct FileHandle {
         TWFuseFileDataPtr userData;
+        std::uint64_t node;
     };
     struct DirectoryHandle {
         std::mutex mutex;
         ListingPtr listing;  // guarded by mutex
     };
 
+    static constexpr int kMoveRetries = 3;
+
     [[nodiscard]] std::string pathOf(const NodeIdentity& identity) const;
     /// Calls `call(path)`; see the class comment. ENOENT for a node whose item is gone.
     template <class Call>
     auto atPath(const NodeIdentity& identity, Call call) const -> decltype(call(std::string()));
-    [[nodiscard]] Attributes attributesOf(const NodeIdentity& identity,
+    [[nodiscard]] Attributes attributesOf(std::uint64_t node,
                                           const TWFuseFileSystem::ItemAttributes& item) const;
+    [[nodiscard]] ErrnoOr<Attributes> attributesOfRemoved(std::uint64_t node) const;
+    [[nodiscard]] TWFuseFileDataPtr removedFile(std::uint64_t node) const;
+    /// The path of an item to be made or removed in a folder; an error for names that are none of the
+    /// drive's.
+    [[nodiscard]] ErrnoOr<std::string> childPath(std::uint64_t parent, std::string_view name,
+                                                 bool isNew) const;
+    [[nodiscard]] bool isSpecial(std::uint64_t parent, std::string_view name) const;
+    [[nodiscard]] OpenFile addFile(std::uint64_t node, TWFuseFileDataPtr userData, bool changes,
+                                   bool isSpecial);
     [[nodiscard]] ErrnoOr<ListingPtr> makeListing(const NodeIdentity& identity) const;
 
     const std::shared_ptr<TWFuseFileSystem> fileSystem_;
@@ -112,5 +173,19 @@ class DriveOperations {
     HandleTable<FileHandle> files_;
     HandleTable<DirectoryHandle> directories_;
 };
+
+template <class Call>
+auto DriveOperations::atPath(const NodeIdentity& identity, Call call) const -> decltype(call(std::string())) {
+    auto path = pathOf(identity);
+    for (int attempt = 0; !path.empty(); ++attempt) {
+        auto result = call(path);
+        const bool missed = result.error() == ENOENT || result.error() == EINVAL || result.error() == ESTALE;
+        if (!missed || attempt == kMoveRetries) return result;
+        auto now = pathOf(identity);
+        if (now == path) return result;
+        path = std::move(now);
+    }
+    return Errno{ENOENT};
+}
 
 }  // namespace tarnwell

@@ -18,4 +18,8 @@ inline constexpr const char* kFileStatusAttribute = "com.tarnwell.ferndisk-osx.f
 /// out.
 [[nodiscard]] ExtendedAttributes readExtendedAttributes(const std::string& path);
 
+/// Replaces the file whole; without attributes it goes. 0 or errno. Not synced: the loss of power may bring
+/// the former attributes back.
+[[nodiscard]] int writeExtendedAttributes(const std::string& path, const ExtendedAttributes& attributes);
+
 }  // namespace tarnwell

@@ -66,6 +66,11 @@ struct AttributeText {
     std::string text;
     std::size_t room;
 };
+/// A new file, and the open of it.
+struct CreatedFile {
+    DriveOperations::Entry entry;
+    fuse_file_info info;
+};
 struct Opened {
     fuse_file_info info;
     fuse_ino_t node;
@@ -92,8 +97,8 @@ struct FuseBinding {
     std::string makeSession();
     void configure(fuse_conn_info& connection) const;
 
-    // --- Requests: value or errno
-    // ---------------------------------------------------------------------------------
+    // Requests: value or errno.
+
     ErrnoOr<DriveOperations::Entry> lookup(fuse_req_t, fuse_ino_t parent, const char* name) {
         return operations.lookup(parent, name);
     }
@@ -109,10 +114,8 @@ struct FuseBinding {
     ErrnoOr<DriveOperations::Attributes> getattr(fuse_req_t, fuse_ino_t node, fuse_file_info*) {
         return operations.getattr(node);
     }
-    ErrnoOr<DriveOperations::Attributes> setattr(fuse_req_t, fuse_ino_t node, struct stat*, int,
-                                                 fuse_file_info*) {
-        return operations.setattr(node);
-    }
+    ErrnoOr<DriveOperations::Attributes> setattr(fuse_req_t, fuse_ino_t node, struct stat* attributes,
+                                                 int fields, fuse_file_info* info);
     ErrnoOr<Done> access(fuse_req_t, fuse_ino_t node, int mask) { return operations.access(node, mask); }
     ErrnoOr<Opened> open(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
         const auto opened = operations.open(node, info->flags, fuse_req_ctx(request)->pid);
@@ -124,13 +127,26 @@ struct FuseBinding {
         return reply;
     }
     ErrnoOr<Bytes> read(fuse_req_t, fuse_ino_t node, std::size_t size, off_t offset, fuse_file_info* info);
-    ErrnoOr<Written> write(fuse_req_t, fuse_ino_t node, const char*, std::size_t size, off_t,
-                           fuse_file_info*) {
-        const auto written = operations.write(node, size);
+    ErrnoOr<Written> write(fuse_req_t, fuse_ino_t node, const char* buffer, std::size_t size, off_t offset,
+                           fuse_file_info* info) {
+        const auto written = operations.write(node, info->fh, buffer, size, offset, info->flags);
         if (!written) return Errno{written.error()};
         return Written{*written};
     }
-    ErrnoOr<Done> flush(fuse_req_t, fuse_ino_t, fuse_file_info*) { return Done{}; }
+    ErrnoOr<Done> fallocate(fuse_req_t, fuse_ino_t node, int mode, off_t offset, off_t length,
+                            fuse_file_info* info) {
+        return operations.fallocate(node, info->fh, mode, offset, length);
+    }
+    ErrnoOr<Done> flush(fuse_req_t, fuse_ino_t node, fuse_file_info* info) {
+        operations.flush(node, info->fh);
+        return Done{};
+    }
+    ErrnoOr<Done> fsync(fuse_req_t, fuse_ino_t node, int, fuse_file_info* info) {
+        return operations.fsync(node, info->fh);
+    }
+    ErrnoOr<Done> fsyncdir(fuse_req_t, fuse_ino_t node, int, fuse_file_info*) {
+        return operations.fsyncdir(node);
+    }
     ErrnoOr<Done> release(fuse_req_t, fuse_ino_t node, fuse_file_info* info) {
         operations.release(node, info->fh);
         return Done{};
@@ -155,12 +171,36 @@ struct FuseBinding {
     ErrnoOr<AttributeText> listxattr(fuse_req_t, fuse_ino_t node, std::size_t size) {
         return fitting(operations.listxattr(node), size);
     }
+    ErrnoOr<Done> setxattr(fuse_req_t, fuse_ino_t node, const char* name, const char* value, std::size_t size,
+                           int flags) {
+        return operations.setxattr(node, name, std::string_view(value, size), flags);
+    }
+    ErrnoOr<Done> removexattr(fuse_req_t, fuse_ino_t node, const char* name) {
+        return operations.removexattr(node, name);
+    }
+    ErrnoOr<CreatedFile> create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                                fuse_file_info* info);
+    ErrnoOr<DriveOperations::Entry> mknod(fuse_req_t request, fuse_ino_t parent, const char* name,
+                                          mode_t mode, dev_t) {
+        return operations.mknod(parent, name, mode, fuse_req_ctx(request)->pid);
+    }
+    ErrnoOr<DriveOperations::Entry> mkdir(fuse_req_t, fuse_ino_t parent, const char* name, mode_t mode) {
+        return operations.mkdir(parent, name, mode);
+    }
     ErrnoOr<Done> unlink(fuse_req_t, fuse_ino_t parent, const char* name) {
         return operations.unlink(parent, name);
     }
+    ErrnoOr<Done> rmdir(fuse_req_t, fuse_ino_t parent, const char* name) {
+        return operations.rmdir(parent, name);
+    }
+    ErrnoOr<Done> rename(fuse_req_t, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
+                         const char* newName, unsigned flags) {
+        return operations.rename(parent, name, newParent, newName, flags);
+    }
+    /// What a share cannot hold: the error of file systems without links.
     template <class... Arguments>
     ErrnoOr<Done> refuse(fuse_req_t, Arguments...) {
-        return Errno{EROFS};
+        return Errno{EPERM};
     }
 
     static ErrnoOr<AttributeText> fitting(ErrnoOr<std::string> text, std::size_t room) {
@@ -169,14 +209,22 @@ struct FuseBinding {
         return AttributeText{*std::move(text), room};
     }
 
-    // --- Replies: negative when the kernel did not take it
-    // ----------------------------------------------------------
-    static int send(fuse_req_t request, const DriveOperations::Entry& entry) {
+    // Replies: negative when the kernel did not take it.
+
+    static fuse_entry_param parametersOf(const DriveOperations::Entry& entry) {
         fuse_entry_param parameters{};
         parameters.ino = entry.node;
         parameters.attr = entry.attributes.stat;
         parameters.attr_timeout = parameters.entry_timeout = entry.attributes.validSeconds;
+        return parameters;
+    }
+    static int send(fuse_req_t request, const DriveOperations::Entry& entry) {
+        const auto parameters = parametersOf(entry);
         return fuse_reply_entry(request, &parameters);
+    }
+    static int send(fuse_req_t request, const CreatedFile& created) {
+        const auto parameters = parametersOf(created.entry);
+        return fuse_reply_create(request, &parameters, &created.info);
     }
     static int send(fuse_req_t request, const DriveOperations::Attributes& attributes) {
         return fuse_reply_attr(request, &attributes.stat, attributes.validSeconds);
@@ -204,6 +252,10 @@ struct FuseBinding {
     }
 
     void takeBack(const DriveOperations::Entry& entry) { operations.forget(entry.node, 1); }
+    void takeBack(const CreatedFile& created) {
+        operations.release(created.entry.node, created.info.fh);
+        operations.forget(created.entry.node, 1);
+    }
     void takeBack(const Opened& opened) {
         if (opened.isDirectory)
             operations.releasedir(opened.info.fh);
@@ -299,24 +351,21 @@ const fuse_lowlevel_ops& requestTable() {
         operations.getxattr = &Thunk<"getxattr", &FuseBinding::getxattr>::call;
         operations.listxattr = &Thunk<"listxattr", &FuseBinding::listxattr>::call;
         operations.unlink = &Thunk<"unlink", &FuseBinding::unlink>::call;
-        operations.mknod =
-            &Thunk<"mknod", &FuseBinding::refuse<fuse_ino_t, const char*, mode_t, dev_t>>::call;
-        operations.mkdir = &Thunk<"mkdir", &FuseBinding::refuse<fuse_ino_t, const char*, mode_t>>::call;
-        operations.rmdir = &Thunk<"rmdir", &FuseBinding::refuse<fuse_ino_t, const char*>>::call;
+        operations.fsync = &Thunk<"fsync", &FuseBinding::fsync>::call;
+        operations.fsyncdir = &Thunk<"fsyncdir", &FuseBinding::fsyncdir>::call;
+        operations.fallocate = &Thunk<"fallocate", &FuseBinding::fallocate>::call;
+        operations.create = &Thunk<"create", &FuseBinding::create>::call;
+        operations.mknod = &Thunk<"mknod", &FuseBinding::mknod>::call;
+        operations.mkdir = &Thunk<"mkdir", &FuseBinding::mkdir>::call;
+        operations.rmdir = &Thunk<"rmdir", &FuseBinding::rmdir>::call;
+        operations.rename = &Thunk<"rename", &FuseBinding::rename>::call;
+        operations.setxattr = &Thunk<"setxattr", &FuseBinding::setxattr>::call;
+        operations.removexattr = &Thunk<"removexattr", &FuseBinding::removexattr>::call;
         operations.symlink =
             &Thunk<"symlink", &FuseBinding::refuse<const char*, fuse_ino_t, const char*>>::call;
-        operations.rename =
-            &Thunk<"rename",
-                   &FuseBinding::refuse<fuse_ino_t, const char*, fuse_ino_t, const char*, unsigned>>::call;
         operations.link = &Thunk<"link", &FuseBinding::refuse<fuse_ino_t, fuse_ino_t, const char*>>::call;
-        operations.create =
-            &Thunk<"create", &FuseBinding::refuse<fuse_ino_t, const char*, mode_t, fuse_file_info*>>::call;
-        operations.setxattr =
-            &Thunk<"setxattr",
-                   &FuseBinding::refuse<fuse_ino_t, const char*, const char*, std::size_t, int>>::call;
-        operations.removexattr = &Thunk<"removexattr", &FuseBinding::refuse<fuse_ino_t, const char*>>::call;
-        operations.fallocate =
-            &Thunk<"fallocate", &FuseBinding::refuse<fuse_ino_t, int, off_t, off_t, fuse_file_info*>>::call;
+        // Not here on purpose: getlk, setlk and flock, so that the kernel keeps the locks itself, also when
+        // this process is busy; lseek and copy_file_range, whose substitutes in the kernel are right.
         return operations;
     }();
     return table;
@@ -330,6 +379,32 @@ ErrnoOr<Bytes> FuseBinding::read(fuse_req_t, fuse_ino_t node, std::size_t size, 
     const auto count = operations.read(node, info->fh, buffer, size, offset);
     if (!count) return Errno{count.error()};
     return Bytes{buffer, *count};
+}
+
+ErrnoOr<DriveOperations::Attributes> FuseBinding::setattr(fuse_req_t, fuse_ino_t node,
+                                                          struct stat* attributes, int fields,
+                                                          fuse_file_info* info) {
+    DriveOperations::AttributeRequest request;
+    if ((fields & FUSE_SET_ATTR_MODE) != 0) request.mode = attributes->st_mode;
+    if ((fields & FUSE_SET_ATTR_UID) != 0) request.owner = attributes->st_uid;
+    if ((fields & FUSE_SET_ATTR_GID) != 0) request.group = attributes->st_gid;
+    if ((fields & FUSE_SET_ATTR_SIZE) != 0) request.size = attributes->st_size;
+    if ((fields & FUSE_SET_ATTR_ATIME) != 0) request.access = attributes->st_atim;
+    if ((fields & FUSE_SET_ATTR_MTIME) != 0) request.modification = attributes->st_mtim;
+    request.accessNow = (fields & FUSE_SET_ATTR_ATIME_NOW) != 0;
+    request.modificationNow = (fields & FUSE_SET_ATTR_MTIME_NOW) != 0;
+    return operations.setattr(node, info ? info->fh : 0, request);
+}
+
+ErrnoOr<CreatedFile> FuseBinding::create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                                         fuse_file_info* info) {
+    const auto created = operations.create(parent, name, mode, info->flags, fuse_req_ctx(request)->pid);
+    if (!created) return Errno{created.error()};
+    CreatedFile reply{created->entry, *info};
+    reply.info.fh = created->file.handle;
+    reply.info.direct_io = created->file.directIo;
+    reply.info.noflush = created->file.noflush;
+    return reply;
 }
 
 ErrnoOr<Bytes> FuseBinding::readdir(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
@@ -433,7 +508,7 @@ bool FuseAdapter::libraryIsRecent() {
     return fuse_version() >= FUSE_MAKE_VERSION(3, 12);
 }
 
-const DriveOperations& FuseAdapter::operations() const {
+DriveOperations& FuseAdapter::operations() {
     return binding_->operations;
 }
 

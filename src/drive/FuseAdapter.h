@@ -42,7 +42,7 @@ class FuseAdapter {
     /// Answers requests until the connection ends. REQUIRES: mount() or attach() succeeded.
     void run();
 
-    [[nodiscard]] const DriveOperations& operations() const;
+    [[nodiscard]] DriveOperations& operations();
 
     /// Version of the library that this process runs with ("3.14.0").
     [[nodiscard]] static std::string libraryVersion();

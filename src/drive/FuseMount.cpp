@@ -121,6 +121,7 @@ void FuseMount::mount(const std::string& path, const std::vector<std::string>& o
         return fail(reason);
     }
     session_->device = mountpoint::deviceAt(session_->path);
+    fileSystem_->store().setDriveObserver(&session_->adapter.operations());
     try {
         session_->thread = std::thread([session = session_] {
             try {
@@ -131,6 +132,7 @@ void FuseMount::mount(const std::string& path, const std::vector<std::string>& o
             }
         });
     } catch (const std::system_error& error) {
+        fileSystem_->store().setDriveObserver(nullptr);
         session_.reset();
         return fail(error.what());
     }
@@ -169,6 +171,7 @@ int FuseMount::unmount(bool force, std::chrono::milliseconds deadline) {
         if (!session.waitUntil(end, hasEnded)) {
             TWLog(kLogMain, "Warning! A file-system thread did not end in time, it is left to itself.");
             abandoned_ = true;
+            fileSystem_->store().setDriveObserver(nullptr);
             session.thread.detach();
             session.announceUnmount();
             session_.reset();
@@ -176,6 +179,7 @@ int FuseMount::unmount(bool force, std::chrono::milliseconds deadline) {
         }
     }
     if (session.thread.joinable()) session.thread.join();
+    fileSystem_->store().setDriveObserver(nullptr);
     session_.reset();
     return 0;
 }

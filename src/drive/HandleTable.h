@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace tarnwell {
 
@@ -23,6 +24,22 @@ class HandleTable {
         std::lock_guard lock(mutex_);
         const auto found = objects_.find(handle);
         return found == objects_.end() ? nullptr : found->second;
+    }
+    /// An object of which `matches(object)` is true; it is called under the table's lock.
+    template <class Matches>
+    [[nodiscard]] std::shared_ptr<T> findIf(Matches matches) const {
+        std::lock_guard lock(mutex_);
+        for (const auto& [handle, object] : objects_) {
+            if (matches(*object)) return object;
+        }
+        return nullptr;
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<T>> all() const {
+        std::lock_guard lock(mutex_);
+        std::vector<std::shared_ptr<T>> result;
+        for (const auto& [handle, object] : objects_)
+            result.push_back(object);
+        return result;
     }
     std::shared_ptr<T> remove(std::uint64_t handle) {
         std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace tarnwell {
 namespace {
@@ -57,6 +58,44 @@ std::vector<std::shared_ptr<TWFuseFileData>> TWFuseFileData::openedFiles() {
     return result;
 }
 
+std::vector<std::shared_ptr<TWFuseFileData>> TWFuseFileData::openedFiles(std::string_view fileId) {
+    auto handles = openedFiles();
+    std::erase_if(handles, [&](const auto& handle) { return !(handle->fileId() == fileId); });
+    return handles;
+}
+
+bool TWFuseFileData::isWritten(std::string_view fileId, const TWFuseFileData* except) {
+    const auto handles = openedFiles();
+    return std::any_of(handles.begin(), handles.end(), [&](const auto& handle) {
+        return handle.get() != except && handle->modified() && handle->fileId() == fileId;
+    });
+}
+
+void TWFuseFileData::identityChanged(std::string_view from, std::string_view to) {
+    const SharedString newId(to);
+    for (const auto& handle : openedFiles()) {
+        handle->changeFileId(to, {});
+        handle->changeFileId(from, newId);
+    }
+}
+
+void TWFuseFileData::identitiesExchanged(std::string_view a, std::string_view b) {
+    const SharedString first(a), second(b);
+    for (const auto& handle : openedFiles()) {
+        const auto id = handle->fileId();
+        if (id == first) handle->changeFileId(a, second);
+        if (id == second) handle->changeFileId(b, first);
+    }
+}
+
+/// An absent `to` detaches.
+void TWFuseFileData::changeFileId(std::string_view from, const SharedString& to) {
+    std::lock_guard lock(mutex_);
+    if (!(fileId_ == from)) return;
+    fileId_ = to;
+    if (!to) detached_ = true;
+}
+
 void TWFuseFileData::close() {
     {
         std::lock_guard lock(registry().mutex);
@@ -66,8 +105,9 @@ void TWFuseFileData::close() {
     std::lock_guard lock(mutex_);
     closed_ = true;
     file.swap(file_);
+    formerRecord_.reset();
     fileId_.reset();
-    modified_ = false;
+    modified_ = created_ = false;
     lastWrite_.reset();
 }
 
@@ -126,19 +166,76 @@ void TWFuseFileData::setCacheFile(CacheFilePtr file) {
     if (!closed_) file_ = std::move(file);
 }
 
-void TWFuseFileData::noteWrite(Date now) {
+CacheFilePtr TWFuseFileData::cacheFile() const {
     std::lock_guard lock(mutex_);
-    if (closed_) return;
+    return file_;
+}
+
+void TWFuseFileData::detach(TWVirtualFilePtr record, const std::string& path) {
+    // Without a cache file there is nothing to open, and nothing to keep.
+    (void)openCacheFile(path, record->UploadName);
+    std::lock_guard lock(mutex_);
+    detached_ = true;
+    fileId_.reset();
+    formerRecord_ = std::move(record);
+    modified_ = created_ = progress_ = false;
+}
+
+bool TWFuseFileData::isDetached() const {
+    std::lock_guard lock(mutex_);
+    return detached_;
+}
+
+TWVirtualFilePtr TWFuseFileData::formerRecord() const {
+    std::lock_guard lock(mutex_);
+    return formerRecord_;
+}
+
+void TWFuseFileData::noteCreation() {
+    std::lock_guard lock(mutex_);
+    created_ = true;
+}
+
+bool TWFuseFileData::created() const {
+    std::lock_guard lock(mutex_);
+    return created_;
+}
+
+void TWFuseFileData::beginWrite(Date now) {
+    std::lock_guard lock(mutex_);
+    ++writing_;
+    if (closed_ || detached_) return;
     modified_ = true;
     lastWrite_ = now;
 }
 
-SharedString TWFuseFileData::takeQuietBurst(Date now, std::chrono::milliseconds quiet) {
+void TWFuseFileData::endWrite(Date now) {
     std::lock_guard lock(mutex_);
-    if (!modified_ || !lastWrite_ || now - *lastWrite_ <= quiet) return {};
-    modified_ = false;
+    --writing_;
+    if (closed_ || detached_) return;
+    modified_ = progress_ = true;
+    lastWrite_ = now;
+}
+
+bool TWFuseFileData::claimQuietBurst(Date now, std::chrono::milliseconds quiet) {
+    std::lock_guard lock(mutex_);
+    if (claimed_ || !modified_ || writing_ > 0 || !lastWrite_ || now - *lastWrite_ <= quiet) return false;
+    claimed_ = true;
+    return true;
+}
+
+bool TWFuseFileData::takeQuietBurst(Date now, std::chrono::milliseconds quiet) {
+    std::lock_guard lock(mutex_);
+    claimed_ = false;
+    if (!modified_ || writing_ > 0 || !lastWrite_ || now - *lastWrite_ <= quiet) return false;
+    modified_ = created_ = progress_ = false;
     lastWrite_.reset();
-    return fileId_;
+    return true;
+}
+
+bool TWFuseFileData::takeProgress() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(progress_, false);
 }
 
 }  // namespace tarnwell

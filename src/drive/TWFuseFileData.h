@@ -8,9 +8,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "drive/Errno.h"
+#include "store/TWVirtualFile.h"
 #include "util/Date.h"
 #include "util/SharedString.h"
 
@@ -46,11 +48,19 @@ using CacheFilePtr = std::shared_ptr<const CacheFile>;
 /// Every live handle stands in the class-level registry `openedFiles` until it is closed; the quiet-period
 /// check, release and the exit question walk over snapshots of it.
 ///
+/// A handle belongs to bytes, not to a name: when its file gets another identity, or trades places with
+/// another, `fileId` follows. When the file is removed or replaced under an open, the handle is *detached*:
+/// it goes on with the old bytes, which nobody else sees, and nothing that is done through it is journalled.
+///
+/// A *burst* is what was written through one open since it was last handed to the journal. It is begun before
+/// the first byte is written and ends, under the store's lock, in the step that makes the journal entry.
+///
 /// Threads: any; the handle's own lock guards its fields, the registry has another. Both are innermost:
 /// nothing is called under them but the system.
 class TWFuseFileData {
   public:
-    /// `openProcess` -1: not known. Enters the handle into the registry.
+    /// `openProcess` -1: not known. Enters the handle into the registry. To find every change of identity,
+    /// the caller holds the store's lock from the look-up of the file to here.
     static std::shared_ptr<TWFuseFileData> create(int openFlags, pid_t openProcess, SharedString fileId);
     /// As close().
     ~TWFuseFileData();
@@ -59,13 +69,21 @@ class TWFuseFileData {
 
     /// Every handle that is not closed, at this moment.
     [[nodiscard]] static std::vector<std::shared_ptr<TWFuseFileData>> openedFiles();
+    /// Those of one file.
+    [[nodiscard]] static std::vector<std::shared_ptr<TWFuseFileData>> openedFiles(std::string_view fileId);
+    /// Whether an open of the file, `except` aside, has a burst.
+    [[nodiscard]] static bool isWritten(std::string_view fileId, const TWFuseFileData* except);
+
+    /// As DriveObserver says, for every handle. What was open as `to` before is detached: that item is gone.
+    static void identityChanged(std::string_view from, std::string_view to);
+    static void identitiesExchanged(std::string_view a, std::string_view b);
 
     /// Leaves the registry, lets the cache file go, forgets the file and the unsent burst. Idempotent.
     void close();
 
     [[nodiscard]] int openFlags() const { return openFlags_; }
     [[nodiscard]] pid_t openProcess() const { return openProcess_; }
-    /// `InternalName` of the record; absent once closed.
+    /// `InternalName` of the record; absent once closed or detached.
     [[nodiscard]] SharedString fileId() const;
     /// -1 while the cache file is not open.
     [[nodiscard]] int fileDescriptor() const;
@@ -77,23 +95,43 @@ class TWFuseFileData {
     [[nodiscard]] CacheFilePtr freshCacheFile(const SharedString& version) const;
     /// The cache file at `path`, opened on first use with the access mode of this open and `extraFlags` (mode
     /// 0600). A descriptor whose file no longer stands at `path` (the contents were replaced as a whole) is
-    /// exchanged. EBADF once closed; otherwise the error of open(2).
+    /// exchanged. EBADF once closed; otherwise the error of open(2). The caller holds the store's lock, so
+    /// that `path` is the one of `fileId`.
     ErrnoOr<CacheFilePtr> openCacheFile(const std::string& path, const SharedString& version,
                                         int extraFlags = 0);
     /// Adopts a cache file that the caller opened, for an open that creates.
     void setCacheFile(CacheFilePtr file);
+    /// What it holds, current or not; null when nothing.
+    [[nodiscard]] CacheFilePtr cacheFile() const;
 
-    /// A write went through this open.
-    void noteWrite(Date now);
-    /// When the last write is more than `quiet` ago: clears the burst and returns the file's id, so that each
-    /// burst is taken once. Otherwise absent.
-    [[nodiscard]] SharedString takeQuietBurst(Date now, std::chrono::milliseconds quiet);
+    /// Detaches the handle from `record`, which is about to leave the store or to get other bytes. Its cache
+    /// file is at `path`; a handle that has not opened that yet does so now. The caller holds the store's
+    /// lock.
+    void detach(TWVirtualFilePtr record, const std::string& path);
+    [[nodiscard]] bool isDetached() const;
+    /// The record that the handle was detached from; its bytes may be at the service still.
+    [[nodiscard]] TWVirtualFilePtr formerRecord() const;
+
+    /// This open made the file: its mark `LocallyUpdated` goes with this open's end, also without a write.
+    void noteCreation();
+    [[nodiscard]] bool created() const;
+    /// Bytes are about to be written, and then were, or not: both calls pair up. Between them the burst
+    /// cannot end.
+    void beginWrite(Date now);
+    void endWrite(Date now);
+    /// Whether the last write is more than `quiet` ago. True once per quiet time; takeQuietBurst() follows.
+    [[nodiscard]] bool claimQuietBurst(Date now, std::chrono::milliseconds quiet);
+    /// Ends the burst, unless it went on meanwhile. The caller holds the store's lock.
+    [[nodiscard]] bool takeQuietBurst(Date now, std::chrono::milliseconds quiet);
+    /// Writes moved the record on, and that is not in the change log yet: true once.
+    [[nodiscard]] bool takeProgress();
 
     /// Serialises the writes of this open. Taken before the store's lock, never while holding it.
     [[nodiscard]] std::mutex& writeMutex() { return writeMutex_; }
 
   private:
     TWFuseFileData(int openFlags, pid_t openProcess, SharedString fileId);
+    void changeFileId(std::string_view from, const SharedString& to);
 
     // Constant after construction.
     const int openFlags_;
@@ -108,7 +146,13 @@ class TWFuseFileData {
     SharedString version_;  // of file_
     std::chrono::steady_clock::time_point verified_{};
     SharedString fileId_;
+    bool detached_ = false;
+    TWVirtualFilePtr formerRecord_;
+    bool created_ = false;
     bool modified_ = false;
+    bool claimed_ = false;   ///< somebody is about to take the quiet burst
+    bool progress_ = false;  ///< not in the change log yet
+    int writing_ = 0;
     std::optional<Date> lastWrite_;
 };
 

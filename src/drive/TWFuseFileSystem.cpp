@@ -9,9 +9,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
-#include "drive/ExtendedAttributes.h"
+#include "drive/DriveNames.h"
+#include "drive/FileTimes.h"
 #include "store/Enums.h"
+#include "store/LocalChangeJournal.h"
 #include "util/TWLogger.h"
 #include "util/TWUtils.h"
 
@@ -19,12 +23,16 @@ namespace tarnwell {
 namespace {
 
 constexpr std::chrono::milliseconds kQuietPeriod = std::chrono::seconds(4);
-constexpr const char* kFuseLockName = ".fuselock";
 constexpr const char* kExcessiveNotFound = "TWFuseFileSystem: attributesOfItemAtPath: failed: %@";
 
-Date dateOf(const timespec& time) {
-    return Date{std::chrono::duration_cast<TickDuration>(std::chrono::seconds(time.tv_sec)) +
-                TickDuration{time.tv_nsec / 100}};
+/// What a process that was killed while it fetched contents left behind.
+void removeCutOffFetches(const std::string& folder) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().filename().native().starts_with(TWFuseFileSystem::kFetchedPrefix))
+            ::unlink(entry->path().c_str());
+    }
 }
 
 const char* yesNo(const void* pointer) {
@@ -43,6 +51,7 @@ TWFuseFileSystem::TWFuseFileSystem(TWMetadataStorage& store, const CacheLayout& 
     }
     fileOwnerAccountID_ = attributes.st_uid;
     fileGroupOwnerAccountID_ = attributes.st_gid;
+    removeCutOffFetches(layout_.downloadsCachePath());
 }
 
 std::vector<TWFuseFileSystem::DirectoryEntry> TWFuseFileSystem::contentsOfDirectoryAtPath(
@@ -55,7 +64,7 @@ std::vector<TWFuseFileSystem::DirectoryEntry> TWFuseFileSystem::contentsOfDirect
             const std::string name = share->DisplayName.value_or("");
             if (!name.empty()) entries.push_back({decomposed(name), share->ShareId.value_or(""), true});
         }
-        entries.push_back({kFuseLockName, {}, false});
+        entries.push_back({std::string(kFuseLockName), {}, false});
     } else {
         struct Child {
             SharedString name, id;
@@ -127,12 +136,50 @@ ErrnoOr<TWFuseFileSystem::ItemAttributes> TWFuseFileSystem::rootAttributes() con
     return attributes;
 }
 
+/// REQUIRES LOCK.
+TWFuseFileSystem::ItemAttributes TWFuseFileSystem::attributesOfRecord(const TWVirtualFile& file) const {
+    ItemAttributes attributes = ownedAttributes();
+    attributes.id = file.InternalName;
+    attributes.name = file.PublicName;
+    attributes.isFolder = !file.IsFile;
+    attributes.size = file.IsFile ? std::max<std::int64_t>(file.size(), 0) : 0;
+    attributes.creation = file.CreationTime;
+    attributes.modification = file.LastWriteTime;
+    attributes.access = file.LastAccessTime;
+    attributes.permissions = static_cast<std::uint32_t>(file.POSIXPermissions.value_or(
+                                 file.IsFile ? kDefaultFilePermissions : kDefaultFolderPermissions)) &
+                             07777;
+    return attributes;
+}
+
+ErrnoOr<TWFuseFileSystem::ItemAttributes> TWFuseFileSystem::attributesOfDetached(
+    const TWFuseFileData& userData) const {
+    const auto file = userData.cacheFile();
+    const auto record = userData.formerRecord();
+    if (!file && !record) return Errno{ENOENT};
+    ItemAttributes attributes = ownedAttributes();
+    attributes.permissions = kDefaultFilePermissions;
+    if (record) {
+        const auto lock = store_.beginReadStorage();
+        attributes = attributesOfRecord(*record);
+    }
+    struct stat bytes {};
+    if (file && ::fstat(file->descriptor(), &bytes) == 0) {
+        attributes.size = bytes.st_size;
+        attributes.modification = dateOf(bytes.st_mtim);
+        if (!record) attributes.creation = attributes.access = attributes.modification;
+    }
+    attributes.removed = true;
+    return attributes;
+}
+
 ErrnoOr<TWFuseFileSystem::ItemAttributes> TWFuseFileSystem::attributesOfItemAtPath(
     const std::string& path, const TWFuseFileData* userData) const {
     const bool verbose = mediator_.excessiveLogging();
     if (verbose) {
         TWLog(kLogFuse, "TWFuseFileSystem: attributesOfItemAtPath:%@ userData: %@", path, yesNo(userData));
     }
+    if (userData && userData->isDetached()) return attributesOfDetached(*userData);
     ItemAttributes attributes = ownedAttributes();
     if (CacheLayout::isSpecialPath(path)) {
         attributes.creation = attributes.modification = attributes.access = store_.clock().now();
@@ -147,6 +194,7 @@ ErrnoOr<TWFuseFileSystem::ItemAttributes> TWFuseFileSystem::attributesOfItemAtPa
         if (const auto share = store_.shareWithPath(path)) {
             found = true;
             attributes.id = share->ShareId.value_or("");
+            attributes.name = share->DisplayName.value_or("");
             attributes.isFolder = true;
             attributes.creation = share->CreationDate.value_or(Date{});
             attributes.modification = attributes.access =
@@ -155,19 +203,7 @@ ErrnoOr<TWFuseFileSystem::ItemAttributes> TWFuseFileSystem::attributesOfItemAtPa
         }
     } else {
         const auto lock = store_.beginReadStorage();
-        if (const auto file = store_.fileWithPath(path); file && !file->Deleted) {
-            found = true;
-            attributes.id = file->InternalName;
-            attributes.isFolder = !file->IsFile;
-            attributes.size = file->IsFile ? std::max<std::int64_t>(file->size(), 0) : 0;
-            attributes.creation = file->CreationTime;
-            attributes.modification = file->LastWriteTime;
-            attributes.access = file->LastAccessTime;
-            attributes.permissions =
-                static_cast<std::uint32_t>(file->POSIXPermissions.value_or(
-                    file->IsFile ? kDefaultFilePermissions : kDefaultFolderPermissions)) &
-                07777;
-        }
+        if (const auto file = visibleFileWithPath(path)) return attributesOfRecord(*file);
     }
     if (found) return attributes;
     if (verbose) TWLog(kLogFuse, kExcessiveNotFound, path);
@@ -180,19 +216,56 @@ bool TWFuseFileSystem::isReadOnly(const std::string& path) const {
     return share && share->ShareAcl && share->ShareAcl->AclType == kAclReadOnly;
 }
 
+TWVirtualFilePtr TWFuseFileSystem::visibleFileWithPath(const std::string& path) const {
+    auto file = store_.fileWithPath(path);
+    return file && !file->Deleted ? file : nullptr;
+}
+
 ErrnoOr<TWFuseFileDataPtr> TWFuseFileSystem::openFileAtPath(const std::string& path, int mode, pid_t caller) {
     TWLog(kLogFuse, "TWFuseFileSystem: openFileAtPath:%@ mode:%@ (%d)", path, openFlagsToString(mode), mode);
     if (CacheLayout::isSpecialPath(path)) return TWFuseFileDataPtr{};
-    const bool changes = (mode & (O_WRONLY | O_RDWR | O_CREAT)) != 0;
+    const bool changes = (mode & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
     if (changes && !CacheLayout::isPathIgnored(path, false) && isReadOnly(path)) return Errno{EACCES};
-    SharedString fileId;
+    TWFuseFileDataPtr handle;
+    TWVirtualFilePtr file;
+    {
+        // Until the handle is known, no exchange may give the file another identity.
+        const auto lock = store_.beginReadStorage();
+        file = visibleFileWithPath(path);
+        if (!file) return Errno{ENOENT};
+        if (!file->IsFile && changes) return Errno{EISDIR};
+        handle = TWFuseFileData::create(mode, caller, file->InternalName);
+    }
+    if ((mode & O_TRUNC) != 0) {
+        if (const auto emptied = resizeItem(file, handle.get(), 0); !emptied) return Errno{emptied.error()};
+    }
+    return handle;
+}
+
+/// What can still be read of a file that was removed while it was open.
+ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfDetached(const TWFuseFileData& userData,
+                                                                       std::size_t size,
+                                                                       std::int64_t offset) {
+    FileRange range;
+    range.offset = offset;
+    range.size = size;
+    range.file = userData.cacheFile();
+    if (range.file) return range;
+    const auto record = userData.formerRecord();
+    if (!record) return Errno{EIO};
+    std::int64_t length = 0;
     {
         const auto lock = store_.beginReadStorage();
-        const auto file = store_.fileWithPath(path);
-        if (!file) return Errno{ENOENT};
-        fileId = file->InternalName;
+        length = record->size();
     }
-    return TWFuseFileData::create(mode, caller, std::move(fileId));
+    range.size = 0;
+    if (offset >= length) return range;
+    const auto asked = std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset);
+    auto bytes = mediator_.downloadFileChunk(record, offset, asked);
+    if (!bytes) return Errno{EIO};
+    range.data = std::move(*bytes);
+    range.size = std::min(range.data.size(), static_cast<std::size_t>(asked));
+    return range;
 }
 
 ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfFileAtPath(const std::string& path,
@@ -200,42 +273,41 @@ ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfFileAtPath(const s
                                                                          std::size_t size,
                                                                          std::int64_t offset) {
     TWVirtualFilePtr file;
-    SharedString version;
-    std::int64_t length = 0;
+    FileRange range;
+    range.offset = offset;
     {
         const auto lock = store_.beginReadStorage();
-        file = store_.fileWithPath(path);
-        if (file && file->IsFile) {
-            length = file->size();
-            version = file->UploadName;
+        file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(path);
+        if (file && file->IsFile && offset >= 0) {
+            const std::int64_t length = file->size();
+            if (offset >= length) return range;
+            range.size = static_cast<std::size_t>(
+                std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset));
+            if (userData && (range.file = userData->freshCacheFile(file->UploadName))) return range;
+            if (mediator_.isFileDownloaded(file)) {
+                if (!userData) {
+                    TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : userData is nil", path);
+                    return Errno{EBADF};
+                }
+                // Under the lock: an exchange must not bring other bytes to this place in between.
+                auto opened = userData->openCacheFile(layout_.cachePathForFile(*file), file->UploadName);
+                if (!opened) return Errno{opened.error()};
+                range.file = *std::move(opened);
+                return range;
+            }
         }
     }
+    if (!file && userData && offset >= 0 && (userData->cacheFile() || userData->isDetached()))
+        return rangeOfDetached(*userData, size, offset);
     if (!file || !file->IsFile || offset < 0) {
         TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : EINVAL", path);
         return Errno{EINVAL};
     }
-    FileRange range;
-    range.offset = offset;
-    if (offset >= length) return range;
-    range.size =
-        static_cast<std::size_t>(std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset));
-
-    if (userData && (range.file = userData->freshCacheFile(version))) return range;
-    if (!mediator_.isFileDownloaded(file)) {
-        auto bytes = mediator_.downloadFileChunk(file, offset, static_cast<std::int64_t>(range.size));
-        if (!bytes) return Errno{EIO};
-        if (bytes->size() > range.size) bytes->resize(range.size);
-        range.size = bytes->size();
-        range.data = std::move(*bytes);
-        return range;
-    }
-    if (!userData) {
-        TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : userData is nil", path);
-        return Errno{EBADF};
-    }
-    auto opened = userData->openCacheFile(layout_.cachePathForFile(*file), version);
-    if (!opened) return Errno{opened.error()};
-    range.file = *std::move(opened);
+    auto bytes = mediator_.downloadFileChunk(file, offset, static_cast<std::int64_t>(range.size));
+    if (!bytes) return Errno{EIO};
+    if (bytes->size() > range.size) bytes->resize(range.size);
+    range.size = bytes->size();
+    range.data = std::move(*bytes);
     return range;
 }
 
@@ -244,8 +316,8 @@ ErrnoOr<std::size_t> TWFuseFileSystem::readFileAtPath(const std::string& path, T
     const auto range = rangeOfFileAtPath(path, userData, size, offset);
     if (!range) return Errno{range.error()};
     if (!range->file) {
-        std::memcpy(buffer, range->data.data(), range->data.size());
-        return range->data.size();
+        std::memcpy(buffer, range->data.data(), range->size);
+        return range->size;
     }
     std::size_t done = 0;
     while (done < range->size) {
@@ -269,95 +341,45 @@ void TWFuseFileSystem::releaseFileAtPath(const std::string& path, TWFuseFileData
         TWLog(kLogFuse, "TWFuseFileSystem: releaseFileAtPath:%@ : empty userData.", path);
         return;
     }
-    {
-        const auto lock = store_.beginWriteStorage();
-        const auto file = store_.fileWithPath(path);
-        if (file && userData->modified() && file->LocallyUpdated.value_or(false)) {
-            const auto fileId = userData->fileId();
-            const auto handles = TWFuseFileData::openedFiles();
-            const bool othersWrite = std::any_of(handles.begin(), handles.end(), [&](const auto& other) {
-                return other.get() != userData && other->fileId() == fileId && other->modified();
-            });
-            if (!othersWrite) {
-                if (!CacheLayout::isPathIgnored(path, false)) mediator_.journalUpdate(file);
-                file->LocallyUpdated.reset();
-                store_.markChanged(*file);
-            }
-        }
+    if (userData->modified() || userData->created()) {
+        const auto change = store_.beginLocalChange();
+        const bool wrote = userData->modified();
+        if (const auto file = store_.fileWithId(userData->fileId().view())) endBurst(file, wrote, userData);
+        // Under the lock: until here another open that ends must take this one for a writer.
+        userData->close();
     }
     userData->close();
     TWLog(kLogFuse, "TWFuseFileSystem: releaseFileAtPath:%@ : userData released.", path);
 }
 
-ErrnoOr<std::vector<std::string>> TWFuseFileSystem::extendedAttributesOfItemAtPath(
-    const std::string& path) const {
-    TWLog(kLogFuse, "TWFuseFileSystem: extendedAttributesOfItemAtPath:%@", path);
-    std::vector<std::string> names;
-    if (CacheLayout::isRootPath(path)) return names;
-    std::string attributeFile;
-    {
-        const auto lock = store_.beginReadStorage();
-        if (CacheLayout::isSharePath(path)) {
-            if (const auto share = store_.shareWithPath(path))
-                attributeFile = layout_.extendedAttrsPathForShare(*share);
-        } else if (const auto file = store_.fileWithPath(path)) {
-            attributeFile = layout_.extendedAttrsPathForFile(*file);
-        }
-    }
-    if (attributeFile.empty()) return Errno{ENOENT};
-    for (auto& [name, value] : readExtendedAttributes(attributeFile)) {
-        if (name != kQuarantineAttribute) names.push_back(name);
-    }
-    return names;
-}
-
-ErrnoOr<std::string> TWFuseFileSystem::valueOfExtendedAttribute(const std::string& name,
-                                                                const std::string& ofItemAtPath,
-                                                                std::int64_t position) const {
-    if (mediator_.excessiveLogging()) {
-        TWLog(kLogFuse, "TWFuseFileSystem: valueOfExtendedAttribute:%@ ofItemAtPath:%@ position:%lld", name,
-              ofItemAtPath, position);
-    }
-    if (CacheLayout::isRootPath(ofItemAtPath)) return Errno{ENODATA};
-    std::string attributeFile;
-    {
-        const auto lock = store_.beginReadStorage();
-        const auto file = store_.fileWithPath(ofItemAtPath);
-        if (name == kFileStatusAttribute) {
-            const bool ignored = CacheLayout::isPathIgnored(ofItemAtPath, file && !file->IsFile);
-            return std::string(1, ignored ? '\0' : '\1');
-        }
-        if (file) {
-            attributeFile = layout_.extendedAttrsPathForFile(*file);
-        } else if (const auto share = store_.shareWithPath(ofItemAtPath)) {
-            attributeFile = layout_.extendedAttrsPathForShare(*share);
-        }
-    }
-    if (attributeFile.empty() || name == kQuarantineAttribute) return Errno{ENODATA};
-    auto attributes = readExtendedAttributes(attributeFile);
-    const auto found = attributes.find(name);
-    if (found == attributes.end()) return Errno{ENODATA};
-    const auto start = static_cast<std::size_t>(std::max<std::int64_t>(position, 0));
-    return start < found->second.size() ? found->second.substr(start) : std::string();
-}
-
 void TWFuseFileSystem::checkOpenedFiles() {
     const Date now = store_.clock().now();
     for (const auto& handle : TWFuseFileData::openedFiles()) {
-        auto fileId = handle->takeQuietBurst(now, kQuietPeriod);
-        if (!fileId) continue;
-        background_.async([&store = store_, &mediator = mediator_, fileId = std::move(fileId)] {
-            const auto lock = store.beginWriteStorage();
-            const auto file = store.fileWithId(fileId.view());
-            if (!file) return;
-            if (file->LocallyUpdated.value_or(false) &&
-                !CacheLayout::isPathIgnored(file->PublicName.view(), false)) {
-                mediator.journalUpdate(file);
-            }
-            file->LocallyUpdated.reset();
-            store.markChanged(*file);
+        if (!handle->claimQuietBurst(now, kQuietPeriod)) continue;
+        background_.async([drive = weak_from_this(), handle] {
+            const auto self = drive.lock();
+            if (!self) return;
+            const auto change = self->store_.beginLocalChange();
+            // The burst ends in the step that journals it: whoever looks meanwhile sees a writer.
+            if (!handle->takeQuietBurst(self->store_.clock().now(), kQuietPeriod)) return;
+            if (const auto file = self->store_.fileWithId(handle->fileId().view()))
+                self->endBurst(file, true, handle.get());
         });
     }
+}
+
+void TWFuseFileSystem::journalUpdate(const TWVirtualFilePtr& file) {
+    auto& journal = store_.journal();
+    journal.addChangeToJournal(journal.createJournalForFile(file, kJournalUpdate));
+}
+
+/// One open wrote, or made, the file and is done: the last one of them hands it to the journal.
+void TWFuseFileSystem::endBurst(const TWVirtualFilePtr& file, bool wrote, const TWFuseFileData* by) {
+    if (!file->LocallyUpdated.value_or(false)) return;
+    if (TWFuseFileData::isWritten(file->InternalName.view(), by)) return;
+    file->LocallyUpdated.reset();
+    store_.markChanged(*file);
+    if (wrote && !CacheLayout::isPathIgnored(file->PublicName.view(), false)) journalUpdate(file);
 }
 
 std::string TWFuseFileSystem::openFlagsToString(int flags) {

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "store/LocalChangeJournal.h"
+
 namespace tarnwell::testing {
 
 bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
@@ -12,7 +14,7 @@ bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
         std::lock_guard lock(mutex_);
         if (std::exchange(failNext_, false)) throw std::runtime_error("scripted");
     }
-    return ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
+    return file->size() == 0 || ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
 }
 
 std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePtr& file,
@@ -26,11 +28,6 @@ std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePt
     const auto found = remote_.find(file->InternalName.str());
     if (found == remote_.end()) return std::nullopt;
     return found->second.substr(static_cast<std::size_t>(position), static_cast<std::size_t>(size) + excess_);
-}
-
-void FakeMediator::journalUpdate(const TWVirtualFilePtr& file) {
-    std::lock_guard lock(mutex_);
-    journalled_.push_back(file->InternalName.str());
 }
 
 void FakeMediator::setRemote(const std::string& id, std::string contents) {
@@ -69,16 +66,12 @@ std::size_t FakeMediator::fetches() const {
     return fetches_;
 }
 
-std::vector<std::string> FakeMediator::journalled() const {
-    std::lock_guard lock(mutex_);
-    return journalled_;
-}
-
 DriveWorld::DriveWorld()
     : layout({folder.path(), folder.path("data"), folder.path("cache"), "Tarnwell", ""}),
       mediator(layout),
       store({layout, clock, background, [] { return std::string("user"); }, [] {}}) {
     layout.initCachePathes();
+    store.setDriveObserver(&openFiles);
     drive = {new TWFuseFileSystem(store, layout, background, mediator), [this](TWFuseFileSystem* gone) {
                  delete gone;
                  driveGone.set_value();
@@ -141,6 +134,25 @@ void DriveWorld::rename(const TWVirtualFilePtr& file, const std::string& name) {
     file->PublicName = name;
     file->FullPath.reset();
     store.addFileMetadata(file);
+}
+
+std::vector<std::string> DriveWorld::journal() const {
+    const auto lock = store.beginReadJournal();
+    std::vector<std::string> texts;
+    for (const auto& entry : store.journal().journalItems()) {
+        std::string text(journalEventName(entry->LocalJournalType));
+        text += " " + entry->CurrentPath.str();
+        if (entry->File->IsFile && bringsContents(*entry)) text += " " + std::to_string(entry->File->size());
+        if (entry->OriginalPath) text += " from " + entry->OriginalPath.str();
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+std::string DriveWorld::cached(const std::string& path) const {
+    const auto file = at(path);
+    std::ifstream bytes(file ? layout.cachePathForFile(*file) : "", std::ios::binary);
+    return bytes ? std::string(std::istreambuf_iterator<char>(bytes), {}) : "(none)";
 }
 
 }  // namespace tarnwell::testing

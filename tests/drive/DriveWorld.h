@@ -25,7 +25,6 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
     bool isFileDownloaded(const TWVirtualFilePtr& file) override;
     std::optional<std::string> downloadFileChunk(const TWVirtualFilePtr& file, std::int64_t position,
                                                  std::int64_t size) override;
-    void journalUpdate(const TWVirtualFilePtr& file) override;
     [[nodiscard]] bool excessiveLogging() const override { return false; }
 
     void setRemote(const std::string& id, std::string contents);
@@ -39,8 +38,6 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
     /// Answers of this many bytes more than asked.
     void answerTooMuch(std::size_t bytes);
     [[nodiscard]] std::size_t fetches() const;
-    /// `InternalName`s in the order of their journal entries.
-    [[nodiscard]] std::vector<std::string> journalled() const;
 
   private:
     const CacheLayout& layout_;
@@ -48,7 +45,6 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
     std::condition_variable changed_;
     // Guarded by mutex_.
     std::map<std::string, std::string> remote_;
-    std::vector<std::string> journalled_;
     bool held_ = false, failNext_ = false;
     std::size_t waiting_ = 0, fetches_ = 0, excess_ = 0;
 };
@@ -69,6 +65,11 @@ class DriveWorld {
     TWVirtualFilePtr addRemote(const std::string& parentId, const std::string& name,
                                const std::string& contents);
     void rename(const TWVirtualFilePtr& file, const std::string& name);
+    /// The journal in order: "[Update] /Share/f 12" (type, path, size).
+    [[nodiscard]] std::vector<std::string> journal() const;
+    [[nodiscard]] TWVirtualFilePtr at(const std::string& path) const { return store.fileWithPath(path); }
+    /// What the cache holds for the record at `path`; "(none)" without a cache file.
+    [[nodiscard]] std::string cached(const std::string& path) const;
 
     TemporaryFolder folder;
     CacheLayout layout;
@@ -76,6 +77,18 @@ class DriveWorld {
     ManualExecutor background;
     FakeMediator mediator;
     TWMetadataStorage store;
+    /// Open files follow their items, also while nothing is mounted.
+    struct OpenFiles final : DriveObserver {
+        void entryChanged(std::string_view, std::string_view) override {}
+        void attributesChanged(std::string_view) override {}
+        void contentsChanged(std::string_view) override {}
+        void identityChanged(std::string_view from, std::string_view to) override {
+            TWFuseFileData::identityChanged(from, to);
+        }
+        void identitiesExchanged(std::string_view a, std::string_view b) override {
+            TWFuseFileData::identitiesExchanged(a, b);
+        }
+    } openFiles;
     std::promise<void> driveGone;
     std::shared_ptr<TWFuseFileSystem> drive;
 

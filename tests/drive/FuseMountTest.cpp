@@ -20,6 +20,7 @@
 
 #include "drive/DriveWorld.h"
 #include "drive/MountPoint.h"
+#include "drive/MountedDrive.h"
 #include "support/LogCapture.h"
 
 namespace tarnwell::testing {
@@ -29,87 +30,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kOptions{"sync_read",     "volname=Tarn, well", "direct_io",
-                                        "nolocalcaches", "novncache",          "local",
-                                        "volicon=/x",    "allow_root"};
-
-std::size_t entriesOf(const char* folder) {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
-}
-
-std::string contentsOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::string randomBytes(std::size_t size) {
-    std::minstd_rand generator(7);
-    std::string bytes(size, '\0');
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(generator()); });
-    return bytes;
-}
-
-/// A mounted drive; what it needs of threads and descriptors is given back at the end.
-class FuseMountTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no FUSE device here";
-        ::mkdir(path().c_str(), 0700);
-        world.addShare("S", "Share");
-        // Whatever the process keeps from its first mount is not a leak.
-        mountDrive();
-        mount->unmount(true);
-        didUnmount = 0;
-        descriptors_ = entriesOf("/proc/self/fd");
-        threads_ = entriesOf("/proc/self/task");
-        mountDrive();
-    }
-
-    void TearDown() override {
-        if (!mount) return;
-        world.mediator.release();
-        mount->unmount(true);
-        if (mount->wasAbandoned()) return;
-        mount.reset();
-        EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors_);
-        EXPECT_EQ(entriesOf("/proc/self/task"), threads_);
-    }
-
-    void mountDrive() {
-        failure.clear();
-        if (!mount) {
-            mount = std::make_unique<FuseMount>(
-                world.drive, FuseMount::Notifications{[this] { count(didMount); },
-                                                      [this](const auto& why) { failure = why; },
-                                                      [this] { count(didUnmount); }});
-        }
-        mount->mount(path(), kOptions);
-        ASSERT_EQ(failure, "");
-    }
-
-    [[nodiscard]] std::string path() const { return world.layout.mountPath(); }
-    [[nodiscard]] std::string path(const std::string& name) const { return path() + "/" + name; }
-
-    void count(int& counter) {
-        std::lock_guard lock(mutex_);
-        ++counter;
-        changed_.notify_all();
-    }
-    bool waitFor(const int& counter, int value) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return counter == value; });
-    }
-
-    DriveWorld world;
-    std::unique_ptr<FuseMount> mount;
-    int didMount = 0, didUnmount = 0;
-    std::string failure;
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::size_t descriptors_ = 0, threads_ = 0;
-};
+using FuseMountTest = MountedDrive;
 
 TEST_F(FuseMountTest, showsTheTreeWithItsAttributes) {
     const auto folder = world.addFolder("S", "sub");
@@ -235,24 +156,6 @@ TEST_F(FuseMountTest, showsRemoteChangesAtOnce) {
     EXPECT_EQ(::pread(descriptor, text, sizeof text, 0), 10) << "an open file follows its item";
     EXPECT_EQ(contentsOf(path("Share/b")), "other text");
     ::close(descriptor);
-}
-
-TEST_F(FuseMountTest, refusesChangesButForTheSpecialFiles) {
-    world.addCached("S", "f", "text");
-    EXPECT_EQ(::open(path("Share/f").c_str(), O_RDWR), -1);
-    EXPECT_EQ(errno, EROFS);
-    EXPECT_EQ(::truncate(path("Share/f").c_str(), 0), -1);
-    EXPECT_EQ(::mkdir(path("Share/new").c_str(), 0700), -1);
-    EXPECT_EQ(::unlink(path("Share/f").c_str()), -1);
-    EXPECT_EQ(errno, EROFS);
-    for (const char* name : {".fuselock", "Share/.twrefresh"}) {
-        const int descriptor = ::open(path(name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0700);
-        ASSERT_GE(descriptor, 0) << name;
-        char byte = 0;
-        EXPECT_EQ(::read(descriptor, &byte, 1), 0);
-        EXPECT_EQ(::close(descriptor), 0);
-    }
-    EXPECT_EQ(::unlink(path("Share/.twrefresh").c_str()), 0);
 }
 
 TEST_F(FuseMountTest, extendedAttributesWithAndWithoutPrefix) {

@@ -100,7 +100,7 @@ TEST_F(FuseProtocolTest, forgetsWhatTheKernelForgets) {
     const auto file = world.addCached("S", "f", "text");
     const auto share = lookup(FUSE_ROOT_ID, "Share").as<fuse_entry_out>();
     const auto first = lookup(share.nodeid, "f").as<fuse_entry_out>();
-    const auto second = lookup(share.nodeid, "F").as<fuse_entry_out>();
+    const auto second = lookup(share.nodeid, "f").as<fuse_entry_out>();
     EXPECT_EQ(first.nodeid, second.nodeid);
     EXPECT_EQ(first.attr_valid + first.entry_valid + first.attr_valid_nsec + first.entry_valid_nsec, 0u)
         << "nothing may be kept";
@@ -137,9 +137,12 @@ TEST_F(FuseProtocolTest, answersNonsenseOnceWithAnError) {
         {FUSE_READ, file.nodeid, bytesOf(read), EBADF},
         {FUSE_READDIR, share.nodeid, bytesOf(read), EBADF},
         {FUSE_RELEASE, file.nodeid, bytesOf(fuse_release_in{4711, 0, 0, 0}), 0},
-        {FUSE_OPEN, file.nodeid, bytesOf(fuse_open_in{O_RDWR, 0}), EROFS},
-        {FUSE_OPEN, file.nodeid, bytesOf(fuse_open_in{O_TRUNC, 0}), EROFS},
-        {FUSE_UNLINK, share.nodeid, std::string("f\0", 2), EROFS},
+        {FUSE_WRITE, file.nodeid, bytesOf(fuse_write_in{4711, 0, 1, 0, 0, 0, 0}) + "x", EBADF},
+        {FUSE_UNLINK, share.nodeid, std::string("none\0", 5), ENOENT},
+        {FUSE_MKDIR, share.nodeid, bytesOf(fuse_mkdir_in{0700, 0}) + std::string(256, 'n') + '\0',
+         ENAMETOOLONG},
+        {FUSE_MKDIR, share.nodeid, bytesOf(fuse_mkdir_in{0700, 0}) + std::string("\xff\0", 2), EILSEQ},
+        {FUSE_SYMLINK, share.nodeid, std::string("l\0f\0", 4), EPERM},
         {9999, FUSE_ROOT_ID, {}, ENOSYS},
     };
     for (const auto& [opcode, node, body, error] : cases) {
