@@ -6,6 +6,7 @@
 #include "connector/CatchUpEngine.h"
 #include "connector/DownloadEngine.h"
 #include "connector/LoginEngine.h"
+#include "connector/SyncStatus.h"
 #include "connector/TWConnector.h"
 #include "platform/UserDefaults.h"
 #include "store/TWMetadataStorage.h"
@@ -45,6 +46,8 @@ StatusReport TWApplicationDelegate::statusReport() {
     }
     report.downloadQueueLen = connector.downloads().downloadQueueLen();
     report.downloadQueueBytes = connector.downloads().downloadQueueBytes();
+    report.uploadQueueLen = connector.status().uploadQueueLen();
+    report.uploadQueueBytes = connector.status().uploadQueueBytes();
     report.lastUploadSpeed = connector.session().lastUploadSpeed();
     report.lastDownloadSpeed = connector.session().lastDownloadSpeed();
     report.lastErrors = recentErrors_.list();

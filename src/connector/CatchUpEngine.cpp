@@ -1,6 +1,7 @@
 #include "connector/CatchUpEngine.h"
 
 #include <limits>
+#include <utility>
 
 #include "connector/ConnectorReachability.h"
 #include "connector/ConnectorSession.h"
@@ -44,6 +45,26 @@ void CatchUpEngine::catchUp(const ManagedSharePtr& share) {
         tick = share->LastApplyedJournalTick;
     }
     sendCatchupRequest(share, tick);
+}
+
+void CatchUpEngine::catchUpOnceMore(const ManagedSharePtr& share) {
+    std::string shareId;
+    {
+        const auto lock = environment_.store.beginReadStorage();
+        shareId = share->ShareId.value_or("");
+    }
+    if (inFullRefresh_ || active_.contains(shareId)) {
+        onceMore_.insert(shareId);
+    } else {
+        catchUp(share);
+    }
+}
+
+void CatchUpEngine::askOnceMore(const std::string& shareId) {
+    if (inFullRefresh_ || active_.contains(shareId) || onceMore_.erase(shareId) == 0) return;
+    // After a failure the refresh timer asks.
+    if (failed_.contains(shareId)) return;
+    if (const auto share = environment_.store.shareWithId(shareId)) catchUp(share);
 }
 
 bool CatchUpEngine::sendCatchupRequest(const ManagedSharePtr& share, std::int32_t startTick) {
@@ -117,6 +138,7 @@ void CatchUpEngine::finishPage(const Page& page, const OSXCatchUpResponse* respo
               page.tick);
         sendCatchupRequest(share, page.tick + kPageSize);
     }
+    askOnceMore(page.shareId);
     finishFullRefreshIfIdle();
 }
 
@@ -212,12 +234,16 @@ void CatchUpEngine::fullRefreshFinished() {
     session_.setNeedsFullRefresh(false);
     environment_.userDefaults.remove("needsFullRefresh");
     environment_.userDefaults.synchronize();
+    for (const auto& shareId : std::exchange(onceMore_, {})) {
+        if (const auto share = environment_.store.shareWithId(shareId)) catchUp(share);
+    }
 }
 
 void CatchUpEngine::cancelAll() {
     ++epoch_;
     active_.clear();
     failed_.clear();
+    onceMore_.clear();
     inFullRefresh_ = false;
 }
 

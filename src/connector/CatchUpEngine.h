@@ -38,6 +38,9 @@ class CatchUpEngine {
     /// Catches up one share from its last applied tick. Silent while offline, postponed during a full
     /// refresh.
     void catchUp(const ManagedSharePtr& share);
+    /// As catchUp(), for what the service did a moment ago: a page that is on its way may be older than that,
+    /// so the share is asked once more behind it, as it is behind a full refresh.
+    void catchUpOnceMore(const ManagedSharePtr& share);
     /// Asks for one page. False when nothing was sent: the domain is unreachable or that page is on its way
     /// already.
     bool sendCatchupRequest(const ManagedSharePtr& share, std::int32_t startTick);
@@ -61,6 +64,7 @@ class CatchUpEngine {
     void finishPage(const Page& page, const OSXCatchUpResponse* responce);
     bool applyPage(const Page& page, const OSXCatchUpResponse& responce, const ManagedSharePtr& share);
     [[nodiscard]] std::vector<ManagedSharePtr> allShares() const;
+    void askOnceMore(const std::string& shareId);
     void finishFullRefreshIfIdle();
     void fullRefreshFinished();
 
@@ -73,6 +77,7 @@ class CatchUpEngine {
     // Main thread only.
     std::unordered_map<std::string, std::int32_t> active_;  // share id -> start tick of the page in flight
     std::unordered_set<std::string> failed_;
+    std::unordered_set<std::string> onceMore_;  // shares to be asked again when nothing is on its way
     bool inFullRefresh_ = false;
     std::uint64_t epoch_ = 0;  // replies to requests of an earlier epoch are dropped
 };

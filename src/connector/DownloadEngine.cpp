@@ -195,6 +195,10 @@ std::int64_t DownloadEngine::downloadQueueBytes() const {
     return parts_->queue.bytes();
 }
 
+std::vector<TWVirtualFilePtr> DownloadEngine::queuedFiles() const {
+    return parts_->queue.files();
+}
+
 std::optional<std::string> DownloadEngine::downloadedFileId() const {
     const auto running = parts_->queue.running();
     if (!running) return std::nullopt;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "connector/ConnectorEnvironment.h"
 #include "connector/JournalReplay.h"
@@ -70,6 +71,7 @@ class DownloadEngine final : public DownloadScheduler {
     [[nodiscard]] std::int64_t downloadQueueLen() const;
     /// Whole sizes of the queued files, not what remains of them.
     [[nodiscard]] std::int64_t downloadQueueBytes() const;
+    [[nodiscard]] std::vector<TWVirtualFilePtr> queuedFiles() const;
     /// `UploadName` of the file that the worker is at.
     [[nodiscard]] std::optional<std::string> downloadedFileId() const;
 

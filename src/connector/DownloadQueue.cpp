@@ -65,6 +65,15 @@ std::int64_t DownloadQueue::bytes() const {
     return bytes_;
 }
 
+std::vector<TWVirtualFilePtr> DownloadQueue::files() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<TWVirtualFilePtr> queued;
+    queued.reserve(operations_.size());
+    for (const auto& [uploadName, operation] : operations_)
+        queued.push_back(operation->file);
+    return queued;
+}
+
 bool DownloadQueue::comes(std::string_view uploadName, std::int64_t end, std::int64_t distance) const {
     const std::lock_guard lock(mutex_);
     return running_ && running_->uploadName == uploadName && !running_->cancel && reach_ > 0 &&

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "connector/TWDownloadOperation.h"
 
@@ -42,6 +43,7 @@ class DownloadQueue {
     [[nodiscard]] TWDownloadOperationPtr running() const;
     [[nodiscard]] std::size_t size() const;
     [[nodiscard]] std::int64_t bytes() const;
+    [[nodiscard]] std::vector<TWVirtualFilePtr> files() const;
 
     // Readers that follow the worker
     /// Whether the bytes up to `end` of the version will stand in the partial file soon: the worker is at it,

@@ -13,6 +13,8 @@ namespace {
 constexpr std::uint64_t kMaximumLoginReply = 16u << 20;
 constexpr std::uint64_t kMaximumPage = 256u << 20;
 constexpr std::uint64_t kMaximumDomainReply = 4096;
+/// One record in and out.
+constexpr std::uint64_t kMaximumEventReply = 1u << 20;
 /// Room for a range reply that is a little longer than asked, and for the text of an error page.
 constexpr std::uint64_t kRangeSlack = 64u << 10;
 
@@ -136,6 +138,36 @@ UrlRequest fileApiRead(const ShareAddress& share, std::string_view userName, std
                        {"Content-Length", std::to_string(request.body.size())}};
     request.idleTimeout = kRangeReadTimeout;
     request.maximumReplyBytes = count + kRangeSlack;
+    return request;
+}
+
+UrlRequest fileApiEvent(const ShareAddress& share, std::string_view eventJson) {
+    UrlRequest request;
+    request.method = "POST";
+    request.url = format("https://%@/clientfileapi.ashx", fileCacheHost(share.gateWayUrl));
+    request.body = "Request=" + UrlUtil::encodeValue(eventJson);
+    request.headers = {{"isRequest", "true"},
+                       {"Content-Type", "application/x-www-form-urlencoded"},
+                       {"Content-Length", std::to_string(request.body.size())}};
+    request.idleTimeout = kFileApiTimeout;
+    request.maximumReplyBytes = kMaximumEventReply;
+    return request;
+}
+
+UrlRequest fileApiChunk(const ShareAddress& share, std::string_view token, std::int64_t position,
+                        std::string bytes, std::string_view hash, std::chrono::seconds timeout) {
+    UrlRequest request;
+    request.method = "POST";
+    request.url = format("https://%@/clientfileapi.ashx", fileCacheHost(share.gateWayUrl));
+    request.body = std::move(bytes);
+    request.headers = {{"token", std::string(token)},
+                       {"position", std::to_string(position)},
+                       {"size", std::to_string(request.body.size())},
+                       {"hash", std::string(hash)},
+                       {"Content-Length", std::to_string(request.body.size())},
+                       {"Content-Type", "application/octet-stream"}};
+    request.idleTimeout = timeout;
+    request.maximumReplyBytes = kMaximumEventReply;
     return request;
 }
 

@@ -36,6 +36,7 @@ namespace endpoints {
 inline constexpr std::chrono::seconds kLoginTimeout{15};
 inline constexpr std::chrono::seconds kDownloadTimeout{15};
 inline constexpr std::chrono::seconds kRangeReadTimeout{10};
+inline constexpr std::chrono::seconds kFileApiTimeout{10};
 /// A program waits for the range: a service that lets its bytes trickle in (less than 1 MiB in this time)
 /// fails it.
 inline constexpr std::chrono::seconds kRangeReadLimit{60};
@@ -66,6 +67,13 @@ inline constexpr std::chrono::seconds kRangeReadLimit{60};
 /// The same through the file API.
 [[nodiscard]] UrlRequest fileApiRead(const ShareAddress& share, std::string_view userName,
                                      std::string_view uploadName, std::int64_t position, std::uint32_t count);
+
+/// One journal event, its JSON text, to the file API.
+[[nodiscard]] UrlRequest fileApiEvent(const ShareAddress& share, std::string_view eventJson);
+/// The bytes from `position` on of the transfer `token`.
+[[nodiscard]] UrlRequest fileApiChunk(const ShareAddress& share, std::string_view token,
+                                      std::int64_t position, std::string bytes, std::string_view hash,
+                                      std::chrono::seconds timeout);
 
 }  // namespace endpoints
 

@@ -44,4 +44,25 @@ struct TWConnectorFileDownloadFinished {
     std::optional<std::string> error;  ///< on failure
 };
 
+/// `file` is a copy of the record as the change left it; `total` and `queue` are `uploadQueueBytes` and
+/// `uploadQueueLen`.
+struct TWConnectorFileUploadStarted {
+    TWVirtualFilePtr file;
+    std::int64_t total = 0;
+    std::int64_t queue = 0;
+};
+struct TWConnectorFileUploadProgress {
+    TWVirtualFilePtr file;
+    std::int64_t progress = 0;  ///< bytes that the service acknowledged
+    std::int64_t total = 0;
+    std::int64_t queue = 0;
+};
+/// The upload ended: the service has the contents, or it failed for now or for good.
+struct TWConnectorFileUploadFinished {
+    TWVirtualFilePtr file;
+    std::int64_t total = 0;
+    std::int64_t queue = 0;
+    bool error = false;
+};
+
 }  // namespace tarnwell

@@ -8,8 +8,14 @@
 #include "connector/CatchUpEngine.h"
 #include "connector/ConnectorReachability.h"
 #include "connector/DownloadEngine.h"
+#include "connector/FileApi.h"
+#include "connector/ItemOperations.h"
+#include "connector/JournalReplayEngine.h"
 #include "connector/LoginEngine.h"
+#include "connector/SyncStatus.h"
 #include "connector/TaskGate.h"
+#include "connector/Transmissions.h"
+#include "connector/UploadEngine.h"
 #include "platform/RunLoop.h"
 #include "platform/UrlLoader.h"
 #include "util/TWLogger.h"
@@ -43,11 +49,27 @@ struct TWConnector::Parts {
                        gate.guard([this] { globalReachable(); })),
           catchUps(environment, session, reachability, gate),
           login({environment, session, reachability, catchUps, gate}),
-          downloads(environment, session, reachability, gate) {}
+          downloads(environment, session, reachability, gate),
+          fileApi(environment, session),
+          transmissions(environment, [this] { passWanted(); }),
+          uploads({environment, session, fileApi, transmissions, downloads, gate}),
+          items(environment, fileApi, transmissions, gate),
+          replay({environment, session, reachability, catchUps, transmissions, uploads, items, gate}),
+          status(environment, downloads, gate) {
+        catchUps.setJournalReplay(&replay);
+        downloads.setJournalReplay(&replay);
+    }
 
     /// On a thread of the monitor's.
     void globalReachable() {
-        environment.mainLoop.async(gate.guard([this] { login.globalBecameReachable(); }));
+        environment.mainLoop.async(gate.guard([this] {
+            login.globalBecameReachable();
+            replay.checkJournal();
+        }));
+    }
+    /// On any thread.
+    void passWanted() {
+        environment.mainLoop.async(gate.guard([this] { replay.checkJournal(); }));
     }
 
     const ConnectorEnvironment environment;
@@ -57,9 +79,14 @@ struct TWConnector::Parts {
     CatchUpEngine catchUps;
     LoginEngine login;
     DownloadEngine downloads;
+    FileApi fileApi;
+    Transmissions transmissions;
+    UploadEngine uploads;
+    ItemOperations items;
+    JournalReplayEngine replay;
+    SyncStatus status;
 
     // Main thread only.
-    JournalReplay* replay = nullptr;
     Timer housekeeping, loginTimer, refreshTimer, journalTimer;
 };
 
@@ -95,9 +122,9 @@ void TWConnector::setupRefreshTimers() {
     const auto& gate = parts_->gate;
     parts_->loginTimer = loop.repeat(intervals.login, gate.guard([this] { parts_->login.loginToGlobal(); }));
     parts_->refreshTimer = loop.repeat(intervals.refresh, gate.guard([this] { parts_->catchUps.refresh(); }));
-    parts_->journalTimer = loop.repeat(intervals.journal, gate.guard([this] {
-        if (parts_->replay) parts_->replay->checkJournal();
-    }));
+    parts_->journalTimer =
+        loop.repeat(intervals.journal, gate.guard([this] { parts_->replay.checkJournal(); }));
+    parts_->replay.checkJournal();
 }
 
 bool TWConnector::stop(std::chrono::milliseconds deadline) {
@@ -110,18 +137,13 @@ bool TWConnector::stop(std::chrono::milliseconds deadline) {
          {&parts_->housekeeping, &parts_->loginTimer, &parts_->refreshTimer, &parts_->journalTimer}) {
         timer->cancel();
     }
+    parts_->replay.stop();
     parts_->gate.shut();
     parts_->reachability.stop();
     // What waits for a reply gets one now, and leaves.
     parts_->environment.urlLoader.stop();
     const bool workerEnded = parts_->downloads.stop(left());
     return parts_->gate.close(left()) && workerEnded;
-}
-
-void TWConnector::setJournalReplay(JournalReplay* replay) {
-    parts_->replay = replay;
-    parts_->catchUps.setJournalReplay(replay);
-    parts_->downloads.setJournalReplay(replay);
 }
 
 ConnectorSession& TWConnector::session() {
@@ -142,6 +164,18 @@ CatchUpEngine& TWConnector::catchUps() {
 
 DownloadEngine& TWConnector::downloads() {
     return parts_->downloads;
+}
+
+UploadEngine& TWConnector::uploads() {
+    return parts_->uploads;
+}
+
+JournalReplayEngine& TWConnector::replay() {
+    return parts_->replay;
+}
+
+SyncStatus& TWConnector::status() {
+    return parts_->status;
 }
 
 }  // namespace tarnwell

@@ -12,14 +12,17 @@ namespace tarnwell {
 class CatchUpEngine;
 class ConnectorReachability;
 class DownloadEngine;
-class JournalReplay;
+class JournalReplayEngine;
 class LoginEngine;
+class SyncStatus;
+class UploadEngine;
 
 /// The one client of the service: the face of this room.
 ///
 /// It owns what its parts share and composes one class for each concern: LoginEngine (who the user is and
-/// which shares there are), CatchUpEngine (changes made elsewhere), DownloadEngine (file contents). Include
-/// the part's header to use it: `connector.login().loginToGlobal()`,
+/// which shares there are), CatchUpEngine (changes made elsewhere), DownloadEngine (file contents),
+/// JournalReplayEngine (changes made here, in their order), UploadEngine (contents made here), SyncStatus.
+/// Include the part's header to use it: `connector.login().loginToGlobal()`,
 /// `connector.downloads().downloadFileChunk(file, position, size)`.
 ///
 /// Threads: main, unless a part says otherwise. Replies are applied and notifications are posted on the main
@@ -46,14 +49,14 @@ class TWConnector {
     /// Idempotent.
     bool stop(std::chrono::milliseconds deadline);
 
-    /// Sends the local changes; null: nobody does yet. Before startup().
-    void setJournalReplay(JournalReplay* replay);
-
     [[nodiscard]] ConnectorSession& session();
     [[nodiscard]] ConnectorReachability& reachability();
     [[nodiscard]] LoginEngine& login();
     [[nodiscard]] CatchUpEngine& catchUps();
     [[nodiscard]] DownloadEngine& downloads();
+    [[nodiscard]] UploadEngine& uploads();
+    [[nodiscard]] JournalReplayEngine& replay();
+    [[nodiscard]] SyncStatus& status();
 
   private:
     struct Parts;

@@ -238,13 +238,13 @@ milliseconds CurlUrlLoader::Engine::expireIdle() {
                 next = std::min(next, end);
                 waiting.push_back(std::move(transfer));
             } else {
-                transfer->fail("timed out");
+                transfer->fail(kTimedOut);
             }
         }
         host.waiting.swap(waiting);
     }
     for (auto* transfer : expired) {
-        end(*transfer, [](CurlTransfer& idle) { idle.fail("timed out"); });
+        end(*transfer, [](CurlTransfer& idle) { idle.fail(kTimedOut); });
         next = now;  // requests that waited behind it have begun
     }
     return std::chrono::ceil<milliseconds>(std::max(next - now, SteadyTime::duration::zero()));

@@ -28,6 +28,9 @@ struct UrlRequest {
     bool acceptCompressed = false;
 };
 
+/// The error of a request whose idle or total time-out passed.
+inline constexpr const char* kTimedOut = "timed out";
+
 struct UrlReply {
     int status = 0;       ///< HTTP status; 0 when no reply came
     std::string error{};  ///< transport error in words; empty when a whole reply came

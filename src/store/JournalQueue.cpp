@@ -105,6 +105,13 @@ std::vector<LocalJournalPtr> JournalQueue::ofShare(std::string_view shareId) con
     return entries;
 }
 
+LocalJournalPtr JournalQueue::nextOfShare(std::string_view shareId, std::uint64_t after) const {
+    const auto share = shares_.find(std::string(shareId));
+    if (share == shares_.end()) return nullptr;
+    const auto it = share->second.upper_bound(after);
+    return it == share->second.end() ? nullptr : it->second;
+}
+
 const std::vector<LocalJournalPtr>& JournalQueue::ofItem(std::string_view internalName) const {
     const auto it = byItem_.find(std::string(internalName));
     return it == byItem_.end() ? kNone : it->second;
@@ -136,6 +143,7 @@ void JournalQueue::index(const LocalJournalPtr& entry) {
     shares_[keys.share].emplace(keys.order, entry);
     if (entry->LocalJournalType == kJournalCatchUp) {
         ++catchUps_[keys.share];
+        ++markers_;
         keys.id.clear();
         return;
     }
@@ -147,6 +155,8 @@ void JournalQueue::index(const LocalJournalPtr& entry) {
     for (const auto& place : keys.left)
         enter(byPlaceLeft_, place, entry);
     if (!keys.upload.empty()) byUpload_[keys.upload] = entry;
+    keys.bytes = bringsContents(*entry) && entry->File->IsFile ? entry->File->size() : 0;
+    bytes_ += keys.bytes;
     ++below_[keys.parent];
 }
 
@@ -158,8 +168,10 @@ void JournalQueue::unindex(LocalJournal& entry) {
     }
     if (keys.id.empty()) {
         countDown(catchUps_, keys.share);
+        --markers_;
         return;
     }
+    bytes_ -= keys.bytes;
     leave(byItem_, keys.id, entry);
     for (const auto& place : keys.left)
         leave(byPlaceLeft_, place, entry);

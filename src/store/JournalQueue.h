@@ -111,6 +111,11 @@ class JournalQueue {
 
     [[nodiscard]] View items() const { return View(items_); }
     [[nodiscard]] std::vector<LocalJournalPtr> ofShare(std::string_view shareId) const;
+    /// The share's first entry behind the place `after` in the order (0: behind none); null at the end.
+    [[nodiscard]] LocalJournalPtr nextOfShare(std::string_view shareId, std::uint64_t after) const;
+    /// Entries other than Catch-up markers, and the sizes of the files that they bring.
+    [[nodiscard]] std::size_t changes() const { return items_.size() - markers_; }
+    [[nodiscard]] std::int64_t bytes() const { return bytes_; }
     /// Entries of an item, in order.
     [[nodiscard]] const std::vector<LocalJournalPtr>& ofItem(std::string_view internalName) const;
     /// Entries that leave a place free for others, in order.
@@ -145,6 +150,8 @@ class JournalQueue {
     std::unordered_map<std::string, std::size_t> below_;
     std::unordered_map<std::string, std::size_t> catchUps_;
     std::uint64_t lastOrder_ = kFirst - 1;
+    std::size_t markers_ = 0;
+    std::int64_t bytes_ = 0;
 };
 
 /// Whether the entry brings new contents, with an upload copy of its own.

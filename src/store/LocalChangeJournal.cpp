@@ -84,6 +84,7 @@ void LocalChangeJournal::copyEnded(const std::string& uploadName, std::int64_t s
     entry->CopyingFile.reset();
     if (size >= 0 && size != entry->File->size()) {
         // What is sent and what is said of it belong together.
+        const JournalQueue::Edit edit(queue_, entry);
         entry->File->AllocationSize = entry->File->EndOfFile = size;
         queue_.noteChanged(*entry);
     }
@@ -124,6 +125,30 @@ TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& e
 std::vector<LocalJournalPtr> LocalChangeJournal::journalEntriesForShare(std::string_view shareId) const {
     const auto lock = store_.beginReadJournal();
     return queue_.ofShare(shareId);
+}
+
+LocalJournalPtr LocalChangeJournal::nextOfShare(std::string_view shareId, std::uint64_t after) const {
+    const auto lock = store_.beginReadJournal();
+    return queue_.nextOfShare(shareId, after);
+}
+
+bool LocalChangeJournal::isQueued(const LocalJournal& entry) const {
+    const auto lock = store_.beginReadJournal();
+    return queue_.contains(entry);
+}
+
+LocalChangeJournal::Backlog LocalChangeJournal::backlog() const {
+    const auto lock = store_.beginReadJournal();
+    return {static_cast<std::int64_t>(queue_.changes()), queue_.bytes()};
+}
+
+void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
+    const auto lock = store_.beginWriteJournal();
+    for (const auto& other : queue_.ofItem(entry.File->InternalName.view())) {
+        if (other.get() == &entry || !bringsContents(*other)) continue;
+        other->File->LastUploadName = entry.File->UploadName;
+        entryChanged(other);
+    }
 }
 
 void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
@@ -247,8 +272,15 @@ bool LocalChangeJournal::hasPendingContents(std::string_view internalName) const
 }
 
 bool LocalChangeJournal::hasPendingCreate(std::string_view internalName) const {
+    return pendingCreate(internalName) != nullptr;
+}
+
+LocalJournalPtr LocalChangeJournal::pendingCreate(std::string_view internalName) const {
     const auto lock = store_.beginReadJournal();
-    return hasPending(internalName, kJournalCreate);
+    for (const auto& entry : queue_.ofItem(internalName)) {
+        if (entry->LocalJournalType == kJournalCreate) return entry;
+    }
+    return nullptr;
 }
 
 bool LocalChangeJournal::hasPending(std::string_view internalName, LocalJournalType type) const {

@@ -48,12 +48,26 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// meanwhile invalidate iterators to them only.
     [[nodiscard]] JournalQueue::View journalItems() const { return queue_.items(); }
     [[nodiscard]] std::vector<LocalJournalPtr> journalEntriesForShare(std::string_view shareId) const;
+    /// The share's first entry behind the place `after` in the order (`queue.order`; 0: behind none); null at
+    /// the end.
+    [[nodiscard]] LocalJournalPtr nextOfShare(std::string_view shareId, std::uint64_t after) const;
+    /// Whether that very entry stands in the journal.
+    [[nodiscard]] bool isQueued(const LocalJournal& entry) const;
+    /// What the service has not got yet, Catch-up markers left out: changes, and bytes of the files among
+    /// them.
+    struct Backlog {
+        std::int64_t changes = 0;
+        std::int64_t bytes = 0;
+    };
+    [[nodiscard]] Backlog backlog() const;
     /// That very entry.
     void deleteJournalEntry(const LocalJournalPtr& entry);
     void setTransmitting(const LocalJournalPtr& entry, bool transmitting);
     /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change. The
     /// entry alone is kept, whatever the length of the journal.
     void entryChanged(const LocalJournalPtr& entry);
+    /// The service has the contents of the entry: newer contents of the item are a version of these.
+    void contentsSent(const LocalJournal& entry);
     /// Deletes the upload copy and its side file.
     void removeUploadFileData(const TWVirtualFile& file);
     /// Journals what is still marked as changed by the user; at the end of the program.
@@ -65,6 +79,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     [[nodiscard]] bool hasPendingContents(std::string_view internalName) const;
     /// Whether the item's Create is still in the journal: nothing that names the item can be sent before.
     [[nodiscard]] bool hasPendingCreate(std::string_view internalName) const;
+    /// That Create; null when there is none.
+    [[nodiscard]] LocalJournalPtr pendingCreate(std::string_view internalName) const;
     /// Whether any entry is about the item.
     [[nodiscard]] bool refersTo(std::string_view internalName) const;
     /// Whether an entry of that type is about the item. REQUIRES LOCK.

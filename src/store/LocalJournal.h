@@ -45,6 +45,7 @@ struct LocalJournal {
         // Keys under which the journal finds the entry.
         std::string id, share, parent, upload;
         std::vector<std::string> left;
+        std::int64_t bytes = 0;  ///< counted as to be sent
 
         QueueState() = default;
         QueueState(const QueueState&) {}

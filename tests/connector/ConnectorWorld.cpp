@@ -57,8 +57,10 @@ ConnectorWorld::ConnectorWorld(Options options)
         subscriptions_.push_back(
             notifications.observe<Notification>([this, name](const Notification& notification) {
                 std::string event = name;
-                if constexpr (requires { notification.error; }) {
+                if constexpr (requires { *notification.error; }) {
                     if (notification.error) event += ": " + *notification.error;
+                } else if constexpr (requires { notification.error; }) {
+                    if (notification.error) event += ": error";
                 }
                 if constexpr (requires { notification.progress; })
                     event += " " + std::to_string(notification.progress);
@@ -74,6 +76,9 @@ ConnectorWorld::ConnectorWorld(Options options)
     observe("DownloadStarted", static_cast<TWConnectorFileDownloadStarted*>(nullptr));
     observe("DownloadProgress", static_cast<TWConnectorFileDownloadProgress*>(nullptr));
     observe("DownloadFinished", static_cast<TWConnectorFileDownloadFinished*>(nullptr));
+    observe("UploadStarted", static_cast<TWConnectorFileUploadStarted*>(nullptr));
+    observe("UploadProgress", static_cast<TWConnectorFileUploadProgress*>(nullptr));
+    observe("UploadFinished", static_cast<TWConnectorFileUploadFinished*>(nullptr));
 }
 
 void ConnectorWorld::settle() {

@@ -10,9 +10,12 @@
 #include "connector/CatchUpEngine.h"
 #include "connector/ConnectorReachability.h"
 #include "connector/DownloadEngine.h"
+#include "connector/JournalReplayEngine.h"
 #include "connector/LoginEngine.h"
 #include "connector/Notifications.h"
+#include "connector/SyncStatus.h"
 #include "connector/TWConnector.h"
+#include "connector/UploadEngine.h"
 #include "platform/NotificationCenter.h"
 #include "store/TWMetadataStorage.h"
 #include "support/FakeReachability.h"
@@ -74,6 +77,7 @@ class ConnectorWorld {
     LoginEngine& login = connector.login();
     CatchUpEngine& catchUps = connector.catchUps();
     DownloadEngine& downloads = connector.downloads();
+    JournalReplayEngine& replay = connector.replay();
     ConnectorSession& session = connector.session();
 
   private:
