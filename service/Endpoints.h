@@ -20,6 +20,9 @@ std::vector<Endpoint> catchUpEndpoints(MetadataStore& store);
 /// Contents of files, and changes of the tree.
 std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& contents, Transfers& transfers);
 
+/// Operations on items without contents, and the making of links.
+std::vector<Endpoint> clientApiEndpoints(MetadataStore& store);
+
 /// The right that a request's token proves, in the share asked for; HttpError 403 when it proves none.
 AccessRight needRight(MetadataStore& store, std::string_view token);
 

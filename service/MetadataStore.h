@@ -66,6 +66,25 @@ struct ContentsInfo {
     std::string hash;
 };
 
+/// A link to something, for whoever knows its id. Only the id's digest is kept.
+struct LinkInfo {
+    std::int64_t number = 0;  ///< for those who manage links; never given twice
+    std::string digest;
+    std::int32_t kind = 0;  ///< a DirectLinkType
+    std::string userId;     ///< whose it is; it ends with the user's right in the share
+    std::string email;
+    std::string deviceId;  ///< of a log-in link
+    std::string domainId;
+    std::string shareId;    ///< of a link to an item
+    std::string item;       ///< internal name, or the share's id
+    std::string parameter;  ///< of a log-in link: what to show
+    Date created{};
+    std::optional<Date> expires;
+    std::int64_t uses = 0;
+    std::optional<std::int64_t> maxUses;
+    bool revoked = false;
+};
+
 /// An upload that was announced. `digest` is that of its token.
 struct TransferInfo {
     std::string digest;
@@ -208,6 +227,14 @@ class MetadataStore {
     virtual void dropTransfer(std::string_view digest) = 0;
     /// Those not in use since `before`.
     virtual void dropTransfers(Date before) = 0;
+
+    virtual void addLink(const LinkInfo& link) = 0;
+    virtual std::optional<LinkInfo> link(std::string_view digest) = 0;
+    virtual std::vector<LinkInfo> links() = 0;
+    virtual bool revokeLink(std::int64_t number) = 0;
+    /// Counts one use; false when the link is revoked, expired or used up.
+    virtual bool useLink(std::string_view digest) = 0;
+    virtual void dropLinks(Date expiredBefore) = 0;
 
     /// Contents that no item has named since before `before`, at most `limit`.
     virtual std::vector<std::string> retiredContents(Date before, int limit) = 0;

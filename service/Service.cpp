@@ -54,6 +54,7 @@ void ServiceData::dropOldContents(std::chrono::hours age) const {
         if (names.size() < kDropAtOnce) break;
     }
     metadata_->dropTransfers(before);
+    metadata_->dropLinks(before - std::chrono::days(7));
     contents_->dropUnfinished(std::max<std::chrono::seconds>(age, std::chrono::hours(24)));
 }
 
@@ -74,7 +75,8 @@ Service::Service(const ServiceData& data, ServerOptions options, ServiceLog& log
     (void)data_.updateCertificates();
     std::vector<Endpoint> endpoints = loginEndpoints(data_.metadata(), throttle_, log);
     for (auto& rows : {catchUpEndpoints(data_.metadata()),
-                       contentEndpoints(data_.metadata(), data_.contents(), transfers_)}) {
+                       contentEndpoints(data_.metadata(), data_.contents(), transfers_),
+                       clientApiEndpoints(data_.metadata())}) {
         endpoints.insert(endpoints.end(), rows.begin(), rows.end());
     }
     router_ = std::make_unique<Router>(data_.metadata(), log, std::move(endpoints));

@@ -68,6 +68,13 @@ class SqliteMetadataStore final : public MetadataStore {
     void dropTransfer(std::string_view digest) override;
     void dropTransfers(Date before) override;
 
+    void addLink(const LinkInfo& link) override;
+    std::optional<LinkInfo> link(std::string_view digest) override;
+    std::vector<LinkInfo> links() override;
+    bool revokeLink(std::int64_t number) override;
+    bool useLink(std::string_view digest) override;
+    void dropLinks(Date expiredBefore) override;
+
     std::vector<std::string> retiredContents(Date before, int limit) override;
     void forgetContents(const std::vector<std::string>& uploadNames) override;
 

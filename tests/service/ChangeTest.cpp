@@ -250,5 +250,44 @@ TEST_F(ChangeTest, onlyTheRightTokenChangesAndOnlyItsShare) {
     EXPECT_EQ(chunk(token, 0, "late"), 2);
 }
 
+TEST_F(ChangeTest, theClientApiKeepsTheSameRules) {
+    const auto file = one_.file("file", "x");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "x"), "1:2");
+    const auto folder = one_.folder("folder");
+    ASSERT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    const std::string id = file.InternalName.str();
+    const std::string item =
+        "\"TwVirtualFileId\":\"" + id + "\",\"ShareId\":\"" + docs_.id + "\",\"Vshare\":\"\"";
+    const std::string parent = "\"ShareId\":\"" + docs_.id + "\",\"Parent\":\"" + docs_.id + "\"";
+    struct {
+        const char* path;
+        const char* method;
+        std::string request;
+        const char* answer;
+        const char* tree;
+    } const cases[] = {
+        {"/clientapi.aspx", "CreateFolder", "{" + parent + ",\"FolderName\":\"Folder\"}",
+         "\"PublicName\":\"Folder (2)\"", "Folder (2)/\nfile=x\nfolder/"},
+        {"/clientapi.aspx", "Rename", "{" + item + ",\"Rename\":\"100 %\"}", "\"101:Ok",
+         "100 %=x\nFolder (2)/\nfolder/"},
+        {"/ClientApi.aspx", "Move", "{" + item + ",\"NewParentId\":\"" + folder.InternalName.str() + "\"}",
+         "\"response\":", "Folder (2)/\nfolder/\nfolder/100 %=x"},
+        {"/clientapi.aspx", "Move", "{" + item + ",\"NewParentId\":\"Fnone\"}",
+         "\"110:", "Folder (2)/\nfolder/\nfolder/100 %=x"},
+        {"/clientapi.aspx", "Delete", "{" + item + ",\"Tick\":99}", "\"101:Ok", "Folder (2)/\nfolder/"},
+        {"/clientapi.aspx", "Delete", "{" + item + ",\"Tick\":99}", "\"109:", "Folder (2)/\nfolder/"},
+    };
+    for (const auto& one : cases) {
+        const auto reply = clientApi(one_.token, one.method, escaped(one.request), one.path);
+        EXPECT_NE(reply.body.find(one.answer), std::string::npos) << one.request << reply.body;
+        EXPECT_EQ(tree(), one.tree) << one.request;
+    }
+    EXPECT_EQ(clientApi("false", "Delete", escaped(cases[4].request)).status, 403);
+    EXPECT_EQ(clientApi(one_.token, "Delete", "nonsense").status, 400);
+    EXPECT_EQ(clientApi(one_.token, "Burn", escaped(cases[4].request)).status, 400);
+    metadata().grant(docs_.id, anna_.id, true);
+    EXPECT_EQ(clientApi(one_.token, "CreateFolder", escaped(cases[0].request)).status, 403);
+}
+
 }  // namespace
 }  // namespace tarnwell::service::testing

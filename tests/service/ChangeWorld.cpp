@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <set>
 
+#include "connector/ClientApiRecords.h"
 #include "service/Names.h"
 #include "util/Hash.h"
 #include "util/RecordMapping.h"
@@ -15,6 +16,8 @@ namespace {
 
 const char* const kCache = "filecache01.alpha.localhost";
 
+}  // namespace
+
 std::string escaped(std::string_view text) {
     std::string out;
     for (const char c : text) {
@@ -24,8 +27,6 @@ std::string escaped(std::string_view text) {
     }
     return out;
 }
-
-}  // namespace
 
 TWVirtualFile ChangeWorld::Device::file(const std::string& name, const std::string& contents) const {
     TWVirtualFile record;
@@ -112,6 +113,13 @@ std::string ChangeWorld::send(const Device& device, std::int32_t type, const TWV
     for (std::size_t at = 0; at < contents.size() && last != 2; at += kChunk)
         last = chunk(*reply.TransmitToken, static_cast<std::int64_t>(at), contents.substr(at, kChunk));
     return codes + ":" + std::to_string(last);
+}
+
+HttpsReply ChangeWorld::clientApi(const std::string& token, const std::string& method,
+                                  const std::string& request, const std::string& path) {
+    const RequestCommand command{token, "anna@alpha.test", method, std::nullopt, std::nullopt};
+    return client_->post("clientgateway.alpha.localhost", path,
+                         {"command: " + toJsonText(command), "request: " + request}, "");
 }
 
 std::string ChangeWorld::tree() {

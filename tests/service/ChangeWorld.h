@@ -5,6 +5,9 @@
 
 namespace tarnwell::service::testing {
 
+/// All but letters and digits percent-encoded.
+std::string escaped(std::string_view text);
+
 /// Two devices of anna's that change "Docs", as clients do it on the wire.
 class ChangeWorld : public ServiceWorld {
   protected:
@@ -33,6 +36,10 @@ class ChangeWorld : public ServiceWorld {
     /// Event and all chunks; "1:2" is the event's code and the last chunk's.
     std::string send(const Device& device, std::int32_t type, const TWVirtualFile& record,
                      const std::string& contents);
+
+    /// `request` goes into its header as it is.
+    HttpsReply clientApi(const std::string& token, const std::string& method, const std::string& request,
+                         const std::string& path = "/clientapi.aspx");
 
     /// The share as catch-up and reads tell it: "path=contents", folders with a slash, sorted, one a line.
     std::string tree();
