@@ -179,7 +179,7 @@ net::awaitable<Reply> Connection::answer(Request& request) {
         net::steady_timer timer(stream_.get_executor(), step.delay);
         co_await timer.async_wait(kTuple);
     }
-    co_return co_await on(step.expensive ? shared_.hashers : shared_.workers,
+    co_return co_await on(shared_.threadsOf(step.lane),
                           [&] { return router.finish(*step.endpoint, request); });
 }
 

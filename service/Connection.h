@@ -53,7 +53,11 @@ struct ServerShared {
     } registry;
 
     boost::asio::thread_pool workers{4};
+    boost::asio::thread_pool writers{4};
     boost::asio::thread_pool hashers{2};
+    boost::asio::thread_pool& threadsOf(Lane lane) {
+        return lane == Lane::hashing ? hashers : lane == Lane::writing ? writers : workers;
+    }
 };
 
 namespace detail {

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "service/Endpoints.h"
+#include "service/FileApi.h"
 #include "service/ServiceError.h"
 
 namespace tarnwell::service {
@@ -12,7 +13,8 @@ constexpr std::size_t kFileApiBody = (1 << 20) + (64 << 10);
 
 class Contents {
   public:
-    Contents(MetadataStore& store, ContentStore& contents) : store_(store), contents_(contents) {}
+    Contents(MetadataStore& store, ContentStore& contents, Transfers& transfers)
+        : store_(store), contents_(contents), changes_(store, transfers) {}
 
     [[nodiscard]] Reply read(const Request& request) const {
         const std::string token = request.needDecodedHeader("Token");
@@ -22,7 +24,15 @@ class Contents {
         return range(request, token, name, position, count);
     }
 
+    /// One address for three kinds of requests, told apart by their headers.
     [[nodiscard]] Reply fileApi(const Request& request) const {
+        if (request.header("isRequest")) return changes_.event(request);
+        if (request.header("position")) return changes_.chunk(request);
+        return readForm(request);
+    }
+
+  private:
+    [[nodiscard]] Reply readForm(const Request& request) const {
         const auto form = Parameters::parse(request.body);
         const std::string* action = form ? form->find("action") : nullptr;
         if (!action) throw HttpError(400, "the form field \"action\" is missing");
@@ -41,7 +51,6 @@ class Contents {
         return range(request, token, need("file"), position, count);
     }
 
-  private:
     /// The bytes that there are from `position` on, at most `count`. At the very end there are none, which is
     /// no error; beyond it 416.
     [[nodiscard]] Reply range(const Request& request, std::string_view token, const std::string& name,
@@ -66,16 +75,22 @@ class Contents {
 
     MetadataStore& store_;
     ContentStore& contents_;
+    const FileApi changes_;
 };
 
 }  // namespace
 
-std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& contents) {
-    const auto handler = std::make_shared<const Contents>(store, contents);
+std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& contents, Transfers& transfers) {
+    const auto handler = std::make_shared<const Contents>(store, contents, transfers);
     return {{HostRole::fileCache, "/read.aspx", "GET", 16 * 1024,
              [handler](const Request& request) { return handler->read(request); }},
-            {HostRole::fileCache, "/clientfileapi.ashx", "POST", kFileApiBody,
-             [handler](const Request& request) { return handler->fileApi(request); }}};
+            {HostRole::fileCache,
+             "/clientfileapi.ashx",
+             "POST",
+             kFileApiBody,
+             [handler](const Request& request) { return handler->fileApi(request); },
+             {},
+             Lane::writing}};
 }
 
 }  // namespace tarnwell::service

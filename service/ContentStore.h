@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarnwell::service {
 
@@ -35,6 +36,24 @@ class ContentWriter {
     virtual void commit(Durability durability) = 0;
 };
 
+/// Contents that arrive in pieces over several requests. What was written outlives the process; the disk is
+/// waited for only in publish(). One thread at a time.
+class PartialContents {
+  public:
+    virtual ~PartialContents() = default;
+    [[nodiscard]] virtual std::int64_t size() const = 0;
+    /// From `position` on these bytes, and nothing after them. REQUIRES: `position` is not beyond size().
+    /// Throws ServiceError, StorageFullError for a full disk; what was there before `position` is kept.
+    virtual void write(std::int64_t position, std::string_view bytes) = 0;
+    /// As ContentReader::read().
+    virtual std::size_t read(std::int64_t position, char* out, std::size_t count) = 0;
+    /// The bytes have that name too, durably. False when other contents have it. May be repeated, also by a
+    /// later process.
+    virtual bool publish(std::string_view uploadName) = 0;
+    /// Ends it; published contents stay.
+    virtual void drop() = 0;
+};
+
 /// Where file contents are kept, by upload name. A name is given once and its bytes never change. It knows
 /// nothing of shares and rights. Any thread.
 class ContentStore {
@@ -45,12 +64,18 @@ class ContentStore {
     virtual std::unique_ptr<ContentReader> open(std::string_view uploadName) = 0;
     /// Throws ServiceError for a name that isUploadName() refuses.
     virtual std::unique_ptr<ContentWriter> create(std::string_view uploadName) = 0;
+    /// Opens the partial contents of that key (of the same form as a name), or begins them.
+    virtual std::unique_ptr<PartialContents> partial(std::string_view key) = 0;
     /// Nothing happens when there are none.
     virtual void remove(std::string_view uploadName) = 0;
     /// Makes every deferred commit durable.
     virtual void sync() = 0;
     /// Drops what cut-off writers left behind, if it has not been written to for `age`.
     virtual void dropUnfinished(std::chrono::seconds age) = 0;
+
+    static constexpr unsigned kSlices = 256;
+    /// The names in one slice of the store that were given at least `age` ago.
+    virtual std::vector<std::string> namesOlderThan(std::chrono::seconds age, unsigned slice) = 0;
 };
 
 /// Whether a name that a client proposes may name contents: 1 to 200 letters, digits, "-" and "_".

@@ -13,6 +13,9 @@ namespace {
 constexpr int kBusyMilliseconds = 30'000;
 
 [[noreturn]] void fail(sqlite3* handle, const char* what) {
+    if (handle && (sqlite3_errcode(handle) & 0xFF) == SQLITE_FULL) {
+        throw StorageFullError("database: the disk is full");
+    }
     throw ServiceError(std::string("database: ") + what + ": " +
                        (handle ? sqlite3_errmsg(handle) : "no memory"));
 }
@@ -117,6 +120,16 @@ void Database::bind(sqlite3_stmt* statement, int index, const SharedString& valu
 
 void Database::bindNull(sqlite3_stmt* statement, int index) {
     check(statement, sqlite3_bind_null(statement, index));
+}
+
+Database::Unsynced::Unsynced(Database& database, bool on) : database_(on ? &database : nullptr) {
+    if (database_) database_->execute("PRAGMA synchronous=NORMAL");
+}
+
+Database::Unsynced::~Unsynced() {
+    if (!database_) return;
+    // Between transactions this statement only sets a flag of the connection.
+    sqlite3_exec(database_->handle_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
 }
 
 Transaction::Transaction(Database& database, Kind kind) : database_(database) {

@@ -74,6 +74,19 @@ class Database {
         return changes();
     }
 
+    /// While it lives, commits (if `on`) wait for no disk: they survive the process, not a power cut. Made
+    /// and destroyed outside transactions.
+    class Unsynced {
+      public:
+        Unsynced(Database& database, bool on);
+        ~Unsynced();
+        Unsynced(const Unsynced&) = delete;
+        Unsynced& operator=(const Unsynced&) = delete;
+
+      private:
+        Database* const database_;
+    };
+
   private:
     sqlite3_stmt* prepared(std::string_view sql);
     int changes() const;

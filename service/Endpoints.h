@@ -7,6 +7,7 @@
 #include "service/LoginThrottle.h"
 #include "service/MetadataStore.h"
 #include "service/ServiceLog.h"
+#include "service/Transfers.h"
 
 /// What the service answers. Each function makes the rows of one concern for the router's table; the handlers
 /// borrow the arguments, which must outlive them.
@@ -16,8 +17,11 @@ namespace tarnwell::service {
 std::vector<Endpoint> loginEndpoints(MetadataStore& store, LoginThrottle& throttle, ServiceLog& log);
 /// The changes of a share.
 std::vector<Endpoint> catchUpEndpoints(MetadataStore& store);
-/// Contents of files.
-std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& contents);
+/// Contents of files, and changes of the tree.
+std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& contents, Transfers& transfers);
+
+/// Operations on items without contents, and the making of links.
+std::vector<Endpoint> clientApiEndpoints(MetadataStore& store);
 
 /// The right that a request's token proves, in the share asked for; HttpError 403 when it proves none.
 AccessRight needRight(MetadataStore& store, std::string_view token);

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <functional>
 
 #include "service/FileDescriptor.h"
 #include "service/Secrets.h"
@@ -19,11 +21,29 @@ namespace fs = std::filesystem;
 namespace {
 
 [[noreturn]] void fail(const std::string& what, int error) {
-    throw ServiceError("contents: " + what + ": " + std::strerror(error));
+    const std::string text = "contents: " + what + ": " + std::strerror(error);
+    if (error == ENOSPC || error == EDQUOT || error == EFBIG) throw StorageFullError(text);
+    throw ServiceError(text);
 }
 
-void makeFolder(const fs::path& path) {
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) fail("cannot make " + path.string(), errno);
+/// Whether it was not there.
+bool makeFolder(const fs::path& path) {
+    if (::mkdir(path.c_str(), 0700) == 0) return true;
+    if (errno != EEXIST) fail("cannot make " + path.string(), errno);
+    return false;
+}
+
+std::size_t readAt(int file, std::int64_t position, char* out, std::size_t count) {
+    std::size_t done = 0;
+    while (done < count) {
+        const ssize_t got =
+            ::pread(file, out + done, count - done, position + static_cast<std::int64_t>(done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail("cannot read", errno);
+        if (got == 0) break;
+        done += static_cast<std::size_t>(got);
+    }
+    return done;
 }
 
 void syncFolder(const fs::path& path) {
@@ -40,19 +60,82 @@ class FileReader final : public ContentReader {
     }
     [[nodiscard]] std::int64_t size() const override { return size_; }
     std::size_t read(std::int64_t position, char* out, std::size_t count) override {
-        std::size_t done = 0;
-        while (done < count) {
-            const ssize_t got =
-                ::pread(file_.get(), out + done, count - done, position + static_cast<std::int64_t>(done));
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) fail("cannot read", errno);
-            if (got == 0) break;
-            done += static_cast<std::size_t>(got);
-        }
-        return done;
+        return readAt(file_.get(), position, out, count);
     }
 
   private:
+    FileDescriptor file_;
+    std::int64_t size_ = 0;
+};
+
+constexpr std::size_t kLargePiece = 512 * 1024;
+
+class PartialFile final : public PartialContents {
+  public:
+    PartialFile(fs::path path, std::function<fs::path(std::string_view)> targetOf)
+        : path_(std::move(path)),
+          targetOf_(std::move(targetOf)),
+          file_(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+        if (!file_) fail("cannot open " + path_.string(), errno);
+        size_ = status(file_.get()).st_size;
+    }
+    [[nodiscard]] std::int64_t size() const override { return size_; }
+    void write(std::int64_t position, std::string_view bytes) override {
+        if (position < size_) cutTo(position);
+        const std::size_t count = bytes.size();
+        while (!bytes.empty()) {
+            const ssize_t put = ::pwrite(file_.get(), bytes.data(), bytes.size(), size_);
+            if (put < 0 && errno == EINTR) continue;
+            if (put < 0) {
+                const int error = errno;
+                cutTo(position);
+                fail("cannot write", error);
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(put));
+            size_ += put;
+        }
+        // The disk begins now, or the wait in publish() would grow with the file.
+        if (count >= kLargePiece) {
+            ::sync_file_range(file_.get(), position, static_cast<off_t>(count), SYNC_FILE_RANGE_WRITE);
+        }
+    }
+    std::size_t read(std::int64_t position, char* out, std::size_t count) override {
+        return readAt(file_.get(), position, out, count);
+    }
+    bool publish(std::string_view uploadName) override {
+        const fs::path target = targetOf_(uploadName);
+        const fs::path folder = target.parent_path();
+        const bool added = makeFolder(folder);
+        // A second name and no rename: whoever is cut off before the item is stored finds all as it was.
+        if (::link(path_.c_str(), target.c_str()) != 0) {
+            if (errno != EEXIST) fail("cannot store " + std::string(uploadName), errno);
+            const FileDescriptor other(::open(target.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+            if (!other) fail("cannot open " + std::string(uploadName), errno);
+            const struct stat theirs = status(other.get());
+            const struct stat ours = status(file_.get());
+            if (theirs.st_ino != ours.st_ino || theirs.st_dev != ours.st_dev) return false;
+        }
+        // After the link: file systems with a journal then write bytes and name in one go.
+        if (::fdatasync(file_.get()) != 0) fail("cannot write", errno);
+        syncFolder(folder);
+        if (added) syncFolder(folder.parent_path());
+        return true;
+    }
+    void drop() override { ::unlink(path_.c_str()); }
+
+  private:
+    static struct stat status(int file) {
+        struct stat status {};
+        if (::fstat(file, &status) != 0) fail("cannot read", errno);
+        return status;
+    }
+    void cutTo(std::int64_t position) {
+        if (::ftruncate(file_.get(), position) != 0) fail("cannot cut", errno);
+        size_ = position;
+    }
+
+    const fs::path path_;
+    const std::function<fs::path(std::string_view)> targetOf_;
     FileDescriptor file_;
     std::int64_t size_ = 0;
 };
@@ -131,6 +214,16 @@ std::unique_ptr<ContentWriter> FileContentStore::create(std::string_view uploadN
     return std::make_unique<FileWriter>(incoming_ / temporary, pathOf(uploadName));
 }
 
+std::unique_ptr<PartialContents> FileContentStore::partial(std::string_view key) {
+    if (!isUploadName(key)) throw ServiceError("contents: not a key");
+    return std::make_unique<PartialFile>(incoming_ / (std::string(key) + ".part"),
+                                         [this](std::string_view name) {
+                                             if (!isUploadName(name))
+                                                 throw ServiceError("contents: not an upload name");
+                                             return pathOf(name);
+                                         });
+}
+
 void FileContentStore::remove(std::string_view uploadName) {
     if (isUploadName(uploadName) && ::unlink(pathOf(uploadName).c_str()) != 0 && errno != ENOENT) {
         fail("cannot remove " + std::string(uploadName), errno);
@@ -151,6 +244,21 @@ void FileContentStore::dropUnfinished(std::chrono::seconds age) {
         const auto written = entry->last_write_time(gone);
         if (!gone && written < limit) fs::remove(entry->path(), gone);
     }
+}
+
+std::vector<std::string> FileContentStore::namesOlderThan(std::chrono::seconds age, unsigned slice) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    const fs::path folder = blobs_ / std::string{kDigits[slice / 16 % 16], kDigits[slice % 16]};
+    const std::time_t limit = std::time(nullptr) - age.count();
+    std::vector<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+        struct stat status {};
+        // The time of the last change of the file's names, which no writer of its bytes can set.
+        if (::lstat(entry->path().c_str(), &status) == 0 && status.st_ctime <= limit)
+            names.push_back(entry->path().filename().string());
+    }
+    return names;
 }
 
 }  // namespace tarnwell::service

@@ -64,6 +64,13 @@ struct Reply {
     static Reply json(std::string body);
 };
 
+/// The threads that an endpoint runs on, so that no kind of work holds up another.
+enum class Lane {
+    reading,
+    writing,  ///< waits for the disk, and for other writers
+    hashing,  ///< burns processor time on purpose (password hashes)
+};
+
 /// One row of the router's table. The handler runs on a worker thread, several at once; it throws HttpError
 /// to refuse, and any other exception is answered 500.
 struct Endpoint {
@@ -74,8 +81,7 @@ struct Endpoint {
     std::function<Reply(const Request&)> handle;
     /// Absent, or what the request has to wait for before it is handled, without holding a thread.
     std::function<std::chrono::milliseconds(const Request&)> delay = {};
-    /// Burns processor time on purpose (password hashes): runs on threads of its own.
-    bool expensive = false;
+    Lane lane = Lane::reading;
 };
 
 }  // namespace tarnwell::service

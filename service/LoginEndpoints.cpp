@@ -212,8 +212,8 @@ std::vector<Endpoint> loginEndpoints(MetadataStore& store, LoginThrottle& thrott
     const auto shares = [logins](const Request& request) { return logins->shares(request); };
     return {
         {HostRole::global, "/getuserdomain.aspx", "GET", kSmallBody, userDomain},
-        {HostRole::global, "/globallogin.aspx", "GET", kSmallBody, login, delay, true},
-        {HostRole::gateway, "/login2.aspx", "GET", kSmallBody, login, delay, true},
+        {HostRole::global, "/globallogin.aspx", "GET", kSmallBody, login, delay, Lane::hashing},
+        {HostRole::gateway, "/login2.aspx", "GET", kSmallBody, login, delay, Lane::hashing},
         {HostRole::gateway, "/clientlogin.aspx", "GET", kSmallBody, shares},
     };
 }

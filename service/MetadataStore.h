@@ -66,28 +66,87 @@ struct ContentsInfo {
     std::string hash;
 };
 
-/// One share inside a write transaction: what it finds includes what was changed before. Records that are
-/// handed out are copies; only put() changes the share.
-///
-/// Invariants that it enforces: the siblings that are not deleted have different names without regard to case
-/// and Unicode form; every tick is given once. A breach throws ServiceError and ends the transaction.
-class ShareChange {
+/// A link to something, for whoever knows its id. Only the id's digest is kept.
+struct LinkInfo {
+    std::int64_t number = 0;  ///< for those who manage links; never given twice
+    std::string digest;
+    std::int32_t kind = 0;  ///< a DirectLinkType
+    std::string userId;     ///< whose it is; it ends with the user's right in the share
+    std::string email;
+    std::string deviceId;  ///< of a log-in link
+    std::string domainId;
+    std::string shareId;    ///< of a link to an item
+    std::string item;       ///< internal name, or the share's id
+    std::string parameter;  ///< of a log-in link: what to show
+    Date created{};
+    std::optional<Date> expires;
+    std::int64_t uses = 0;
+    std::optional<std::int64_t> maxUses;
+    bool revoked = false;
+};
+
+/// An upload that was announced. `digest` is that of its token.
+struct TransferInfo {
+    std::string digest;
+    std::string shareId;
+    std::string deviceId;
+    std::int32_t event = 0;  ///< a LocalJournalType: create or update
+    std::string record;      ///< JSON of the file record
+    Date touched{};
+    bool done = false;
+};
+
+/// Which device an item's newest contents and its present place come from, and the ticks of the newest ones
+/// before that came from somebody else. An empty device is the service itself, somebody else to everyone.
+struct Authorship {
+    std::string writer;
+    std::int32_t writtenBefore = -1;
+    std::string mover;
+    std::int32_t placeTick = -1;
+    std::int32_t placedBefore = -1;
+
+    /// The tick of the newest contents that `device` did not write itself; -1 when there are none.
+    [[nodiscard]] std::int32_t foreignContents(const std::string& device, std::int32_t updateTick) const {
+        return writer == device && !device.empty() ? writtenBefore : updateTick;
+    }
+    [[nodiscard]] std::int32_t foreignPlace(const std::string& device) const {
+        return mover == device && !device.empty() ? placedBefore : placeTick;
+    }
+};
+
+/// One share at one moment. Records that are handed out are copies.
+class ShareView {
   public:
-    virtual ~ShareChange() = default;
+    virtual ~ShareView() = default;
     [[nodiscard]] virtual const ShareInfo& share() const = 0;
-    /// Takes the share's next tick. Throws ServiceError when none is left.
-    virtual std::int32_t nextTick() = 0;
     /// By internal name, deleted ones too; null when the share has none.
     virtual TWVirtualFilePtr find(std::string_view internalName) = 0;
     /// The live item of that name (its path key counts) in a folder, or in the root for the share's id.
     virtual TWVirtualFilePtr childNamed(std::string_view parent, std::string_view publicName) = 0;
     /// The live items of a folder.
     virtual std::vector<TWVirtualFilePtr> children(std::string_view parent) = 0;
+    virtual Authorship authorship(std::string_view internalName) = 0;
+    /// Of any share: a name is given once.
+    virtual bool hasContents(std::string_view uploadName) = 0;
+};
+
+/// One share inside a write transaction: what it finds includes what was changed before. Only put() changes
+/// the items.
+///
+/// Invariants that it enforces: the siblings that are not deleted have different names without regard to case
+/// and Unicode form; every tick is given once. A breach throws ServiceError and ends the transaction.
+class ShareChange : public ShareView {
+  public:
+    /// Takes the share's next tick. Throws ServiceError when none is left.
+    virtual std::int32_t nextTick() = 0;
     /// Inserts the record, or replaces the one of its internal name.
     virtual void put(const TWVirtualFile& record) = 0;
+    virtual void setAuthorship(std::string_view internalName, const Authorship& authorship) = 0;
     virtual void addContents(const ContentsInfo& contents) = 0;
     /// No item names the contents any more. They stay readable for a while.
     virtual void retireContents(std::string_view uploadName) = 0;
+    virtual void addTransfer(const TransferInfo& transfer) = 0;
+    virtual void finishTransfer(std::string_view digest) = 0;
 };
 
 /// Everything but the bytes of files: domains, users, devices, shares, rights, items. Any thread; several
@@ -140,6 +199,9 @@ class MetadataStore {
     /// The domain's shares that the device's user may reach, with the device's token for each.
     virtual std::vector<ShareAccess> accessOf(const DeviceInfo& device, const std::string& domainId) = 0;
     virtual std::optional<AccessRight> rightOfToken(std::string_view aclToken) = 0;
+    /// What the device may do in the share now; none without a token for it.
+    virtual std::optional<AccessRight> rightOfDevice(const std::string& deviceId,
+                                                     const std::string& shareId) = 0;
 
     /// The records with ticks above `from`, by tick, at most `take`; one consistent state. None without the
     /// share. `UploadUrl` is `uploadUrl` in every record of a file.
@@ -148,9 +210,31 @@ class MetadataStore {
                                                            const std::string& uploadUrl) = 0;
     virtual std::optional<ContentsInfo> contents(std::string_view uploadName) = 0;
 
+    enum class Durability {
+        powerLoss,  ///< on the disk on return
+        process     ///< survives the end of the process; for what a client can ask for again
+    };
     /// Runs `work` in one transaction, committed when it returns and rolled back when it throws (which passes
     /// on).
-    virtual void change(const std::string& shareId, const std::function<void(ShareChange&)>& work) = 0;
+    virtual void change(const std::string& shareId, const std::function<void(ShareChange&)>& work,
+                        Durability durability = Durability::powerLoss) = 0;
+    /// Runs `work` on one consistent state of the share; never waits for a writer.
+    virtual void view(const std::string& shareId, const std::function<void(ShareView&)>& work) = 0;
+
+    virtual std::optional<TransferInfo> transfer(std::string_view digest) = 0;
+    /// The transfer is in use now.
+    virtual void touchTransfer(std::string_view digest) = 0;
+    virtual void dropTransfer(std::string_view digest) = 0;
+    /// Those not in use since `before`.
+    virtual void dropTransfers(Date before) = 0;
+
+    virtual void addLink(const LinkInfo& link) = 0;
+    virtual std::optional<LinkInfo> link(std::string_view digest) = 0;
+    virtual std::vector<LinkInfo> links() = 0;
+    virtual bool revokeLink(std::int64_t number) = 0;
+    /// Counts one use; false when the link is revoked, expired or used up.
+    virtual bool useLink(std::string_view digest) = 0;
+    virtual void dropLinks(Date expiredBefore) = 0;
 
     /// Contents that no item has named since before `before`, at most `limit`.
     virtual std::vector<std::string> retiredContents(Date before, int limit) = 0;

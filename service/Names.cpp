@@ -113,19 +113,39 @@ std::string whyNotAddress(std::string_view address) {
     return {};
 }
 
-std::string freeName(std::string_view name, bool isFile,
-                     const std::function<bool(const std::string&)>& isTaken) {
+std::string suffixedName(std::string_view name, bool isFile, const std::string& suffix) {
     std::size_t dot = isFile ? name.rfind('.') : std::string_view::npos;
     // A leading dot hides a file, it does not begin an extension; nor does the dot of a name that is cut
     // anyway.
     if (dot == 0 || (dot != std::string_view::npos && name.size() - dot > 64)) dot = std::string_view::npos;
-    const std::string_view base = name.substr(0, dot);
     const std::string_view extension = dot == std::string_view::npos ? std::string_view() : name.substr(dot);
+    const std::string end = " (" + suffix + ")" + std::string(extension);
+    return std::string(cut(name.substr(0, dot), kMaxNameBytes - end.size())) + end;
+}
+
+std::string freeName(std::string_view name, bool isFile,
+                     const std::function<bool(const std::string&)>& isTaken) {
     for (std::uint64_t number = 2;; ++number) {
-        const std::string suffix = " (" + std::to_string(number) + ")" + std::string(extension);
-        std::string candidate = std::string(cut(base, kMaxNameBytes - suffix.size())) + suffix;
+        std::string candidate = suffixedName(name, isFile, std::to_string(number));
         if (!isTaken(candidate)) return candidate;
     }
+}
+
+std::string usableName(std::string_view name) {
+    std::string out(cut(name, kMaxNameBytes));
+    for (char& c : out) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F || c == '/') c = '_';
+    }
+    if (!isUtf8(out) || out.empty()) return "unnamed";
+    return out == "." || out == ".." ? out + "_" : out;
+}
+
+bool isInternalName(std::string_view name) {
+    return name.size() > 1 && name.size() <= 100 && name.front() == 'F' &&
+           std::all_of(name.begin(), name.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                      c == '-' || c == '_';
+           });
 }
 
 std::string newInternalName() {

@@ -31,6 +31,16 @@ std::string lowerAscii(std::string_view text);
 std::string freeName(std::string_view name, bool isFile,
                      const std::function<bool(const std::string&)>& isTaken);
 
+/// "name.ext" -> "name (suffix).ext", as freeName() does.
+std::string suffixedName(std::string_view name, bool isFile, const std::string& suffix);
+/// What a name that cannot be kept becomes: control characters replaced, cut to the length allowed.
+std::string usableName(std::string_view name);
+
+/// Whether a text that a client proposes may be the identity of an item: "F", then at most 99 letters,
+/// digits,
+/// "-" and "_". So it is no share's id.
+bool isInternalName(std::string_view name);
+
 /// "F" or "U" and two random UUIDs: the identity of a new item, and the name of its contents.
 std::string newInternalName();
 std::string newUploadName();

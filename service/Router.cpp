@@ -74,7 +74,7 @@ const Endpoint& Router::resolve(Request& request) const {
     const Endpoint* otherMethod = nullptr;
     for (const auto& endpoint : endpoints_) {
         if (endpoint.role != request.role || endpoint.path != path) continue;
-        if (endpoint.method == request.method) return endpoint;
+        if (endpoint.method == (request.method == "HEAD" ? "GET" : request.method)) return endpoint;
         otherMethod = &endpoint;
     }
     if (otherMethod) throw HttpError(405, "this path takes " + std::string(otherMethod->method));
@@ -93,6 +93,9 @@ Reply Router::refusal(const Request& request) const {
         }
         if (error.status == 429) reply.headers.emplace_back("Retry-After", "30");
         return reply;
+    } catch (const StorageFullError& error) {
+        log_.warning("error in " + pathOf(request.target) + ": " + error.what());
+        return Reply::text(507, "the disk of the service is full\n");
     } catch (const std::exception& error) {
         log_.warning("error in " + pathOf(request.target) + ": " + error.what());
         return Reply::text(500, "internal error\n");
@@ -104,9 +107,9 @@ Router::Step Router::start(Request& request) const {
     try {
         const Endpoint& endpoint = resolve(request);
         if (endpoint.delay) step.delay = endpoint.delay(request);
-        if (step.delay.count() > 0 || endpoint.expensive) {
+        if (step.delay.count() > 0 || endpoint.lane != Lane::reading) {
             step.endpoint = &endpoint;
-            step.expensive = endpoint.expensive;
+            step.lane = endpoint.lane;
         } else {
             step.reply = finish(endpoint, request);
         }

@@ -22,13 +22,13 @@ class Router {
     /// known.
     [[nodiscard]] std::size_t bodyLimit(std::string_view target) const;
 
-    /// The answer, or what is to be done before it: wait for `delay`, then call finish() on a thread for
-    /// `expensive` work.
+    /// The answer, or what is to be done before it: wait for `delay`, then call finish() on a thread of
+    /// `lane`.
     struct Step {
         std::optional<Reply> reply;
         const Endpoint* endpoint = nullptr;
         std::chrono::milliseconds delay{0};
-        bool expensive = false;
+        Lane lane = Lane::reading;
     };
     Step start(Request& request) const;
     Reply finish(const Endpoint& endpoint, const Request& request) const;

@@ -110,8 +110,49 @@ CREATE TABLE contents (
 CREATE INDEX contents_retired ON contents(retired) WHERE retired IS NOT NULL;
 )";
 
+/// Whose the newest contents and the present place of an item are, so that a device's change can be told from
+/// one that was made without knowledge of another's; uploads under way; links.
+constexpr const char* kVersion2 = R"(
+ALTER TABLE items ADD COLUMN writer TEXT NOT NULL DEFAULT '';         -- a device; empty: the service itself
+ALTER TABLE items ADD COLUMN written_before INTEGER NOT NULL DEFAULT -1;
+ALTER TABLE items ADD COLUMN mover TEXT NOT NULL DEFAULT '';
+ALTER TABLE items ADD COLUMN place_tick INTEGER NOT NULL DEFAULT -1;
+ALTER TABLE items ADD COLUMN placed_before INTEGER NOT NULL DEFAULT -1;
+UPDATE items SET place_tick = tick;
+
+CREATE TABLE transfers (
+    digest TEXT PRIMARY KEY,
+    share INTEGER NOT NULL REFERENCES shares(id) ON DELETE CASCADE,
+    device TEXT NOT NULL REFERENCES devices(id) ON DELETE CASCADE,
+    event INTEGER NOT NULL,               -- what the device asked for: create or update
+    record TEXT NOT NULL,                 -- the file record of the event, JSON
+    touched INTEGER NOT NULL,
+    done INTEGER NOT NULL                 -- the contents are in the tree; kept for chunks that are repeated
+) STRICT;
+CREATE INDEX transfers_by_time ON transfers(touched);
+
+CREATE TABLE links (
+    number INTEGER PRIMARY KEY AUTOINCREMENT,
+    digest TEXT NOT NULL UNIQUE,
+    kind INTEGER NOT NULL,
+    user TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    device TEXT REFERENCES devices(id) ON DELETE CASCADE,
+    domain TEXT NOT NULL REFERENCES domains(id) ON DELETE CASCADE,
+    share INTEGER,
+    item TEXT NOT NULL,
+    parameter TEXT NOT NULL,
+    created INTEGER NOT NULL,
+    expires INTEGER,                      -- null: never
+    uses INTEGER NOT NULL DEFAULT 0,
+    max_uses INTEGER,                     -- null: any number
+    revoked INTEGER NOT NULL DEFAULT 0,
+    FOREIGN KEY (share, user) REFERENCES grants(share, user) ON DELETE CASCADE
+) STRICT;
+CREATE INDEX links_of_grant ON links(share, user);
+)";
+
 /// Step n brings a database of version n to n + 1. Released steps never change; new ones follow at the end.
-constexpr const char* kSteps[] = {kVersion1};
+constexpr const char* kSteps[] = {kVersion1, kVersion2};
 constexpr std::int64_t kVersion = std::size(kSteps);
 
 std::int64_t versionOf(Database& database) {

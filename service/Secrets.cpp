@@ -129,6 +129,14 @@ ContentHash::ContentHash() : context_(std::make_unique<Context>()) {
 }
 
 ContentHash::~ContentHash() = default;
+ContentHash::ContentHash(ContentHash&&) noexcept = default;
+ContentHash& ContentHash::operator=(ContentHash&&) noexcept = default;
+
+ContentHash::ContentHash(const ContentHash& other) : context_(std::make_unique<Context>()) {
+    if (!context_->md || EVP_MD_CTX_copy_ex(context_->md.get(), other.context_->md.get()) != 1) {
+        throw ServiceError("MD5 is not available");
+    }
+}
 
 void ContentHash::update(std::string_view bytes) {
     if (EVP_DigestUpdate(context_->md.get(), bytes.data(), bytes.size()) != 1)

@@ -29,8 +29,10 @@ class ContentHash {
   public:
     ContentHash();
     ~ContentHash();
-    ContentHash(const ContentHash&) = delete;
-    ContentHash& operator=(const ContentHash&) = delete;
+    /// The same state: both go on by themselves.
+    ContentHash(const ContentHash& other);
+    ContentHash(ContentHash&&) noexcept;
+    ContentHash& operator=(ContentHash&&) noexcept;
 
     void update(std::string_view bytes);
     /// Ends the hash; call once.

@@ -108,6 +108,7 @@ class Server::Implementation {
         for (auto& thread : threads_)
             thread.join();
         shared_.workers.join();
+        shared_.writers.join();
         shared_.hashers.join();
     }
 

@@ -28,7 +28,7 @@ struct ServerOptions {
 /// The HTTPS server: connections, requests, time-outs, limits. What a request means is the router's.
 ///
 /// Threads: connections are coroutines on a few I/O threads, each on its own strand; the router runs on
-/// worker threads, password hashing on two further ones, so that neither holds up the others. Public
+/// worker threads, changes and password hashing on further ones, so that none holds up the others. Public
 /// functions: any thread.
 class Server {
   public:

@@ -53,18 +53,30 @@ void ServiceData::dropOldContents(std::chrono::hours age) const {
         if (!names.empty()) metadata_->forgetContents(names);
         if (names.size() < kDropAtOnce) break;
     }
+    metadata_->dropTransfers(before);
+    metadata_->dropLinks(before - std::chrono::days(7));
     contents_->dropUnfinished(std::max<std::chrono::seconds>(age, std::chrono::hours(24)));
 }
 
+void ServiceData::dropStrayContents(unsigned slice) const {
+    // Whoever writes contents stores their item within moments; a day is beyond doubt.
+    for (const auto& name : contents_->namesOlderThan(std::chrono::hours(24), slice)) {
+        if (!metadata_->contents(name)) contents_->remove(name);
+    }
+}
+
 Service::Service(const ServiceData& data, ServerOptions options, ServiceLog& log)
-    : data_(data), lock_(::open((data.folder() / "serve.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    : data_(data),
+      lock_(::open((data.folder() / "serve.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
+      transfers_(data.metadata(), data.contents()) {
     if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
         throw ServiceError("another process serves " + data.folder().string() + " already");
     }
     (void)data_.updateCertificates();
     std::vector<Endpoint> endpoints = loginEndpoints(data_.metadata(), throttle_, log);
-    for (auto& rows :
-         {catchUpEndpoints(data_.metadata()), contentEndpoints(data_.metadata(), data_.contents())}) {
+    for (auto& rows : {catchUpEndpoints(data_.metadata()),
+                       contentEndpoints(data_.metadata(), data_.contents(), transfers_),
+                       clientApiEndpoints(data_.metadata())}) {
         endpoints.insert(endpoints.end(), rows.begin(), rows.end());
     }
     router_ = std::make_unique<Router>(data_.metadata(), log, std::move(endpoints));
@@ -79,6 +91,9 @@ Service::~Service() {
 void Service::start() {
     server_->start();
     server_->every(std::chrono::hours(1), [this] { data_.dropOldContents(kKeepOldContents); });
+    // All of the store in half a day, a little at a time.
+    server_->every(std::chrono::minutes(3),
+                   [this] { data_.dropStrayContents(slice_++ % ContentStore::kSlices); });
     server_->every(std::chrono::hours(12), [this] { (void)data_.updateCertificates(); });
 }
 

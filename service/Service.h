@@ -12,6 +12,7 @@
 #include "service/MetadataStore.h"
 #include "service/Server.h"
 #include "service/ServiceLog.h"
+#include "service/Transfers.h"
 
 namespace tarnwell::service {
 
@@ -30,8 +31,10 @@ class ServiceData {
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
     /// Brings the server's certificate up to the domains there are; true when it was made anew.
     [[nodiscard]] bool updateCertificates() const;
-    /// Drops contents that no item has named for `age`, and the remains of cut-off writes.
+    /// Drops contents that no item has named for `age`, and uploads that nobody went on with since.
     void dropOldContents(std::chrono::hours age) const;
+    /// Drops contents that never came to an item because their writer was cut off, in one slice of the store.
+    void dropStrayContents(unsigned slice) const;
 
   private:
     const std::filesystem::path folder_;
@@ -60,6 +63,8 @@ class Service {
     const ServiceData& data_;
     FileDescriptor lock_;
     LoginThrottle throttle_;
+    Transfers transfers_;
+    unsigned slice_ = 0;  ///< of the next sweep for stray contents; that task only
     std::unique_ptr<Router> router_;
     std::unique_ptr<TlsContext> tls_;
     std::unique_ptr<Server> server_;

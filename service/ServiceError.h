@@ -11,6 +11,11 @@ struct ServiceError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// No room on the disk. Nothing half is left; the same request may succeed later.
+struct StorageFullError : ServiceError {
+    using ServiceError::ServiceError;
+};
+
 /// Refusal of one HTTP request. The text goes to the peer as a short plain-text body: no secrets, no inner
 /// paths.
 struct HttpError : std::runtime_error {

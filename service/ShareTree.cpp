@@ -27,13 +27,13 @@ void markDeleted(ShareChange& change, TWVirtualFile& item) {
 
 }  // namespace
 
-TWVirtualFilePtr itemAtPath(ShareChange& change, std::string_view path) {
-    std::string parent = change.share().id;
+TWVirtualFilePtr itemAtPath(ShareView& view, std::string_view path) {
+    std::string parent = view.share().id;
     TWVirtualFilePtr item;
     for (std::string_view rest = trimmed(path); !rest.empty();) {
         const auto slash = rest.find('/');
         if (item && item->IsFile) return nullptr;
-        item = change.childNamed(parent, rest.substr(0, slash));
+        item = view.childNamed(parent, rest.substr(0, slash));
         if (!item) return nullptr;
         parent = item->InternalName.str();
         rest = slash == std::string_view::npos ? std::string_view() : trimmed(rest.substr(slash));
@@ -41,9 +41,9 @@ TWVirtualFilePtr itemAtPath(ShareChange& change, std::string_view path) {
     return item;
 }
 
-std::string folderAtPath(ShareChange& change, std::string_view path) {
-    if (trimmed(path).empty()) return change.share().id;
-    const auto item = itemAtPath(change, path);
+std::string folderAtPath(ShareView& view, std::string_view path) {
+    if (trimmed(path).empty()) return view.share().id;
+    const auto item = itemAtPath(view, path);
     if (!item || item->IsFile)
         throw ServiceError("there is no folder \"" + std::string(path) + "\" in the share");
     return item->InternalName.str();
@@ -56,25 +56,42 @@ SplitPath splitPath(std::string_view path) {
     return {std::string(path.substr(0, slash)), std::string(path.substr(slash + 1))};
 }
 
-std::string availableName(ShareChange& change, std::string_view parent, std::string_view name, bool isFile,
+std::string availableName(ShareView& view, std::string_view parent, std::string_view name, bool isFile,
                           std::string_view self) {
     const auto isTaken = [&](const std::string& candidate) {
-        const auto other = change.childNamed(parent, candidate);
+        const auto other = view.childNamed(parent, candidate);
         return other && other->InternalName.view() != self;
     };
     if (!isTaken(std::string(name))) return std::string(name);
     return freeName(name, isFile, isTaken);
 }
 
-void insertItem(ShareChange& change, TWVirtualFile& record) {
+bool canContain(ShareView& view, std::string_view parent, std::string_view item, bool deletedToo) {
+    std::string above(parent);
+    for (int depth = 0; above != view.share().id; ++depth) {
+        if (above == item || depth > kMaxDepth) return false;
+        const auto folder = view.find(above);
+        if (!folder || folder->IsFile || (folder->Deleted && !deletedToo)) return false;
+        above = folder->ParrentId.str();
+    }
+    return true;
+}
+
+void insertItem(ShareChange& change, TWVirtualFile& record, const std::string& device) {
     record.ShareId = change.share().id;
     record.Tick = record.ShareTick = record.UpdateTick = record.CreateTick = change.nextTick();
     change.put(record);
+    change.setAuthorship(record.InternalName.view(), {device, -1, device, record.Tick, -1});
 }
 
-void updateItem(ShareChange& change, TWVirtualFile& item, const TWVirtualFile& version) {
+void updateItem(ShareChange& change, TWVirtualFile& item, const TWVirtualFile& version,
+                const std::string& device) {
     if (!item.IsFile) throw ServiceError("\"" + item.PublicName.str() + "\" is a folder");
     if (item.UploadName) change.retireContents(item.UploadName.view());
+    auto authorship = change.authorship(item.InternalName.view());
+    authorship.writtenBefore = authorship.foreignContents(device, item.UpdateTick);
+    authorship.writer = device;
+    item.LastUploadName = item.UploadName;
     item.UploadName = version.UploadName;
     item.FilehHash = version.FilehHash;
     item.EndOfFile = version.EndOfFile;
@@ -82,27 +99,50 @@ void updateItem(ShareChange& change, TWVirtualFile& item, const TWVirtualFile& v
     item.LastWriteTime = version.LastWriteTime;
     item.Tick = item.ShareTick = item.UpdateTick = change.nextTick();
     change.put(item);
+    change.setAuthorship(item.InternalName.view(), authorship);
 }
 
-void moveItem(ShareChange& change, TWVirtualFile& item, const std::string& parent, const std::string& name) {
+void moveItem(ShareChange& change, TWVirtualFile& item, const std::string& parent, const std::string& name,
+              const std::string& device) {
     if (const auto why = whyNotItemName(name); !why.empty()) throw ServiceError(why);
     if (const auto other = change.childNamed(parent, name);
         other && other->InternalName != item.InternalName) {
         throw ServiceError("there is an item \"" + other->PublicName.str() + "\" already");
     }
-    std::string above = parent;
-    for (int depth = 0; above != change.share().id; ++depth) {
-        if (above == item.InternalName.view()) throw ServiceError("a folder cannot be moved into itself");
-        const auto folder = change.find(above);
-        if (!folder || folder->Deleted || folder->IsFile || depth > kMaxDepth) {
-            throw ServiceError("the folder to move to does not exist");
-        }
-        above = folder->ParrentId.str();
+    if (!canContain(change, parent, item.InternalName.view())) {
+        throw ServiceError("the folder to move to does not exist, or is inside what is moved");
     }
+    auto authorship = change.authorship(item.InternalName.view());
+    authorship.placedBefore = authorship.foreignPlace(device);
+    authorship.mover = device;
     item.ParrentId = parent;
     item.PublicName = name;
+    item.Tick = item.ShareTick = authorship.placeTick = change.nextTick();
+    change.put(item);
+    change.setAuthorship(item.InternalName.view(), authorship);
+}
+
+void touchItem(ShareChange& change, TWVirtualFile& item) {
     item.Tick = item.ShareTick = change.nextTick();
     change.put(item);
+}
+
+void reviveFolder(ShareChange& change, const std::string& folder, const std::string& device) {
+    std::vector<TWVirtualFilePtr> gone;
+    for (std::string above = folder; above != change.share().id;) {
+        auto record = change.find(above);
+        if (!record) throw ServiceError("the folder " + above + " does not exist");
+        above = record->ParrentId.str();
+        if (!record->Deleted) break;
+        gone.push_back(std::move(record));
+    }
+    // From the top, so that whoever applies the changes one by one always has the folder of an item.
+    for (auto record = gone.rbegin(); record != gone.rend(); ++record) {
+        (*record)->Deleted = false;
+        const std::string parent = (*record)->ParrentId.str();
+        moveItem(change, **record, parent, availableName(change, parent, (*record)->PublicName.view(), false),
+                 device);
+    }
 }
 
 int removeItem(ShareChange& change, TWVirtualFile& item) {

@@ -53,11 +53,28 @@ class SqliteMetadataStore final : public MetadataStore {
                                             std::string_view token) override;
     std::vector<ShareAccess> accessOf(const DeviceInfo& device, const std::string& domainId) override;
     std::optional<AccessRight> rightOfToken(std::string_view aclToken) override;
+    std::optional<AccessRight> rightOfDevice(const std::string& deviceId,
+                                             const std::string& shareId) override;
 
     std::optional<OSXCatchUpResponse> changesSince(const std::string& shareId, std::int32_t from,
                                                    std::int32_t take, const std::string& uploadUrl) override;
     std::optional<ContentsInfo> contents(std::string_view uploadName) override;
-    void change(const std::string& shareId, const std::function<void(ShareChange&)>& work) override;
+    void change(const std::string& shareId, const std::function<void(ShareChange&)>& work,
+                Durability durability) override;
+    void view(const std::string& shareId, const std::function<void(ShareView&)>& work) override;
+
+    std::optional<TransferInfo> transfer(std::string_view digest) override;
+    void touchTransfer(std::string_view digest) override;
+    void dropTransfer(std::string_view digest) override;
+    void dropTransfers(Date before) override;
+
+    void addLink(const LinkInfo& link) override;
+    std::optional<LinkInfo> link(std::string_view digest) override;
+    std::vector<LinkInfo> links() override;
+    bool revokeLink(std::int64_t number) override;
+    bool useLink(std::string_view digest) override;
+    void dropLinks(Date expiredBefore) override;
+
     std::vector<std::string> retiredContents(Date before, int limit) override;
     void forgetContents(const std::vector<std::string>& uploadNames) override;
 

@@ -39,6 +39,7 @@ SqliteShareChange::SqliteShareChange(Database& database, const std::string& shar
     if (!rows.next()) throw ServiceError("there is no such share");
     row_ = rows.integer(0);
     share_ = {shareId, rows.text(1), rows.text(2), static_cast<std::int32_t>(rows.integer(3))};
+    storedTick_ = share_.tick;
 }
 
 std::int32_t SqliteShareChange::nextTick() {
@@ -95,7 +96,29 @@ void SqliteShareChange::put(const TWVirtualFile& record) {
         record.Tick, record.ShareTick, record.UpdateTick, record.CreateTick, record.size(),
         ticks(record.CreationTime), ticks(record.LastAccessTime), ticks(record.LastWriteTime),
         record.Attributes, record.POSIXPermissions, record.Deleted, record.IsFile);
-    if (changed != 1) throw ServiceError("another share has an item of that identity");
+    if (changed != 1) throw HttpError(409, "another share has an item of that identity");
+}
+
+Authorship SqliteShareChange::authorship(std::string_view internalName) {
+    auto rows = database_.query(
+        "SELECT writer, written_before, mover, place_tick, placed_before FROM items"
+        " WHERE internal_name = ? AND share = ?",
+        internalName, row_);
+    const auto tick = [&](int column) { return static_cast<std::int32_t>(rows.integer(column)); };
+    if (!rows.next()) return {};
+    return {rows.text(0), tick(1), rows.text(2), tick(3), tick(4)};
+}
+
+void SqliteShareChange::setAuthorship(std::string_view internalName, const Authorship& authorship) {
+    database_.run(
+        "UPDATE items SET writer = ?, written_before = ?, mover = ?, place_tick = ?, placed_before = ?"
+        " WHERE internal_name = ? AND share = ?",
+        authorship.writer, authorship.writtenBefore, authorship.mover, authorship.placeTick,
+        authorship.placedBefore, internalName, row_);
+}
+
+bool SqliteShareChange::hasContents(std::string_view uploadName) {
+    return database_.query("SELECT 1 FROM contents WHERE upload_name = ?", uploadName).next();
 }
 
 void SqliteShareChange::addContents(const ContentsInfo& contents) {
@@ -109,7 +132,20 @@ void SqliteShareChange::retireContents(std::string_view uploadName) {
                   ticks(now), uploadName, row_);
 }
 
+void SqliteShareChange::addTransfer(const TransferInfo& transfer) {
+    database_.run(
+        "INSERT INTO transfers (digest, share, device, event, record, touched, done)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?)",
+        transfer.digest, row_, transfer.deviceId, transfer.event, transfer.record, ticks(transfer.touched),
+        transfer.done);
+}
+
+void SqliteShareChange::finishTransfer(std::string_view digest) {
+    database_.run("UPDATE transfers SET done = 1 WHERE digest = ? AND share = ?", digest, row_);
+}
+
 void SqliteShareChange::finish() {
+    if (share_.tick == storedTick_) return;
     database_.run("UPDATE shares SET tick = ? WHERE id = ?", share_.tick, row_);
 }
 

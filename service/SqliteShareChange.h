@@ -8,7 +8,8 @@
 
 namespace tarnwell::service {
 
-/// ShareChange on a connection that is inside a write transaction of its caller.
+/// ShareChange on a connection that is inside a transaction of its caller: a write transaction, unless it is
+/// only looked at.
 class SqliteShareChange final : public ShareChange {
   public:
     /// Throws ServiceError when there is no such share.
@@ -20,16 +21,22 @@ class SqliteShareChange final : public ShareChange {
     TWVirtualFilePtr childNamed(std::string_view parent, std::string_view publicName) override;
     std::vector<TWVirtualFilePtr> children(std::string_view parent) override;
     void put(const TWVirtualFile& record) override;
+    Authorship authorship(std::string_view internalName) override;
+    void setAuthorship(std::string_view internalName, const Authorship& authorship) override;
+    bool hasContents(std::string_view uploadName) override;
     void addContents(const ContentsInfo& contents) override;
     void retireContents(std::string_view uploadName) override;
+    void addTransfer(const TransferInfo& transfer) override;
+    void finishTransfer(std::string_view digest) override;
 
-    /// Writes the share's tick counter. Call once, before the commit.
+    /// Writes the share's tick counter, if it moved. Call once, before the commit.
     void finish();
 
   private:
     Database& database_;
     ShareInfo share_;
     std::int64_t row_ = 0;
+    std::int32_t storedTick_ = 0;
     SharedString shareId_;
 };
 

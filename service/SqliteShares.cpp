@@ -138,6 +138,19 @@ std::optional<AccessRight> SqliteMetadataStore::rightOfToken(std::string_view ac
     return AccessRight{rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.integer(4) != 0};
 }
 
+std::optional<AccessRight> SqliteMetadataStore::rightOfDevice(const std::string& deviceId,
+                                                              const std::string& shareId) {
+    Reader reader(*this);
+    auto rows = reader->query(
+        "SELECT acl_tokens.user, email, read_only FROM acl_tokens"
+        " JOIN shares ON shares.id = acl_tokens.share JOIN users ON users.id = acl_tokens.user"
+        " JOIN grants ON grants.share = acl_tokens.share AND grants.user = acl_tokens.user"
+        " WHERE device = ? AND share_id = ?",
+        deviceId, shareId);
+    if (!rows.next()) return std::nullopt;
+    return AccessRight{shareId, rows.text(0), rows.text(1), deviceId, rows.integer(2) != 0};
+}
+
 std::optional<OSXCatchUpResponse> SqliteMetadataStore::changesSince(const std::string& shareId,
                                                                     std::int32_t from, std::int32_t take,
                                                                     const std::string& uploadUrl) {
@@ -178,13 +191,22 @@ std::optional<ContentsInfo> SqliteMetadataStore::contents(std::string_view uploa
     return ContentsInfo{rows.text(0), rows.text(1), rows.integer(2), rows.text(3)};
 }
 
-void SqliteMetadataStore::change(const std::string& shareId, const std::function<void(ShareChange&)>& work) {
+void SqliteMetadataStore::change(const std::string& shareId, const std::function<void(ShareChange&)>& work,
+                                 Durability durability) {
     Writer writer(*this);
+    const Database::Unsynced unsynced(*writer, durability == Durability::process);
     Transaction transaction(*writer, Transaction::Kind::write);
     SqliteShareChange change(*writer, shareId);
     work(change);
     change.finish();
     transaction.commit();
+}
+
+void SqliteMetadataStore::view(const std::string& shareId, const std::function<void(ShareView&)>& work) {
+    Reader reader(*this);
+    Transaction snapshot(*reader, Transaction::Kind::read);
+    SqliteShareChange share(*reader, shareId);
+    work(share);
 }
 
 std::vector<std::string> SqliteMetadataStore::retiredContents(Date before, int limit) {

@@ -1,0 +1,293 @@
+#include <gtest/gtest.h>
+
+#include "service/ChangeWorld.h"
+#include "service/Names.h"
+#include "service/ShareTree.h"
+#include "store/Enums.h"
+#include "util/Hash.h"
+#include "util/TWUtils.h"
+
+namespace tarnwell::service::testing {
+namespace {
+
+using ChangeTest = ChangeWorld;
+
+std::string noise(std::size_t size) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i * 2654435761u >> 13);
+    return bytes;
+}
+
+TEST_F(ChangeTest, aDayOfWorkArrivesAsItWasDone) {
+    const auto folder = one_.folder("Letters");
+    EXPECT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    auto letter = one_.file("caf\xC3\xA9 & +1%20.txt", "first");
+    letter.ParrentId = folder.InternalName;
+    EXPECT_EQ(send(one_, kJournalCreate, letter, "first"), "1:2");
+    const auto empty = one_.file("empty", "");
+    EXPECT_EQ(send(one_, kJournalCreate, empty, ""), "1");
+    const auto large = one_.file("large", noise((2 << 20) + 1));
+    EXPECT_EQ(send(one_, kJournalCreate, large, noise((2 << 20) + 1)), "1:2");
+    EXPECT_EQ(tree(), "Letters/\nLetters/caf\xC3\xA9 & +1%20.txt=first\nempty=\nlarge=...");
+
+    // The device edits on without having heard of its own version, and moves at the same time.
+    letter = Device::edited(letter, "second");
+    letter.ParrentId = docs_.id;
+    letter.PublicName = "letter.txt";
+    EXPECT_EQ(send(one_, kJournalUpdate, letter, "second"), "1:2");
+    letter = Device::edited(letter, "third");
+    EXPECT_EQ(send(one_, kJournalUpdate, letter, "third"), "1:2");
+    EXPECT_EQ(send(one_, kJournalUpdate, Device::edited(large, ""), ""), "1");
+    auto moved = folder;
+    moved.PublicName = "LETTERS";
+    EXPECT_EQ(send(one_, kJournalRename, moved, ""), "1");
+    EXPECT_EQ(send(one_, kJournalDelete, empty, ""), "1");
+    EXPECT_EQ(tree(), "LETTERS/\nlarge=\nletter.txt=third");
+    EXPECT_EQ(known(letter.InternalName.view())->User, "anna@alpha.test");
+}
+
+TEST_F(ChangeTest, whatIsRepeatedIsDoneOnce) {
+    auto file = one_.file("a.txt", "bytes");
+    const auto first = event(one_, kJournalCreate, file);
+    EXPECT_EQ(send(one_, kJournalCreate, file, "bytes"), "1:2") << "the first answer was lost";
+    EXPECT_EQ(chunk(*first.TransmitToken, 0, "bytes"), 2) << "and came late after all";
+    EXPECT_EQ(chunk(*first.TransmitToken, 0, "bytes"), 2) << "a last chunk again";
+    file.PublicName = "b.txt";
+    EXPECT_EQ(send(one_, kJournalCreate, file, "bytes"), "1:2") << "renamed before the repetition";
+    file = Device::edited(file, "edited before the repetition");
+    EXPECT_EQ(send(one_, kJournalCreate, file, "edited before the repetition"), "1:2");
+    const auto folder = one_.folder("folder");
+    EXPECT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    EXPECT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    EXPECT_EQ(tree(), "b.txt=edited before the repetition\nfolder/");
+
+    // The same upload name with other bytes: whoever reads the former ones by it must not get a mixture.
+    auto reused = Device::edited(file, "other bytes");
+    const auto former = file.UploadName;
+    reused.UploadName = former;
+    EXPECT_EQ(send(one_, kJournalUpdate, reused, "other bytes"), "1:2");
+    EXPECT_EQ(tree(), "b.txt=other bytes\nfolder/");
+    EXPECT_EQ(readReply("alpha.localhost", one_.token, former.str(), "0", "99").body,
+              "edited before the repetition");
+    EXPECT_EQ(send(one_, kJournalDelete, folder, ""), "1");
+    EXPECT_EQ(send(one_, kJournalDelete, folder, ""), "9");
+}
+
+TEST_F(ChangeTest, namesThatAreTakenBecomeFreeOnes) {
+    ASSERT_EQ(send(one_, kJournalCreate, one_.file("Caf\xC3\xA9.txt", "one"), "one"), "1:2");
+    ASSERT_EQ(send(one_, kJournalCreate, one_.folder("Pictures"), ""), "1");
+    const auto second = two_.file("cafe\xCC\x81.TXT", "two");
+    const auto reply = event(two_, kJournalCreate, second);
+    EXPECT_EQ(reply.ResponseCode, 3);
+    EXPECT_EQ(reply.TwVirtualFile->PublicName, "cafe\xCC\x81 (2).TXT");
+    // Somebody takes the name that was promised while the bytes are on their way.
+    ASSERT_EQ(send(one_, kJournalCreate, one_.file("cafe\xCC\x81 (2).TXT", "x"), "x"), "1:2");
+    EXPECT_EQ(chunk(*reply.TransmitToken, 0, "two"), 2);
+    EXPECT_EQ(send(two_, kJournalCreate, two_.folder("pictures"), ""), "3");
+    EXPECT_EQ(send(two_, kJournalCreate, two_.file("new\nline", ""), ""), "3");
+    auto moved = second;
+    moved.PublicName = "PICTURES";
+    EXPECT_EQ(send(two_, kJournalRename, moved, ""), "3");
+    EXPECT_EQ(tree(),
+              "Caf\xC3\xA9.txt=one\nPICTURES (3)=two\nPictures/\ncafe\xCC\x81 (2).TXT=x\nnew_line=\n"
+              "pictures (2)/");
+}
+
+TEST_F(ChangeTest, bothOfTwoDevicesWhoEditTheSameKeepTheirBytes) {
+    auto file = one_.file("plan.txt", "base");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
+    const auto seen = *known(file.InternalName.view());
+    ASSERT_EQ(send(two_, kJournalUpdate, Device::edited(seen, "two's"), "two's"), "1:2");
+    const auto winner = known(file.InternalName.view())->Tick;
+
+    // `one` knows its own version only, by whatever tick.
+    const auto mine = Device::edited(file, "one's");
+    const auto reply = event(one_, kJournalUpdate, mine);
+    EXPECT_EQ(reply.ResponseCode, 3);
+    const std::string today =
+        JSONObjectFromNSDate(std::chrono::floor<TickDuration>(std::chrono::system_clock::now()))
+            .substr(0, 10);
+    EXPECT_EQ(reply.TwVirtualFile->PublicName, "plan (conflict " + today + ").txt");
+    EXPECT_EQ(chunk(*reply.TransmitToken, 0, "one's"), 2);
+    EXPECT_EQ(send(one_, kJournalUpdate, mine, "one's"), "3:2") << "repeated: no second copy";
+    const std::string both = "plan (conflict " + today + ").txt=one's\nplan.txt=two's";
+    EXPECT_EQ(tree(), both);
+    EXPECT_GT(known(file.InternalName.view())->Tick, winner) << "the loser has to hear of the winner";
+
+    // Overtaken between the announcement and the last chunk.
+    const auto latest = *known(file.InternalName.view());
+    const auto late = event(one_, kJournalUpdate, Device::edited(latest, "late"));
+    EXPECT_EQ(late.ResponseCode, 1);
+    ASSERT_EQ(send(two_, kJournalUpdate, Device::edited(latest, "fast"), "fast"), "1:2");
+    EXPECT_EQ(chunk(*late.TransmitToken, 0, "late"), 2);
+    EXPECT_EQ(tree(), "plan (conflict " + today + ") (2).txt=late\nplan (conflict " + today +
+                          ").txt=one's\nplan.txt=fast");
+
+    // The same bytes on both sides are no conflict, and a deletion does not take what was not seen.
+    EXPECT_EQ(send(one_, kJournalUpdate, Device::edited(latest, "fast"), "fast"), "1:2");
+    EXPECT_EQ(send(two_, kJournalDelete, seen, ""), "9");
+    EXPECT_EQ(send(two_, kJournalDelete, *known(file.InternalName.view()), ""), "1");
+}
+
+TEST_F(ChangeTest, anEditOfABygoneRecordKeepsTheRenameOfAnother) {
+    auto file = one_.file("old name", "base");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
+    const auto folder = two_.folder("folder");
+    ASSERT_EQ(send(two_, kJournalCreate, folder, ""), "1");
+    const auto seen = *known(file.InternalName.view());
+    auto renamed = seen;
+    renamed.PublicName = "new name";
+    renamed.ParrentId = folder.InternalName;
+    ASSERT_EQ(send(two_, kJournalRename, renamed, ""), "1");
+    EXPECT_EQ(send(one_, kJournalUpdate, Device::edited(seen, "edited"), "edited"), "3:2");
+    EXPECT_EQ(tree(), "folder/\nfolder/new name=edited");
+}
+
+TEST_F(ChangeTest, whatIsPutIntoOrWrittenToADeletedItemBringsItBack) {
+    const auto outer = one_.folder("outer");
+    const auto inner = one_.folder("inner", outer.InternalName.str());
+    auto file = one_.file("file", "base");
+    file.ParrentId = inner.InternalName;
+    ASSERT_EQ(send(one_, kJournalCreate, outer, ""), "1");
+    ASSERT_EQ(send(one_, kJournalCreate, inner, ""), "1");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
+    const auto seen = *known(file.InternalName.view());
+    ASSERT_EQ(send(two_, kJournalDelete, outer, ""), "1");
+    ASSERT_EQ(send(two_, kJournalCreate, two_.folder("outer"), ""), "1");
+    EXPECT_EQ(tree(), "outer/");
+
+    EXPECT_EQ(send(one_, kJournalRename, seen, ""), "10");
+    EXPECT_EQ(send(one_, kJournalUpdate, Device::edited(seen, "precious"), "precious"), "1:2");
+    EXPECT_EQ(tree(), "outer (2)/\nouter (2)/inner/\nouter (2)/inner/file=precious\nouter/");
+    auto lost = one_.file("lost", "x");
+    lost.ParrentId = newInternalName();
+    EXPECT_EQ(send(one_, kJournalCreate, lost, "x"), "10");
+    EXPECT_EQ(send(one_, kJournalUpdate, one_.file("unknown", "x"), "x"), "10");
+    EXPECT_EQ(send(one_, kJournalDelete, lost, ""), "10");
+
+    auto looped = *known(outer.InternalName.view());
+    looped.ParrentId = inner.InternalName;
+    EXPECT_EQ(send(one_, kJournalRename, looped, ""), "2");
+    EXPECT_GT(known(outer.InternalName.view())->Tick, looped.Tick);
+}
+
+TEST_F(ChangeTest, chunksAreTakenInOrderAndWhole) {
+    const std::string bytes = noise(3000);
+    const auto part = [&](std::size_t from) { return bytes.substr(from, 1000); };
+    const auto token = *event(one_, kJournalCreate, one_.file("file", bytes)).TransmitToken;
+    const auto code = [&](std::int64_t position, const std::string& data, const std::string& hash = "",
+                          std::int64_t size = -1) {
+        const auto reply = chunkReply(token, position, data, hash, size).body;
+        const std::string_view key = "\"ResponseCode\":";
+        return reply.substr(reply.find(key) + key.size(), 1);
+    };
+    EXPECT_EQ(code(1000, part(1000)), "1") << "a gap";
+    EXPECT_EQ(code(0, part(0)), "0");
+    EXPECT_EQ(code(0, part(0), hashText("x")), "1");
+    EXPECT_EQ(code(1000, part(1000), "", 999), "1");
+    EXPECT_EQ(code(1000, ""), "1");
+    EXPECT_EQ(code(1000, bytes), "1") << "beyond the end";
+    EXPECT_EQ(code(0, part(0)), "0") << "again";
+    EXPECT_EQ(code(1000, part(1000)), "0");
+    EXPECT_EQ(code(500, bytes.substr(500, 1000)), "0") << "from further back";
+    EXPECT_EQ(tree(), "") << "nothing half";
+    EXPECT_EQ(code(1500, bytes.substr(1500)), "2");
+    EXPECT_EQ(code(1500, bytes.substr(1500)), "2");
+    EXPECT_EQ(tree(), "file=...");
+
+    auto damaged = one_.file("damaged", bytes);
+    damaged.FilehHash = hashText("something else");
+    const auto bad = *event(one_, kJournalCreate, damaged).TransmitToken;
+    EXPECT_EQ(chunk(bad, 0, bytes), 3);
+    EXPECT_EQ(chunk(bad, 0, bytes), 1) << "begins again";
+    EXPECT_EQ(chunk("unknown", 0, bytes), 1);
+    EXPECT_EQ(tree(), "file=...");
+}
+
+TEST_F(ChangeTest, onlyTheRightTokenChangesAndOnlyItsShare) {
+    const auto carl = metadata().addUser("carl@alpha.test", alpha_.id, anna_.password);
+    metadata().grant(docs_.id, carl.id, true);
+    const auto reader = device("carl@alpha.test", "anna's");
+    const auto plansFile = addFile(plans_, "plans", "plans");
+    const auto good = one_.file("good", "good");
+    ASSERT_EQ(send(one_, kJournalCreate, good, "good"), "1:2");
+
+    const auto status = [&](Device device, const std::function<void(TWVirtualFile&)>& spoil, int type = 0) {
+        auto record = one_.file("bad", "");
+        spoil(record);
+        return eventReply(device, type, record).status;
+    };
+    const auto nothing = [](TWVirtualFile&) {};
+    Device forged = one_;
+    forged.token.back() = forged.token.back() == '0' ? '1' : '0';
+    EXPECT_EQ(status(reader, nothing), 403);
+    EXPECT_EQ(status(
+                  reader, [&](auto& r) { r = good; }, kJournalDelete),
+              403);
+    EXPECT_EQ(status(forged, nothing), 403);
+    EXPECT_EQ(status(one_, [&](auto& r) { r.ShareId = plans_.id; }), 403);
+    for (const char* id : {"", "F", "../F", "F/../../x", "Uxx", "F\n"})
+        EXPECT_EQ(status(one_, [&](auto& r) { r.InternalName = id; }), 400) << id;
+    EXPECT_EQ(status(one_, [&](auto& r) { r.AllocationSize = -1; }), 400);
+    EXPECT_EQ(status(one_, nothing, 77), 400);
+    EXPECT_EQ(status(one_, [&](auto& r) { r.InternalName = plansFile->InternalName; }), 409);
+    EXPECT_EQ(status(one_, [&](auto& r) { r.ParrentId = plans_.id; }), 200);
+
+    // An upload name of another share, or one that is a path, is not the name that the bytes get.
+    for (const std::string& name : {plansFile->UploadName.str(), std::string("../../service.db")}) {
+        auto record = one_.file(name.substr(0, 2) + "thief", "stolen");
+        record.UploadName = name;
+        EXPECT_EQ(send(one_, kJournalCreate, record, "stolen"), "1:2");
+    }
+    EXPECT_EQ(tree(),
+              "..thief=stolen\nU" + plansFile->UploadName.str().substr(1, 1) + "thief=stolen\ngood=good");
+    // A right that ends ends the uploads under way.
+    const auto token = *event(one_, kJournalCreate, one_.file("late", "late")).TransmitToken;
+    metadata().grant(docs_.id, anna_.id, true);
+    EXPECT_EQ(chunk(token, 0, "late"), -403);
+    metadata().grant(docs_.id, anna_.id, false);
+    EXPECT_EQ(chunk(token, 0, "late"), 2);
+}
+
+TEST_F(ChangeTest, theClientApiKeepsTheSameRules) {
+    const auto file = one_.file("file", "x");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "x"), "1:2");
+    const auto folder = one_.folder("folder");
+    ASSERT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    const std::string id = file.InternalName.str();
+    const std::string item =
+        "\"TwVirtualFileId\":\"" + id + "\",\"ShareId\":\"" + docs_.id + "\",\"Vshare\":\"\"";
+    const std::string parent = "\"ShareId\":\"" + docs_.id + "\",\"Parent\":\"" + docs_.id + "\"";
+    struct {
+        const char* path;
+        const char* method;
+        std::string request;
+        const char* answer;
+        const char* tree;
+    } const cases[] = {
+        {"/clientapi.aspx", "CreateFolder", "{" + parent + ",\"FolderName\":\"Folder\"}",
+         "\"PublicName\":\"Folder (2)\"", "Folder (2)/\nfile=x\nfolder/"},
+        {"/clientapi.aspx", "Rename", "{" + item + ",\"Rename\":\"100 %\"}", "\"101:Ok",
+         "100 %=x\nFolder (2)/\nfolder/"},
+        {"/ClientApi.aspx", "Move", "{" + item + ",\"NewParentId\":\"" + folder.InternalName.str() + "\"}",
+         "\"response\":", "Folder (2)/\nfolder/\nfolder/100 %=x"},
+        {"/clientapi.aspx", "Move", "{" + item + ",\"NewParentId\":\"Fnone\"}",
+         "\"110:", "Folder (2)/\nfolder/\nfolder/100 %=x"},
+        {"/clientapi.aspx", "Delete", "{" + item + ",\"Tick\":99}", "\"101:Ok", "Folder (2)/\nfolder/"},
+        {"/clientapi.aspx", "Delete", "{" + item + ",\"Tick\":99}", "\"109:", "Folder (2)/\nfolder/"},
+    };
+    for (const auto& one : cases) {
+        const auto reply = clientApi(one_.token, one.method, escaped(one.request), one.path);
+        EXPECT_NE(reply.body.find(one.answer), std::string::npos) << one.request << reply.body;
+        EXPECT_EQ(tree(), one.tree) << one.request;
+    }
+    EXPECT_EQ(clientApi("false", "Delete", escaped(cases[4].request)).status, 403);
+    EXPECT_EQ(clientApi(one_.token, "Delete", "nonsense").status, 400);
+    EXPECT_EQ(clientApi(one_.token, "Burn", escaped(cases[4].request)).status, 400);
+    metadata().grant(docs_.id, anna_.id, true);
+    EXPECT_EQ(clientApi(one_.token, "CreateFolder", escaped(cases[0].request)).status, 403);
+}
+
+}  // namespace
+}  // namespace tarnwell::service::testing
