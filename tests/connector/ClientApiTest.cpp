@@ -59,7 +59,7 @@ TEST_F(ClientApiTest, aNewFolderTakesTheIdOfTheService) {
     world.settle();
     EXPECT_EQ(inside->ParrentId, "Ftheirs");
     EXPECT_EQ(world.store.fileWithPath("/Share s1/d/f"), inside);
-    EXPECT_THAT(journal(), ElementsAre("create f+5"));
+    EXPECT_THAT(journal(), ElementsAre("create f+5", "catchup d"));
 }
 
 class LinksTest : public JournalFixture, public UrlOpener {
