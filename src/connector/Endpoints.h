@@ -86,8 +86,7 @@ inline constexpr std::chrono::seconds kRangeReadLimit{60};
 /// What a browser opens: the web client with an encrypted direct link, already value-encoded, and a public
 /// link.
 [[nodiscard]] std::string webClientAddress(std::string_view domainUrl, std::string_view encodedLink);
-[[nodiscard]] std::string publicLinkAddress(std::string_view domainUrl, bool isFile,
-                                            std::string_view linkId);
+[[nodiscard]] std::string publicLinkAddress(std::string_view domainUrl, bool isFile, std::string_view linkId);
 
 }  // namespace endpoints
 

@@ -119,10 +119,10 @@ void Links::openWebClientFor(int function, const std::string& withParam) {
 void Links::openDirectLink(const std::string& linkId) {
     const auto domain = primaryDomain(session_);
     if (!domain) return;
-    const auto encrypted = encryptDirectLink(toJsonText(DirectLinkUrl{.DomainToken = domain->token,
-                                                                      .DirectLinkId = linkId,
-                                                                      .UserId = session_.username()}),
-                                             kDirectLinkKey);
+    const auto encrypted = encryptDirectLink(
+        toJsonText(DirectLinkUrl{
+            .DomainToken = domain->token, .DirectLinkId = linkId, .UserId = session_.username()}),
+        kDirectLinkKey);
     if (!encrypted) return;
     const auto address = endpoints::webClientAddress(domain->url, UrlUtil::encodeValue(*encrypted));
     environment_.mainLoop.async(gate_.guard([this, address] {

@@ -45,8 +45,8 @@ class Links {
                               std::function<void(const std::string&)> creationHandler);
 
     /// The text, filled up with zero bytes to whole blocks, encrypted and in base64; none when that failed.
-    [[nodiscard]] static std::optional<std::string> encryptDirectLink(
-        std::string_view text, std::span<const unsigned char> withKey);
+    [[nodiscard]] static std::optional<std::string> encryptDirectLink(std::string_view text,
+                                                                      std::span<const unsigned char> withKey);
 
   private:
     void openDirectLink(const std::string& linkId);

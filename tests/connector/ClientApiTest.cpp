@@ -24,16 +24,20 @@ TEST_F(ClientApiTest, operationsEndAsTheirAnswersSay) {
         bool succeeds;
         std::string line;
     } cases[] = {
-        {{200, {}, R"({"ResponceMessage":"101:Ok, done","responce":null})"}, true,
+        {{200, {}, R"({"ResponceMessage":"101:Ok, done","responce":null})"},
+         true,
          "CreateFolder request: Warning! Empty InternalName in responce."},
         {{200, {}, R"({"ResponceMessage":"202:No"})"}, false, "Error in CreateFolder request: 202:No"},
         {{200, {}, "[]"}, false, "Warning! Failed to parse CreateFolder responce: "},
-        {{500, {}, "x"}, false,
+        {{500, {}, "x"},
+         false,
          "Warning! Error during CreateFolder API request. HTTP status code: 500. Will try later."},
     };
     auto& api = world.connector.clientApi();
     for (const auto& [reply, succeeds, line] : cases) {
-        world.loader.when(urlContains("clientapi.aspx")).answer([reply = reply](const auto&) { return reply; });
+        world.loader.when(urlContains("clientapi.aspx")).answer([reply = reply](const auto&) {
+            return reply;
+        });
         createFolder("d");
         api.createFolder(firstEntry());
         world.settle();
@@ -78,8 +82,9 @@ class LinksTest : public JournalFixture, public UrlOpener {
                 out += format("%02x", c);
             return out;
         };
-        const std::string command = "printf %s '" + base64 + "' | openssl enc -d -a -A -aes-256-cbc -nopad -K " +
-                                    hex(kDirectLinkKey) + " -iv " + hex(kDirectLinkVector) + " 2>/dev/null";
+        const std::string command = "printf %s '" + base64 +
+                                    "' | openssl enc -d -a -A -aes-256-cbc -nopad -K " + hex(kDirectLinkKey) +
+                                    " -iv " + hex(kDirectLinkVector) + " 2>/dev/null";
         auto* pipe = ::popen(command.c_str(), "r");
         char block[256];
         while (const auto count = ::fread(block, 1, sizeof block, pipe))
