@@ -311,7 +311,7 @@ void StoreLoader::loadJournal() {
 
 std::vector<TWVirtualFilePtr> StoreLoader::changedFiles() const {
     std::vector<TWVirtualFilePtr> files;
-    for (const auto& file : index_.files()) {
+    for (const auto& [hash, file] : index_.files()) {
         if (file->IsFile && file->LocallyUpdated.value_or(false)) files.push_back(file);
     }
     return files;

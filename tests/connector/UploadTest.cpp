@@ -166,10 +166,10 @@ TEST_F(UploadTest, goesOnAfterTheRestartWhereItWas) {
     EXPECT_THAT(journal(), ElementsAre("create f*"));
     EXPECT_EQ(uploadCopies().size(), 1u);
 
-    std::vector<std::string> texts;
+    std::vector<JournalText> texts;
     {
         const auto lock = world.store.beginReadJournal();
-        texts = world.store.journal().journalTexts();
+        texts = world.store.journal().journalSnapshot()();
     }
     ConnectorWorld next;
     next.pretendLoggedIn();
