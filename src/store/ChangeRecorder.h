@@ -46,9 +46,11 @@ class ChangeRecorder {
     /// Null: the store has no journal.
     void setJournal(const JournalTexts* journal) { journal_ = journal; }
 
-    /// LocalChange: what is noted meanwhile is logged.
+    /// LocalChange: what is noted meanwhile is logged, at the latest when the outermost one ends.
     void beginChange() { ++changes_; }
-    void endChange() { --changes_; }
+    void endChange() noexcept {
+        if (--changes_ == 0) endOfHold();
+    }
 
     void noteFile(const SharedString& id) {
         if (wants(files_, id.view())) pend(pending_.files, id);
