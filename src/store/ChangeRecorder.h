@@ -22,7 +22,7 @@ class JournalTexts;
 
 /// Keeps what the user changes between two saves: notes which records, shares and journal entries changed
 /// while the store's lock is held, and appends them to the change log, in their newest form and in one piece,
-/// before the lock goes.
+/// when a LocalChange ends, and before the lock goes.
 ///
 /// What is logged:
 /// - every change of the journal;
