@@ -74,13 +74,9 @@ void run() {
     auto& store = world.store();
     std::string id;
     for (std::size_t i = 0; i < kShares; ++i) {
-        auto tree = makeTree(kRecordsPerShare, kFoldersPerShare, std::string(1, static_cast<char>('a' + i)));
-        const auto lock = store.beginWriteStorage();
-        store.insertShare(tree.share);
-        for (const auto& folder : tree.folders)
-            store.addFileMetadata(folder);
-        for (const auto& file : tree.files)
-            store.addFileMetadata(file);
+        const auto tree =
+            makeTree(kRecordsPerShare, kFoldersPerShare, std::string(1, static_cast<char>('a' + i)));
+        insert(store, tree);
         id = tree.files.back()->InternalName.str();
     }
     measure("save, everything", store, id, [&] { store.persistence().save(); });

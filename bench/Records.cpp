@@ -82,6 +82,15 @@ Tree makeTree(std::size_t records, std::size_t folders, const std::string& prefi
     return tree;
 }
 
+void insert(TWMetadataStorage& store, const Tree& tree) {
+    const auto lock = store.beginWriteStorage();
+    store.insertShare(tree.share);
+    for (const auto& folder : tree.folders)
+        store.addFileMetadata(folder);
+    for (const auto& file : tree.files)
+        store.addFileMetadata(file);
+}
+
 World::World() {
     auto pattern = (std::filesystem::temp_directory_path() / "tarnwell-bench-XXXXXX").string();
     if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary folder");

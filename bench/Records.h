@@ -25,6 +25,9 @@ TWVirtualFilePtr makeRecord(const std::string& id, const std::string& parentId, 
                             const std::string& shareId, bool isFile, int tick);
 ManagedSharePtr makeShare(const std::string& id, const std::string& name);
 
+/// Enters share, folders and files, under one hold of the store's lock.
+void insert(TWMetadataStorage& store, const Tree& tree);
+
 /// A store on a temporary cache root, with nobody above it.
 class World {
   public:

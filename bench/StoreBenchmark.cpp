@@ -4,6 +4,7 @@
 #include <random>
 
 #include "bench/Records.h"
+#include "store/LocalChangeJournal.h"
 #include "util/Format.h"
 
 namespace tarnwell::bench {
@@ -11,15 +12,6 @@ namespace {
 
 constexpr std::size_t kRecords = 1'000'000;
 constexpr std::size_t kFolders = 20'000;
-
-void insert(TWMetadataStorage& store, const Tree& tree) {
-    const auto lock = store.beginWriteStorage();
-    store.insertShare(tree.share);
-    for (const auto& folder : tree.folders)
-        store.addFileMetadata(folder);
-    for (const auto& file : tree.files)
-        store.addFileMetadata(file);
-}
 
 /// Items: records inserted. Counter bytesPerRecord: heap of records and indexes together.
 void insertion(benchmark::State& state) {
@@ -89,6 +81,28 @@ void removeAndReinsertChildren(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(removeAndReinsertChildren)->Arg(12'500)->Arg(25'000)->Arg(50'000)->Arg(100'000)->Complexity();
+
+/// A folder is created on the drive: record, journal entry and the piece of the change log that keeps both,
+/// with so many changes waiting already.
+void localChange(benchmark::State& state) {
+    World world;
+    auto& store = world.store();
+    const auto share = makeShare("S1", "Share");
+    store.insertShare(share);
+    std::size_t made = 0;
+    const auto change = [&] {
+        const auto scope = store.beginLocalChange();
+        const auto folder = store.createFile(format("folder-%d", made++), share, nullptr, true);
+        auto& journal = store.journal();
+        journal.addChangeToJournal(journal.createJournalForFile(folder, kJournalCreate));
+    };
+    while (made < static_cast<std::size_t>(state.range(0)))
+        change();
+    for (auto _ : state)
+        change();
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(localChange)->Arg(0)->Arg(20'000)->Iterations(5'000)->UseRealTime();
 
 }  // namespace
 }  // namespace tarnwell::bench

@@ -28,9 +28,9 @@ void PersistentStoreKeeper::checkForFileModifications() {
     store_.journal().checkForFileModifications();
 }
 
-void PersistentStoreKeeper::save() {
+bool PersistentStoreKeeper::save() {
     delayedSave_.cancel();
-    store_.persistence().save();
+    return store_.persistence().save();
 }
 
 void PersistentStoreKeeper::saveDelayed() {

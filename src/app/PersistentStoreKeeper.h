@@ -18,7 +18,7 @@ class PersistentStoreKeeper final : public StoreKeeper {
 
     void load() override;
     void checkForFileModifications() override;
-    void save() override;
+    bool save() override;
     void saveDelayed() override;
 
   private:

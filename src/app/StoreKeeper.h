@@ -10,8 +10,8 @@ class StoreKeeper {
     virtual void load() = 0;
     /// Enters what changed on disk while nobody looked into the journal.
     virtual void checkForFileModifications() = 0;
-    /// Durable on return.
-    virtual void save() = 0;
+    /// Durable on return; false when something could not be saved.
+    virtual bool save() = 0;
     /// Asks for a save once things have been quiet for a while. Any thread.
     virtual void saveDelayed() = 0;
 };

@@ -244,9 +244,9 @@ bool TWApplicationDelegate::storageEmpty() {
     return !environment_.storeKeeper || environment_.store.storageEmpty();
 }
 
-void TWApplicationDelegate::saveStore() {
+bool TWApplicationDelegate::saveStore() {
     environment_.storeKeeper->checkForFileModifications();
-    environment_.storeKeeper->save();
+    return environment_.storeKeeper->save();
 }
 
 bool TWApplicationDelegate::shutdownBlocked() {

@@ -138,7 +138,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void beginTermination() override;
     void stopObserving() override;
     bool storageEmpty() override;
-    void saveStore() override;
+    bool saveStore() override;
     bool shutdownBlocked() override;
     void setCleanShutdown() override;
     void terminateNow() override { environment_.machine.quit(exitStatus_); }

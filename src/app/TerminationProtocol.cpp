@@ -49,9 +49,10 @@ void TerminationProtocol::takeDown() {
 void TerminationProtocol::saveAndLeave() {
     if (mediator_.storageEmpty()) {
         TWLog(kLogMain, "Terminating application : do not save database.");
-    } else {
-        mediator_.saveStore();
+    } else if (mediator_.saveStore()) {
         TWLog(kLogMain, "Terminating application : saved database.");
+    } else {
+        TWLog(kLogMain, "Terminating application : the database could not be saved.");
     }
     if (mediator_.shutdownBlocked()) {
         TWLog(kLogMain, "Terminating application : shutdown is blocked, waiting.");

@@ -23,7 +23,8 @@ class TerminationProtocol {
         virtual void stopFuse() = 0;
         virtual void stopObserving() = 0;
         [[nodiscard]] virtual bool storageEmpty() = 0;
-        virtual void saveStore() = 0;
+        /// False when something could not be saved.
+        virtual bool saveStore() = 0;
         [[nodiscard]] virtual bool shutdownBlocked() = 0;
         virtual void setCleanShutdown() = 0;
         /// Ends the main loop; the last call.

@@ -149,7 +149,8 @@ void ChangeRecorder::deleteFiles() {
 }
 
 std::uint64_t ChangeRecorder::beginSave() {
-    failed_.reset();
+    // Tried once more, but a failure that is known asks for no other save: it would come for ever.
+    if (failed_) failed_ = std::chrono::steady_clock::time_point();
     append({});
     underSave_ = std::exchange(pending_, {});
     for (auto* logged : {&files_, &shares_}) {

@@ -22,7 +22,7 @@ class JournalTexts;
 
 /// Keeps what the user changes between two saves: notes which records, shares and journal entries changed
 /// while the store's lock is held, and appends them to the change log, in their newest form and in one piece,
-/// before the lock goes.
+/// when a LocalChange ends, and before the lock goes.
 ///
 /// What is logged:
 /// - every change of the journal;
@@ -46,9 +46,11 @@ class ChangeRecorder {
     /// Null: the store has no journal.
     void setJournal(const JournalTexts* journal) { journal_ = journal; }
 
-    /// LocalChange: what is noted meanwhile is logged.
+    /// LocalChange: what is noted meanwhile is logged, at the latest when the outermost one ends.
     void beginChange() { ++changes_; }
-    void endChange() { --changes_; }
+    void endChange() noexcept {
+        if (--changes_ == 0) endOfHold();
+    }
 
     void noteFile(const SharedString& id) {
         if (wants(files_, id.view())) pend(pending_.files, id);

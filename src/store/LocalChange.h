@@ -7,9 +7,10 @@ namespace tarnwell {
 class TWMetadataStorage;
 
 /// One change that the user makes through the drive: holds the store's lock while it lives. What is noted of
-/// records and shares under it goes to the change log with the journal entries, in one piece, before the
-/// thread's outermost hold of the lock ends: it survives the end of the process wholly or not at all. (The
-/// system's buffers hold it then; StorePersistence::syncChanges() makes it durable.)
+/// records and shares under it goes to the change log with the journal entries, in one piece, when the
+/// outermost one ends, also where the lock is held on: it survives the end of the process wholly or not at
+/// all, and what is done next comes after it. (The system's buffers hold it then;
+/// StorePersistence::syncChanges() makes it durable.)
 ///
 /// Nothing slow is done under it: bytes are written, fetched and synced outside.
 class LocalChange {

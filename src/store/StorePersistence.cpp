@@ -96,7 +96,9 @@ void StorePersistence::saveOrJoin() {
 }
 
 bool StorePersistence::syncChanges() {
-    return store_.changes_.sync();
+    if (store_.changes_.sync()) return true;
+    saveAtOnce();
+    return false;
 }
 
 void StorePersistence::clear() {

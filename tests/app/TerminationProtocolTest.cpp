@@ -27,14 +27,17 @@ struct FakeMediator : TerminationProtocol::Mediator {
     void stopFuse() override { calls.emplace_back("unmount"); }
     void stopObserving() override { calls.emplace_back("stopObserving"); }
     bool storageEmpty() override { return empty; }
-    void saveStore() override { calls.emplace_back("save"); }
+    bool saveStore() override {
+        calls.emplace_back("save");
+        return saved;
+    }
     bool shutdownBlocked() override { return blocked; }
     void setCleanShutdown() override { calls.emplace_back("clean"); }
     void terminateNow() override { calls.emplace_back("end"); }
 
     Calls take() { return std::exchange(calls, {}); }
 
-    bool finished = true, empty = false, blocked = false;
+    bool finished = true, empty = false, blocked = false, saved = true;
     std::optional<bool> allowed = true;  ///< none: the question stays open
     std::function<void(bool)> pendingAnswer;
     Calls calls;
@@ -65,6 +68,13 @@ TEST_F(TerminationProtocolTest, anEmptyStoreNeverOverwritesASavedOne) {
     request();
     EXPECT_EQ(mediator.calls, (Calls{"ask", "begin", "unmount", "stopObserving", "clean", "end"}));
     EXPECT_TRUE(log.contains("Terminating application : do not save database."));
+}
+
+TEST_F(TerminationProtocolTest, aSaveThatFailedIsNotCalledOne) {
+    mediator.saved = false;
+    request();
+    EXPECT_FALSE(log.contains("saved database"));
+    EXPECT_EQ(mediator.calls.back(), "end");
 }
 
 TEST_F(TerminationProtocolTest, beforeTheStartIsOverThereIsNothingToTakeDown) {

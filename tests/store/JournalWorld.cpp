@@ -1,5 +1,8 @@
 #include "store/JournalWorld.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -8,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/StorePersistence.h"
 #include "util/TWUtils.h"
 
 namespace tarnwell::testing {
@@ -22,8 +26,15 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+/// In two parts, as a program might.
 void writeFile(const std::string& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const std::size_t half = contents.size() / 2;
+    if (::write(file, contents.data(), half) < 0 ||
+        ::write(file, contents.data() + half, contents.size() - half) < 0) {
+        throw std::runtime_error("cannot write " + path);
+    }
+    ::close(file);
 }
 
 std::string withoutRoot(std::string_view path) {
@@ -51,7 +62,8 @@ void JournalWorld::known(const std::string& id, const std::string& path, const c
     setSize(*added, contents ? std::string(contents).size() : 0);
     store.addFileMetadata(added);
     names_[id] = id;
-    remote_[id] = {added->ParrentId.str(), added->PublicName.str(), contents ? contents : "", added->IsFile};
+    remote_.items[id] = {added->ParrentId.str(), added->PublicName.str(), contents ? contents : "",
+                         added->IsFile};
     if (!contents) return;
     added->UploadName = "U" + id;
     added->DownloadDate = clock.now();
@@ -59,7 +71,7 @@ void JournalWorld::known(const std::string& id, const std::string& path, const c
 }
 
 void JournalWorld::create(const std::string& path) {
-    const auto lock = store.beginWriteStorage();
+    const auto change = store.beginLocalChange();
     const auto folder = store.fileWithPath(deletingLastPathComponent(kRoot + path));
     const auto made = store.createFile(lastPathComponent(path), share, folder, false);
     (void)nameOf(made->InternalName);
@@ -68,7 +80,7 @@ void JournalWorld::create(const std::string& path) {
 }
 
 void JournalWorld::mkdir(const std::string& path) {
-    const auto lock = store.beginWriteStorage();
+    const auto change = store.beginLocalChange();
     const auto folder = store.fileWithPath(deletingLastPathComponent(kRoot + path));
     const auto made = store.createFile(lastPathComponent(path), share, folder, true);
     (void)nameOf(made->InternalName);
@@ -76,13 +88,17 @@ void JournalWorld::mkdir(const std::string& path) {
 }
 
 void JournalWorld::write(const std::string& path, const std::string& contents) {
-    const auto lock = store.beginWriteStorage();
     const auto file = item(path);
+    {
+        const auto change = store.beginLocalChange();
+        file->LocallyUpdated = true;
+        store.markChanged(*file);
+    }
     writeFile(layout.cachePathForFile(*file), contents);
+    const auto change = store.beginLocalChange();
     setSize(*file, contents.size());
-    file->LocallyUpdated = true;
+    file->LocallyUpdated = false;
     journal().addChangeToJournal(journal().createJournalForFile(file, kJournalUpdate));
-    file->LocallyUpdated.reset();
 }
 
 void JournalWorld::save(const std::string& path, const std::string& contents) {
@@ -113,6 +129,7 @@ void JournalWorld::run(const std::string& steps) {
         if (what == "write") write(first, second);
         if (what == "mkdir") mkdir(first);
         if (what == "rm") remove(first);
+        if (what == "sync" && !store.persistence().save()) throw std::runtime_error("cannot save");
         if (what == "mv" && !rename(first, second)) throw std::runtime_error("cannot " + step);
         background.runAll();
     }
@@ -163,17 +180,17 @@ std::string JournalWorld::tree() {
     return text;
 }
 
-std::string JournalWorld::remotePath(const std::string& id) const {
-    const auto& at = remote_.at(id);
-    return at.parent == "s" ? at.name : remotePath(at.parent) + "/" + at.name;
+std::string RemoteTree::path(const std::string& id) const {
+    const auto& at = items.at(id);
+    return at.parent == "s" ? at.name : path(at.parent) + "/" + at.name;
 }
 
 std::string JournalWorld::remoteTree() const {
     std::set<std::string> lines;
-    for (const auto& [id, at] : remote_) {
+    for (const auto& [id, at] : remote_.items) {
         const auto name = names_.find(id);
-        lines.insert(remotePath(id) + (at.isFile ? " " : "/ ") + (name == names_.end() ? id : name->second) +
-                     (at.isFile ? "=" + at.contents : ""));
+        lines.insert(remote_.path(id) + (at.isFile ? " " : "/ ") +
+                     (name == names_.end() ? id : name->second) + (at.isFile ? "=" + at.contents : ""));
     }
     std::string text;
     for (const auto& line : lines)
@@ -182,13 +199,13 @@ std::string JournalWorld::remoteTree() const {
 }
 
 /// Why an item cannot be where a record says.
-std::string JournalWorld::whyNotAt(const std::string& id, const TWVirtualFile& file) const {
+std::string RemoteTree::whyNotAt(const std::string& id, const TWVirtualFile& file) const {
     const std::string parent = file.ParrentId.str();
-    for (std::string at = parent; at != "s"; at = remote_.at(at).parent) {
+    for (std::string at = parent; at != "s"; at = items.at(at).parent) {
         if (at == id) return "below itself";
-        if (!remote_.contains(at)) return "no parent";
+        if (!items.contains(at)) return "no parent";
     }
-    for (const auto& [other, placed] : remote_) {
+    for (const auto& [other, placed] : items) {
         if (other != id && placed.parent == parent &&
             keyFromPath(placed.name) == keyFromPath(file.PublicName.view())) {
             return "taken by " + other;
@@ -197,41 +214,48 @@ std::string JournalWorld::whyNotAt(const std::string& id, const TWVirtualFile& f
     return "";
 }
 
-std::string JournalWorld::perform(const LocalJournal& entry) {
+std::string RemoteTree::perform(const LocalJournal& entry, const std::string& contents,
+                                const std::function<bool(const std::string&)>& isHere) {
     const auto& file = *entry.File;
     const std::string id = file.InternalName.str();
-    const bool exists = remote_.contains(id);
-    const bool doubtful = doubtful_.contains(id);
-    const std::string what = std::string(journalEventName(entry.LocalJournalType)) + " " + nameOf(id) + " " +
+    const bool exists = items.contains(id);
+    const bool isDoubtful = doubtful.contains(id);
+    const std::string what = std::string(journalEventName(entry.LocalJournalType)) + " " + id + " " +
                              entry.CurrentPath.str() + ": ";
     if (entry.LocalJournalType == kJournalDelete) {
-        if (!exists && !doubtful) return what + "unknown";
+        if (!exists && !isDoubtful) return what + "unknown";
         std::vector<std::string> below;
-        for (const auto& [other, at] : remote_) {
-            for (std::string up = at.parent; up != "s"; up = remote_.at(up).parent) {
+        for (const auto& [other, at] : items) {
+            for (std::string up = at.parent; up != "s"; up = items.at(up).parent) {
                 if (up == id) below.push_back(other);
             }
         }
         for (const auto& other : below) {
-            if (store.fileWithId(other)) return what + "takes " + nameOf(other) + " along";
-            remote_.erase(other);
+            if (isHere(other)) return what + "takes " + other + " along";
+            items.erase(other);
             // It may be deleted once more.
-            doubtful_.insert(other);
+            doubtful.insert(other);
         }
-        remote_.erase(id);
+        items.erase(id);
         return "";
     }
-    if (exists == (entry.LocalJournalType == kJournalCreate) && !doubtful) {
+    if (exists == (entry.LocalJournalType == kJournalCreate) && !isDoubtful) {
         return what + (exists ? "exists" : "unknown");
     }
     if (!exists && entry.LocalJournalType != kJournalCreate) return "";
     if (const auto why = whyNotAt(id, file); !why.empty()) return what + why;
-    auto& at = remote_[id];
+    auto& at = items[id];
     at.parent = file.ParrentId.str();
     at.name = file.PublicName.str();
     at.isFile = file.IsFile;
-    if (file.IsFile && bringsContents(entry)) at.contents = contentsOf(entry);
+    if (file.IsFile && bringsContents(entry)) at.contents = contents;
     return "";
+}
+
+std::string JournalWorld::perform(const LocalJournal& entry) {
+    (void)nameOf(entry.File->InternalName);
+    return remote_.perform(entry, contentsOf(entry),
+                           [this](const std::string& id) { return store.fileWithId(id) != nullptr; });
 }
 
 void JournalWorld::beginSending() {
@@ -254,7 +278,7 @@ std::string JournalWorld::endSending(Outcome outcome) {
         journal().deleteJournalEntry(entry);
         return problem;
     }
-    doubtful_.insert(entry->File->InternalName.str());
+    remote_.doubtful.insert(entry->File->InternalName.str());
     journal().setTransmitting(entry, false);
     if (bringsContents(*entry)) {
         journal().deleteJournalEntry(entry);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -9,6 +10,27 @@
 #include "store/StoreWorld.h"
 
 namespace tarnwell::testing {
+
+/// The tree of the service, which performs journal entries and refuses what it could not do.
+class RemoteTree {
+  public:
+    struct Item {
+        std::string parent, name, contents;
+        bool isFile = false;
+    };
+    /// Why the entry cannot be performed; empty when it was. `isHere`: whether the client still shows an
+    /// item.
+    std::string perform(const LocalJournal& entry, const std::string& contents,
+                        const std::function<bool(const std::string& id)>& isHere);
+    [[nodiscard]] std::string path(const std::string& id) const;
+
+    std::map<std::string, Item> items;
+    /// Ids of items whose change was sent in vain: the client cannot know whether the service has them.
+    std::set<std::string> doubtful;
+
+  private:
+    [[nodiscard]] std::string whyNotAt(const std::string& id, const TWVirtualFile& file) const;
+};
 
 /// A store that is changed as the drive changes it, and the service that performs its journal.
 ///
@@ -50,21 +72,13 @@ class JournalWorld : public StoreWorld {
     std::string performAll();
 
   private:
-    struct RemoteItem {
-        std::string parent, name, contents;
-        bool isFile = false;
-    };
     [[nodiscard]] std::string nameOf(const SharedString& id);
-    [[nodiscard]] std::string remotePath(const std::string& id) const;
     [[nodiscard]] std::string contentsOf(const LocalJournal& entry) const;
     std::string perform(const LocalJournal& entry);
-    std::string whyNotAt(const std::string& id, const TWVirtualFile& file) const;
 
-    std::map<std::string, RemoteItem> remote_;
+    RemoteTree remote_;
     std::map<std::string, std::string> names_;
     LocalJournalPtr sent_;
-    /// Ids of items whose change was sent in vain: the client cannot know whether the service has them.
-    std::set<std::string> doubtful_;
 };
 
 }  // namespace tarnwell::testing

@@ -1,6 +1,5 @@
 // Saves that meet a full disk, a crash, or a store that goes on changing.
 
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,34 +9,16 @@
 #include <random>
 #include <thread>
 
+#include "store/FileSizeLimit.h"
 #include "store/SavedWorld.h"
 #include "support/LogCapture.h"
 
 namespace tarnwell {
 namespace {
 
+using testing::FileSizeLimit;
 using testing::LogCapture;
 using testing::SavedWorld;
-
-/// While it lives no file grows longer: writes fail as on a full disk.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) : oldHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &old_);
-        const rlimit limit{bytes, old_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &old_);
-        std::signal(SIGXFSZ, oldHandler_);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-  private:
-    rlimit old_{};
-    void (*oldHandler_)(int);
-};
 
 TEST(PersistenceFaultTest, aFullDiskLeavesTheFormerFilesWhole) {
     SavedWorld world;

@@ -1,0 +1,452 @@
+// What the user changed is there after the process ended, whenever that was.
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <set>
+#include <sstream>
+
+#include "store/FileSizeLimit.h"
+#include "store/JournalWorld.h"
+#include "store/StorePersistence.h"
+#include "support/LogCapture.h"
+
+namespace {
+/// Calls that reach the disk until the process ends; 0: it goes on.
+int callsLeft = 0;
+bool ended() {
+    if (callsLeft > 0 && --callsLeft == 0) _exit(77);
+    return false;
+}
+}  // namespace
+
+// The linker leads the calls of the program under test here. A process that ends loses nothing that is not on
+// the disk, so nothing waits for the disk.
+extern "C" {
+int __wrap_fsync(int) {
+    return 0;
+}
+int __wrap_fdatasync(int) {
+    return 0;
+}
+ssize_t __real_write(int, const void*, size_t);
+ssize_t __wrap_write(int file, const void* bytes, size_t size) {
+    if (file > 2) ended();
+    return __real_write(file, bytes, size);
+}
+ssize_t __real_pwrite64(int, const void*, size_t, off64_t);
+ssize_t __wrap_pwrite64(int file, const void* bytes, size_t size, off64_t at) {
+    ended();
+    return __real_pwrite64(file, bytes, size, at);
+}
+int __real_rename(const char*, const char*);
+int __wrap_rename(const char* from, const char* to) {
+    ended();
+    return __real_rename(from, to);
+}
+int __real_renameat2(int, const char*, int, const char*, unsigned);
+int __wrap_renameat2(int a, const char* from, int b, const char* to, unsigned flags) {
+    ended();
+    return __real_renameat2(a, from, b, to, flags);
+}
+int __real_unlink(const char*);
+int __wrap_unlink(const char* path) {
+    ended();
+    return __real_unlink(path);
+}
+}
+
+namespace tarnwell {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::JournalWorld;
+using testing::LogCapture;
+using testing::ManualExecutor;
+using testing::RemoteTree;
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return "(none)";
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// Drive path to contents; folders have "/" for contents.
+using Tree = std::map<std::string, std::string>;
+
+Tree treeOf(const TWMetadataStorage& store) {
+    Tree tree;
+    for (const auto& file : store.allFiles()) {
+        tree[file->FullPath.str().substr(7)] =
+            file->IsFile ? bytesOf(store.layout().cachePathForFile(*file)) : "/";
+    }
+    return tree;
+}
+
+/// A world that is saved, and what its folders hold then.
+class KilledWorld : public JournalWorld {
+  public:
+    KilledWorld() {
+        store.persistence().load();
+        store.insertShare(share);
+        known("fa", "a", "AAAA");
+        known("fb", "b", "BB");
+        known("d", "d", nullptr);
+        known("fc", "d/c", "CCC");
+        for (const auto& file : store.allFiles())
+            remote.items[file->InternalName.str()] = {
+                file->ParrentId.str(), file->PublicName.str(),
+                file->IsFile ? bytesOf(layout.cachePathForFile(*file)) : "", file->IsFile};
+        background.runAll();
+        EXPECT_TRUE(store.persistence().save());
+        fs::copy(data(), pristine(), fs::copy_options::recursive);
+    }
+    [[nodiscard]] std::string data() const { return temporary.path("data"); }
+    [[nodiscard]] std::string pristine() const { return temporary.path("pristine"); }
+    void restore() const {
+        fs::remove_all(data());
+        fs::copy(pristine(), data(), fs::copy_options::recursive);
+    }
+    RemoteTree remote;
+};
+
+/// The next run of the program.
+struct NextRun {
+    explicit NextRun(KilledWorld& world)
+        : store({world.layout, world.clock, background, [] { return std::string("someone"); }, [] {}}) {
+        store.persistence().load();
+        background.runAll();
+    }
+    /// Empty when every change can be sent and the service has the same tree then.
+    std::string send(RemoteTree remote) {
+        const auto lock = store.beginWriteJournal();
+        for (const auto& entry : store.journal().journalItems()) {
+            const auto& file = *entry->File;
+            const std::string contents =
+                file.UploadName.empty() ? "" : bytesOf(store.layout().cachePathForUpload(file));
+            const auto problem = remote.perform(
+                *entry, contents, [&](const std::string& id) { return store.fileWithId(id) != nullptr; });
+            if (!problem.empty()) return problem;
+        }
+        Tree tree;
+        for (const auto& [id, item] : remote.items)
+            tree[remote.path(id)] = item.isFile ? item.contents : "/";
+        Tree here = treeOf(store);
+        std::erase_if(here, [](const auto& item) { return CacheLayout::isPathIgnored(item.first, false); });
+        return tree == here ? "" : "the service has another tree";
+    }
+    /// Names of files whose record does not fit their bytes.
+    std::string lies() {
+        std::string text;
+        for (const auto& file : store.allFiles()) {
+            const bool unsettled = file->LocallyUpdated.value_or(false) &&
+                                   !CacheLayout::isPathIgnored(file->FullPath.view(), false);
+            if (file->IsFile && (!store.hasWholeContents(*file) || unsettled))
+                text += file->FullPath.str() + " ";
+        }
+        return text;
+    }
+    ManualExecutor background;
+    TWMetadataStorage store;
+};
+
+std::vector<std::string> stepsOf(const std::string& text) {
+    std::vector<std::string> steps;
+    std::stringstream all(text);
+    for (std::string step; std::getline(all, step, ';');)
+        steps.push_back(step);
+    return steps;
+}
+
+/// What the tree may be while `step` is done: a file that is being written holds some of its bytes.
+std::vector<Tree> during(const std::string& step, const Tree& before, const Tree& after) {
+    std::vector<Tree> trees{before, after};
+    std::stringstream words(step);
+    std::string what, path, contents;
+    words >> what >> path >> contents;
+    if (what == "write") {
+        trees.push_back(before);
+        trees.back()[path] = "";
+        trees.push_back(before);
+        trees.back()[path] = contents.substr(0, contents.size() / 2);
+    }
+    return trees;
+}
+
+std::string shown(const Tree& tree) {
+    std::string text;
+    for (const auto& [path, contents] : tree)
+        text += path + "=" + contents + "; ";
+    return text;
+}
+
+class KilledTest : public ::testing::TestWithParam<const char*> {};
+
+/// The process ends before its first call that reaches the disk, before its second, and so on.
+TEST_P(KilledTest, leavesEachFileOldOrNewAndSendsWhatWasClosed) {
+    const auto steps = stepsOf(GetParam());
+    LogCapture log;
+    KilledWorld world;
+    std::vector<Tree> trees;
+    {
+        JournalWorld reference;
+        for (const auto& [path, id, contents] :
+             {std::tuple("a", "fa", "AAAA"), {"b", "fb", "BB"}, {"d", "d", nullptr}, {"d/c", "fc", "CCC"}}) {
+            reference.known(id, path, contents);
+        }
+        trees.push_back(treeOf(reference.store));
+        for (const auto& step : steps) {
+            reference.run(step);
+            trees.push_back(treeOf(reference.store));
+        }
+    }
+    for (int calls = 1;; ++calls) {
+        world.restore();
+        int done[2];
+        ASSERT_EQ(pipe(done), 0);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            callsLeft = calls;
+            try {
+                for (const auto& step : steps) {
+                    world.run(step);
+                    if (__real_write(done[1], "x", 1) != 1) _exit(1);
+                }
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "%s\n", error.what());
+                _exit(1);
+            }
+            _exit(0);
+        }
+        close(done[1]);
+        std::size_t finished = 0;
+        for (char x = 0; read(done[0], &x, 1) == 1;)
+            ++finished;
+        close(done[0]);
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 1);
+
+        const std::string where = "before call " + std::to_string(calls) + ", after step " +
+                                  std::to_string(finished) + " of " + GetParam();
+        for (int start = 1; start <= 2; ++start) {
+            // The second start is that of a run that ended before it saved anything.
+            NextRun run(world);
+            const Tree tree = treeOf(run.store);
+            const auto allowed = finished < steps.size()
+                                     ? during(steps[finished], trees[finished], trees[finished + 1])
+                                     : std::vector{trees.back()};
+            ASSERT_NE(std::find(allowed.begin(), allowed.end(), tree), allowed.end())
+                << where << ", start " << start << "\nis:     " << shown(tree)
+                << "\nbefore: " << shown(allowed.front()) << "\n"
+                << log.text();
+            ASSERT_EQ(run.lies(), "") << where << ", start " << start;
+            ASSERT_EQ(run.send(world.remote), "") << where << ", start " << start << "\n" << log.text();
+        }
+        if (WEXITSTATUS(status) == 0) break;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, KilledTest,
+    ::testing::Values("create n;write n NNNNNN;write a XXXXXXXX;rm b;mkdir e;create e/f;write e/f FF",
+                      // How editors save: by a new file in the old one's place, with and without a backup.
+                      "create t;write t TTTTTT;rm a;mv t a;write a UUUU",
+                      "mv a a~;create a;write a NNNNNN;rm a~",
+                      // A name that takes no part, and back.
+                      "mv a ~$a;mv ~$a a2;rm a2",
+                      "mv d e;create e/n;write e/n NN;rm e/c;sync;mv e/n n;rm e;create n2",
+                      "write a XXXXXX;sync;write a YY;sync;mv a d/a;sync;rm b;mv d/a b;sync",
+                      "create n;write n NNNN;sync;rm n;create n;sync;write n MMMM;write b LL"));
+
+/// The log of a session, and what a run finds that has only the first bytes of it.
+class CutLogTest : public ::testing::Test {
+  protected:
+    CutLogTest() {
+        world_.run("create n;write n NNNN;mv b b2;rm a;mkdir e;mv n e/n");
+        path_ = world_.layout.rootCachePath() + "/changes-1.log";
+        bytes_ = bytesOf(path_);
+        world_.restore();
+    }
+    /// The names of the tree and the journal.
+    std::string loaded(const std::string& log) {
+        world_.restore();
+        std::ofstream(path_, std::ios::binary) << log;
+        const NextRun run(world_);
+        std::string text;
+        for (const auto& [path, contents] : treeOf(run.store))
+            text += path + " ";
+        for (const auto& entry : run.store.journal().journalItems())
+            text += std::to_string(entry->LocalJournalType) + entry->CurrentPath.str() + " ";
+        return text;
+    }
+    /// Where each piece ends.
+    [[nodiscard]] std::vector<std::size_t> ends() const {
+        std::vector<std::size_t> ends{8};
+        while (ends.back() < bytes_.size()) {
+            std::size_t length = 0;
+            for (int i = 3; i >= 0; --i)
+                length = length << 8U | static_cast<unsigned char>(bytes_[ends.back() + i]);
+            ends.push_back(ends.back() + 8 + length);
+        }
+        return ends;
+    }
+    LogCapture log_;
+    KilledWorld world_;
+    std::string path_, bytes_;
+};
+
+TEST_F(CutLogTest, wholePiecesCountAndOthersDoNot) {
+    const auto all = ends();
+    ASSERT_GT(all.size(), 8U);
+    std::set<std::string> states;
+    for (std::size_t i = 1; i + 1 < all.size(); ++i) {
+        const std::string state = loaded(bytes_.substr(0, all[i]));
+        states.insert(state);
+        const std::size_t next = all[i + 1];
+        for (const std::size_t cut : {all[i] + 1, all[i] + 7, all[i] + 8, (all[i] + next) / 2, next - 1}) {
+            EXPECT_EQ(loaded(bytes_.substr(0, cut)), state) << cut;
+        }
+        std::string damaged = bytes_;
+        damaged[(all[i] + next) / 2] ^= 0x40;
+        EXPECT_EQ(loaded(damaged), state) << "damaged after " << all[i];
+    }
+    EXPECT_GE(states.size(), 5U) << "each step shows";
+    EXPECT_TRUE(log_.contains("changes-1.log is cut off: a checksum is wrong."));
+}
+
+TEST_F(CutLogTest, aForeignJournalIsNotDoubled) {
+    // The journal's file has an entry that the log knows as well, and is not the one that the log begins
+    // with.
+    world_.restore();
+    world_.run("sync");
+    std::ofstream(path_, std::ios::binary) << bytes_;
+    NextRun run(world_);
+    const auto count = run.store.journal().journalItems().size();
+    EXPECT_GT(count, 0U);
+    ASSERT_TRUE(run.store.persistence().save());
+    std::ofstream(path_, std::ios::binary) << bytes_;
+    EXPECT_EQ(NextRun(world_).store.journal().journalItems().size(), count);
+}
+
+TEST(ChangeLogTest, isNeededOnlyUntilASaveAndGoneAfterAClear) {
+    KilledWorld world;
+    const auto logs = [&] {
+        std::string names;
+        for (const auto& entry : fs::directory_iterator(world.layout.rootCachePath())) {
+            const auto name = entry.path().filename().string();
+            if (name.starts_with("changes-")) names += name + " ";
+        }
+        return names;
+    };
+    EXPECT_EQ(logs(), "");
+    world.merge({JournalWorld::file("new", "s", "remote")});
+    EXPECT_EQ(logs(), "") << "the service says it again";
+    world.run("write a X");
+    EXPECT_NE(logs(), "");
+    EXPECT_TRUE(world.store.persistence().syncChanges());
+    world.run("sync");
+    EXPECT_EQ(logs(), "");
+    world.run("write a Y");
+    EXPECT_NE(logs(), "");
+    world.store.persistence().clear();
+    EXPECT_EQ(logs(), "");
+    EXPECT_EQ(NextRun(world).store.fileCount(), 0U);
+}
+
+/// What stands in the log is not left behind by what happens to it later, whoever does it.
+TEST(ChangeLogTest, laterChangesOfWhatIsLoggedAreLogged) {
+    const std::vector<std::pair<const char*, std::function<void(KilledWorld&)>>> cases{
+        {"a page", [](auto& world) { world.merge({JournalWorld::file("fa", "d", "remote", 9)}); }},
+        {"a remote deletion",
+         [](auto& world) { world.merge({JournalWorld::deleted(JournalWorld::file("fa", "d", "x", 9))}); }},
+        {"the share goes", [](auto& world) { world.store.deleteShareData(world.share); }},
+        {"a save that fails",
+         [](auto& world) {
+             world.temporary.write("data/Tarnwell/share_s.db.new/block", "");
+             EXPECT_FALSE(world.store.persistence().save());
+             world.merge({JournalWorld::file("fa", "s", "after", 9)});
+         }},
+        {"a new share before any save of it",
+         [](auto& world) {
+             auto other = JournalWorld::makeShare("t", "Other");
+             other->DisplayName = "Other";
+             world.store.insertShare(other);
+             world.store.createFolderForShare(*other);
+             const auto change = world.store.beginLocalChange();
+             const auto made = world.store.createFile("mine", other, nullptr, false);
+             auto& journal = world.store.journal();
+             journal.addChangeToJournal(journal.createJournalForFile(made, kJournalCreate));
+         }},
+    };
+    for (const auto& [what, later] : cases) {
+        LogCapture log;
+        KilledWorld world;
+        {
+            const auto change = world.store.beginLocalChange();
+            const auto file = world.store.fileWithId("fa");
+            file->POSIXPermissions = 0640;
+            world.store.noteAttributesChanged(*file);
+            ASSERT_TRUE(world.store.renameShare(world.share, "Mine"));
+        }
+        later(world);
+        NextRun run(world);
+        const auto shape = [](const TWMetadataStorage& store) {
+            std::set<std::string> lines;
+            for (const auto& file : store.allFiles())
+                lines.insert(file->FullPath.str() + " " + std::to_string(*file->POSIXPermissions));
+            return lines;
+        };
+        EXPECT_EQ(shape(run.store), shape(world.store)) << what;
+        EXPECT_EQ(run.store.journal().journalItems().size(), world.journal().journalItems().size()) << what;
+    }
+}
+
+TEST(ChangeLogTest, anEntryThatWasBeingSentIsKnownAsSuch) {
+    KilledWorld world;
+    world.run("create n;write n NN");
+    const auto entry = *world.journal().journalItems().begin();
+    world.journal().setTransmitting(entry, true);
+    entry->TransmitToken = "token";
+    entry->UploadedSize = 1;
+    world.journal().entryChanged(entry);
+    const NextRun run(world);
+    const auto loaded = *run.store.journal().journalItems().begin();
+    EXPECT_TRUE(loaded->queue.attempted);
+    EXPECT_FALSE(loaded->Transmitting);
+    EXPECT_EQ(loaded->UploadedSize, 1);
+}
+
+TEST(ChangeLogTest, aFullDiskIsMadeUpForByTheNextTryOrSave) {
+    LogCapture log;
+    KilledWorld world;
+    world.run("write a X");
+    const int requested = world.saves;
+    {
+        const testing::FileSizeLimit full(
+            static_cast<rlim_t>(fs::file_size(world.layout.rootCachePath() + "/changes-1.log")));
+        world.run("mv b lost");
+        EXPECT_EQ(treeOf(world.store).count("lost"), 1U) << "the change stays";
+        EXPECT_FALSE(world.store.persistence().syncChanges());
+        EXPECT_GT(world.saves, requested);
+        EXPECT_TRUE(world.store.persistence().takeHaste());
+    }
+    EXPECT_TRUE(log.contains("Error! Cannot append to the change log : error File too large"));
+    EXPECT_EQ(treeOf(NextRun(world).store).count("b"), 1U);
+    EXPECT_TRUE(world.store.persistence().save());
+    EXPECT_TRUE(world.store.persistence().syncChanges());
+    EXPECT_EQ(treeOf(NextRun(world).store).count("lost"), 1U);
+}
+
+}  // namespace
+}  // namespace tarnwell
