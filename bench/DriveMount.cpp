@@ -71,7 +71,7 @@ int run(const std::string& mountPoint, const std::string& root, std::int64_t big
     layout.initCachePathes();
     TWInitLogs(layout.logsPath());
     SystemClock clock;
-    BackgroundQueue background(1);
+    BackgroundQueue background(8);
     TWMetadataStorage store({layout, clock, background, [] { return std::string(); }, [] {}});
     addTree(store, layout, bigBytes);
 
