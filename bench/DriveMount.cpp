@@ -33,9 +33,12 @@ class AllCached final : public TWFuseFileSystem::Mediator {
 
 void fill(const std::string& path, std::int64_t bytes) {
     std::ofstream out(path, std::ios::binary);
-    std::string block(1 << 20, '\0');
-    for (std::size_t i = 0; i < block.size(); ++i)
-        block[i] = static_cast<char>(i * 2654435761u >> 13);
+    static const std::string block = [] {
+        std::string bytes(1 << 20, '\0');
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<char>(i * 2654435761u >> 13);
+        return bytes;
+    }();
     for (std::int64_t left = bytes; left > 0; left -= static_cast<std::int64_t>(block.size())) {
         out.write(block.data(), std::min<std::int64_t>(left, static_cast<std::int64_t>(block.size())));
     }
@@ -71,7 +74,7 @@ int run(const std::string& mountPoint, const std::string& root, std::int64_t big
     layout.initCachePathes();
     TWInitLogs(layout.logsPath());
     SystemClock clock;
-    BackgroundQueue background(1);
+    BackgroundQueue background(8);
     TWMetadataStorage store({layout, clock, background, [] { return std::string(); }, [] {}});
     addTree(store, layout, bigBytes);
 

@@ -17,6 +17,9 @@
 namespace tarnwell {
 namespace {
 
+/// Bytes whose space is not freed in a moment.
+constexpr std::int64_t kLargeFile = std::int64_t{32} << 20;
+
 bool exists(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
@@ -31,6 +34,20 @@ int makeSureOfFile(const std::string& path) {
 }
 
 }  // namespace
+
+/// An open of the cache file of the item at `path` when that is large: its space, which takes time to free,
+/// is then freed by whoever closes this, not under the store's lock. To be called, and to end, without the
+/// lock.
+OwnedDescriptor TWFuseFileSystem::holdLargeFile(const std::string& path) const {
+    std::string cachePath;
+    {
+        const auto lock = store_.beginReadStorage();
+        const auto file = visibleFileWithPath(path);
+        if (file && file->IsFile && file->size() >= kLargeFile) cachePath = layout_.cachePathForFile(*file);
+    }
+    return cachePath.empty() ? OwnedDescriptor()
+                             : OwnedDescriptor(::open(cachePath.c_str(), O_RDONLY | O_CLOEXEC));
+}
 
 void TWFuseFileSystem::detachOpens(const TWVirtualFilePtr& file) const {
     for (const auto& handle : TWFuseFileData::openedFiles(file->InternalName.view()))
@@ -59,6 +76,7 @@ ErrnoOr<Done> TWFuseFileSystem::moveItemAtPath(const std::string& path, const st
         return Errno{EACCES};
     }
     fetchForMove(path, toPath);
+    const auto held = holdLargeFile(toPath);
     const auto lock = store_.beginWriteStorage();
     const auto moved = moveLocked(path, toPath, rules);
     if (!moved) TWLog(kLogFuse, "TWFuseFileSystem: moveItemAtPath failed, errcode is %d", moved.error());
@@ -293,6 +311,7 @@ ErrnoOr<Done> TWFuseFileSystem::removeEmptyDirectoryAtPath(const std::string& pa
 
 ErrnoOr<Done> TWFuseFileSystem::removeItemAtPath(const std::string& path) {
     TWLog(kLogFuse, "TWFuseFileSystem: removeItemAtPath:%@", path);
+    const auto held = holdLargeFile(path);
     const auto change = store_.beginLocalChange();
     const auto file = visibleFileWithPath(path);
     const bool isFolder = file && !file->IsFile;

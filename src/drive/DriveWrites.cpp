@@ -433,8 +433,11 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
         }
     }
     // After the size, which moves the time on.
-    if (!file || !(attributes.permissions || attributes.modification || attributes.access)) return Done{};
+    if (!(attributes.permissions || attributes.modification || attributes.access)) return Done{};
     const auto change = store_.beginLocalChange();
+    if (!detached)
+        file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(ofItemAtPath);
+    if (!file) return Done{};
     if (attributes.permissions)
         file->POSIXPermissions = static_cast<std::int32_t>(*attributes.permissions & 07777U);
     if (attributes.modification) file->LastWriteTime = *attributes.modification;

@@ -14,6 +14,7 @@
 #include "drive/Errno.h"
 #include "drive/TWFuseFileData.h"
 #include "platform/Executor.h"
+#include "platform/LocalSocket.h"
 #include "store/TWMetadataStorage.h"
 
 namespace tarnwell {
@@ -244,6 +245,7 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     ErrnoOr<Done> resize(const std::string& path, TWFuseFileData& userData, std::int64_t size);
     ErrnoOr<Done> resizeItem(const TWVirtualFilePtr& file, TWFuseFileData* userData, std::int64_t size);
     ErrnoOr<Done> fetchContents(const TWVirtualFilePtr& file);
+    [[nodiscard]] OwnedDescriptor holdLargeFile(const std::string& path) const;
     void fetchForMove(const std::string& path, const std::string& toPath);
 
     // Constant after construction.
