@@ -41,6 +41,18 @@ TWVirtualFilePtr itemAtPath(ShareView& view, std::string_view path) {
     return item;
 }
 
+std::optional<std::string> pathOf(ShareView& view, std::string_view item) {
+    std::string path;
+    std::string above(item);
+    for (int depth = 0; above != view.share().id; ++depth) {
+        const auto record = view.find(above);
+        if (!record || record->Deleted || depth > kMaxDepth) return std::nullopt;
+        path = record->PublicName.str() + (path.empty() ? "" : "/" + path);
+        above = record->ParrentId.str();
+    }
+    return path;
+}
+
 std::string folderAtPath(ShareView& view, std::string_view path) {
     if (trimmed(path).empty()) return view.share().id;
     const auto item = itemAtPath(view, path);

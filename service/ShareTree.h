@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,8 @@ namespace tarnwell::service {
 
 /// The live item at "a/b/c" (slashes at the ends do not count), null when there is none.
 TWVirtualFilePtr itemAtPath(ShareView& view, std::string_view path);
+/// The reverse: "a/b/c", "" for the share's id; none for an item that is not there.
+std::optional<std::string> pathOf(ShareView& view, std::string_view item);
 /// A folder's internal name, or the share's id for the root "". Throws when the path leads to no folder.
 std::string folderAtPath(ShareView& view, std::string_view path);
 
