@@ -49,7 +49,9 @@ void touchItem(ShareChange& change, TWVirtualFile& item);
 /// becomes a free one. Nothing happens to a live folder and to the share's id.
 void reviveFolder(ShareChange& change, const std::string& folder, const std::string& device);
 /// Marks the item deleted; of a folder, everything in it first, deepest first, so that whoever applies the
-/// changes one by one never has an item without its folder. The number of items marked.
-int removeItem(ShareChange& change, TWVirtualFile& item);
+/// changes one by one never has an item without its folder. Files that `spares` stay, with the folders around
+/// them. The number of items marked; the item itself is one of them if it is Deleted now.
+int removeItem(ShareChange& change, TWVirtualFile& item,
+               const std::function<bool(const TWVirtualFile&)>& spares = {});
 
 }  // namespace tarnwell::service
