@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
+#include <vector>
 
 #include "service/ChangeWorld.h"
 #include "service/Names.h"
@@ -179,6 +182,39 @@ TEST_F(ChangeTest, whatIsPutIntoOrWrittenToADeletedItemBringsItBack) {
     looped.ParrentId = inner.InternalName;
     EXPECT_EQ(send(one_, kJournalRename, looped, ""), "2");
     EXPECT_GT(known(outer.InternalName.view())->Tick, looped.Tick);
+}
+
+TEST_F(ChangeTest, devicesThatWriteAtOnceLoseNothing) {
+    const auto shared = one_.file("shared", "base");
+    ASSERT_EQ(send(one_, kJournalCreate, shared, "base"), "1:2");
+    const auto seen = *known(shared.InternalName.view());
+    const auto work = [&](const Device& device, const std::string& mark) {
+        HttpsClient client(data_->certificates().authority.string(), service_->port());
+        ownClient_ = &client;
+        for (int i = 0; i < 10; ++i) {
+            const std::string contents = mark + std::to_string(i);
+            const auto codes =
+                send(device, kJournalCreate, device.file("same " + std::to_string(i), contents), contents);
+            EXPECT_TRUE(codes == "1:2" || codes == "3:2") << codes;
+        }
+        const auto codes = send(device, kJournalUpdate, Device::edited(seen, mark), mark);
+        EXPECT_TRUE(codes == "1:2" || codes == "3:2") << codes;
+        ownClient_ = nullptr;
+    };
+    std::vector<std::thread> threads;
+    threads.emplace_back(work, std::cref(one_), "a");
+    threads.emplace_back(work, std::cref(two_), "b");
+    const Device three = device();
+    threads.emplace_back(work, std::cref(three), "c");
+    for (auto& thread : threads)
+        thread.join();
+    const std::string all = "\n" + tree() + "\n";
+    for (const std::string mark : {"a", "b", "c"}) {
+        EXPECT_NE(all.find("=" + mark + "\n"), std::string::npos) << all;
+        for (int i = 0; i < 10; ++i)
+            EXPECT_NE(all.find("=" + mark + std::to_string(i) + "\n"), std::string::npos) << all;
+    }
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1 + 30 + 3);
 }
 
 TEST_F(ChangeTest, chunksAreTakenInOrderAndWhole) {
