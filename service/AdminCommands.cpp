@@ -3,6 +3,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "connector/ClientApiRecords.h"
 #include "service/Exporter.h"
 #include "service/Importer.h"
 #include "service/Secrets.h"
@@ -206,6 +207,33 @@ void AdminCommands::move(const std::string& share, const std::string& domain, co
         moveItem(change, *item, folderAtPath(change, target.folder), target.name);
     });
     out_ << "moved to " << newPath << "\n";
+}
+
+void AdminCommands::listLinks() {
+    for (const auto& link : data_.metadata().links()) {
+        std::string target = "log-in of a browser";
+        if (link.kind != kLinkWebClient) {
+            data_.metadata().view(link.shareId, [&](ShareView& view) {
+                target = view.share().name;
+                const auto path = pathOf(view, link.item);
+                target += path ? "/" + *path : ", a deleted item";
+            });
+        }
+        const bool over = link.expires && *link.expires <= std::chrono::system_clock::now();
+        out_ << link.number << "\t" << link.email << "\t" << target << "\t"
+             << JSONObjectFromNSDate(link.created) << "\t"
+             << (link.revoked   ? "revoked"
+                 : over         ? "expired"
+                 : link.expires ? "until " + JSONObjectFromNSDate(*link.expires)
+                                : "for ever")
+             << "\n";
+    }
+}
+
+void AdminCommands::revokeLink(std::int64_t number) {
+    if (!data_.metadata().revokeLink(number))
+        throw ServiceError("there is no link " + std::to_string(number));
+    out_ << "link " << number << " is revoked\n";
 }
 
 }  // namespace tarnwell::service

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <istream>
 #include <optional>
@@ -40,6 +41,9 @@ class AdminCommands {
     void remove(const std::string& share, const std::string& domain, const std::string& path);
     void move(const std::string& share, const std::string& domain, const std::string& path,
               const std::string& newPath);
+
+    void listLinks();
+    void revokeLink(std::int64_t number);
 
   private:
     [[nodiscard]] DomainInfo needDomain(const std::string& name) const;

@@ -68,6 +68,7 @@ struct Arguments {
     bool quiet = false;
     std::string name, address, domain, email, share, path, newPath, source;
     std::optional<std::string> device;
+    std::int64_t number = 0;
     bool passwordFromInput = false;
     bool readOnly = false;
 };
@@ -153,6 +154,16 @@ void describeShares(CLI::App& app, Arguments& a, Work& chosen) {
     add->add_option("NEWPATH", a.newPath, "New path; its folder must exist and the name be free")->required();
 }
 
+void describeLinks(CLI::App& app, Arguments& a, Work& chosen) {
+    CLI::App& link = *app.add_subcommand("link", "Links that users have made");
+    link.require_subcommand(1);
+    command(link, "list", "Show the links, by number", chosen,
+            [](AdminCommands& admin) { admin.listLinks(); });
+    auto* revoke = command(link, "revoke", "End a link, at once", chosen,
+                           [&a](AdminCommands& admin) { admin.revokeLink(a.number); });
+    revoke->add_option("NUMBER", a.number, "As `link list` shows it")->required();
+}
+
 }  // namespace
 
 int runCommand(int argc, const char* const* argv, std::istream& in, std::ostream& out, std::ostream& err) {
@@ -170,6 +181,7 @@ int runCommand(int argc, const char* const* argv, std::istream& in, std::ostream
     serving->add_flag("--quiet", a.quiet, "Log warnings only, not every request");
     describeAccounts(app, a, chosen);
     describeShares(app, a, chosen);
+    describeLinks(app, a, chosen);
     try {
         app.parse(argc, argv);
         if (serving->parsed()) {

@@ -8,6 +8,7 @@
 #include "service/MetadataStore.h"
 #include "service/ServiceLog.h"
 #include "service/Transfers.h"
+#include "service/WebSessions.h"
 
 /// What the service answers. Each function makes the rows of one concern for the router's table; the handlers
 /// borrow the arguments, which must outlive them.
@@ -22,6 +23,9 @@ std::vector<Endpoint> contentEndpoints(MetadataStore& store, ContentStore& conte
 
 /// Operations on items without contents, and the making of links.
 std::vector<Endpoint> clientApiEndpoints(MetadataStore& store);
+
+/// Pages: public links, and the user's shares after a log-in link.
+std::vector<Endpoint> webClientEndpoints(MetadataStore& store, ContentStore& contents, WebSessions& sessions);
 
 /// The right that a request's token proves, in the share asked for; HttpError 403 when it proves none.
 AccessRight needRight(MetadataStore& store, std::string_view token);

@@ -76,7 +76,8 @@ Service::Service(const ServiceData& data, ServerOptions options, ServiceLog& log
     std::vector<Endpoint> endpoints = loginEndpoints(data_.metadata(), throttle_, log);
     for (auto& rows : {catchUpEndpoints(data_.metadata()),
                        contentEndpoints(data_.metadata(), data_.contents(), transfers_),
-                       clientApiEndpoints(data_.metadata())}) {
+                       clientApiEndpoints(data_.metadata()),
+                       webClientEndpoints(data_.metadata(), data_.contents(), sessions_)}) {
         endpoints.insert(endpoints.end(), rows.begin(), rows.end());
     }
     router_ = std::make_unique<Router>(data_.metadata(), log, std::move(endpoints));

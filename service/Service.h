@@ -13,6 +13,7 @@
 #include "service/Server.h"
 #include "service/ServiceLog.h"
 #include "service/Transfers.h"
+#include "service/WebSessions.h"
 
 namespace tarnwell::service {
 
@@ -64,6 +65,7 @@ class Service {
     FileDescriptor lock_;
     LoginThrottle throttle_;
     Transfers transfers_;
+    WebSessions sessions_;
     unsigned slice_ = 0;  ///< of the next sweep for stray contents; that task only
     std::unique_ptr<Router> router_;
     std::unique_ptr<TlsContext> tls_;

@@ -208,12 +208,14 @@ EventResult removeAsAsked(ShareChange& change, const Author& author, const TWVir
     auto item = change.find(record.InternalName.view());
     if (!item) return {kUnknownItem, nullptr};
     if (item->Deleted) return {kDeleteIgnored, item};
-    if (item->IsFile && isOutdated(change, author, *item, record)) {
-        touchItem(change, *item);
-        return {kDeleteIgnored, item};
-    }
-    removeItem(change, *item);
-    return {kAccepted, item};
+    // A device deletes what it sees in a folder before the folder. What others put there since it heard of
+    // the folder it need not have seen; a folder that is spared for it takes a new tick, so that a deletion
+    // with knowledge of that one succeeds.
+    removeItem(change, *item,
+               [&](const TWVirtualFile& file) { return isOutdated(change, author, file, record); });
+    if (item->Deleted) return {kAccepted, item};
+    touchItem(change, *item);
+    return {kDeleteIgnored, item};
 }
 
 }  // namespace tarnwell::service

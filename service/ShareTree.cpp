@@ -1,5 +1,7 @@
 #include "service/ShareTree.h"
 
+#include <unordered_set>
+
 #include "service/Names.h"
 #include "service/ServiceError.h"
 
@@ -39,6 +41,18 @@ TWVirtualFilePtr itemAtPath(ShareView& view, std::string_view path) {
         rest = slash == std::string_view::npos ? std::string_view() : trimmed(rest.substr(slash));
     }
     return item;
+}
+
+std::optional<std::string> pathOf(ShareView& view, std::string_view item) {
+    std::string path;
+    std::string above(item);
+    for (int depth = 0; above != view.share().id; ++depth) {
+        const auto record = view.find(above);
+        if (!record || record->Deleted || depth > kMaxDepth) return std::nullopt;
+        path = record->PublicName.str() + (path.empty() ? "" : "/" + path);
+        above = record->ParrentId.str();
+    }
+    return path;
 }
 
 std::string folderAtPath(ShareView& view, std::string_view path) {
@@ -145,7 +159,8 @@ void reviveFolder(ShareChange& change, const std::string& folder, const std::str
     }
 }
 
-int removeItem(ShareChange& change, TWVirtualFile& item) {
+int removeItem(ShareChange& change, TWVirtualFile& item,
+               const std::function<bool(const TWVirtualFile&)>& spares) {
     // Folders are met before their contents here, and marked in the opposite order.
     std::vector<TWVirtualFilePtr> met;
     if (!item.IsFile) met = change.children(item.InternalName.view());
@@ -154,10 +169,21 @@ int removeItem(ShareChange& change, TWVirtualFile& item) {
         auto inner = change.children(met[next]->InternalName.view());
         met.insert(met.end(), inner.begin(), inner.end());
     }
+    std::unordered_set<std::string> kept;
+    int count = 0;
+    const auto settle = [&](TWVirtualFile& record) {
+        const bool keep = record.IsFile ? spares && spares(record) : kept.contains(record.InternalName.str());
+        if (keep) {
+            kept.insert(record.ParrentId.str());
+            return;
+        }
+        markDeleted(change, record);
+        ++count;
+    };
     for (auto record = met.rbegin(); record != met.rend(); ++record)
-        markDeleted(change, **record);
-    markDeleted(change, item);
-    return static_cast<int>(met.size()) + 1;
+        settle(**record);
+    settle(item);
+    return count;
 }
 
 }  // namespace tarnwell::service

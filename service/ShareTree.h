@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,8 @@ namespace tarnwell::service {
 
 /// The live item at "a/b/c" (slashes at the ends do not count), null when there is none.
 TWVirtualFilePtr itemAtPath(ShareView& view, std::string_view path);
+/// The reverse: "a/b/c", "" for the share's id; none for an item that is not there.
+std::optional<std::string> pathOf(ShareView& view, std::string_view item);
 /// A folder's internal name, or the share's id for the root "". Throws when the path leads to no folder.
 std::string folderAtPath(ShareView& view, std::string_view path);
 
@@ -46,7 +49,9 @@ void touchItem(ShareChange& change, TWVirtualFile& item);
 /// becomes a free one. Nothing happens to a live folder and to the share's id.
 void reviveFolder(ShareChange& change, const std::string& folder, const std::string& device);
 /// Marks the item deleted; of a folder, everything in it first, deepest first, so that whoever applies the
-/// changes one by one never has an item without its folder. The number of items marked.
-int removeItem(ShareChange& change, TWVirtualFile& item);
+/// changes one by one never has an item without its folder. Files that `spares` stay, with the folders around
+/// them. The number of items marked; the item itself is one of them if it is Deleted now.
+int removeItem(ShareChange& change, TWVirtualFile& item,
+               const std::function<bool(const TWVirtualFile&)>& spares = {});
 
 }  // namespace tarnwell::service

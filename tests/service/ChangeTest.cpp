@@ -1,7 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+#include <vector>
+
 #include "service/ChangeWorld.h"
 #include "service/Names.h"
+#include "service/Secrets.h"
+#include "service/ServingProcess.h"
 #include "service/ShareTree.h"
 #include "store/Enums.h"
 #include "util/Hash.h"
@@ -153,7 +163,9 @@ TEST_F(ChangeTest, whatIsPutIntoOrWrittenToADeletedItemBringsItBack) {
     ASSERT_EQ(send(one_, kJournalCreate, inner, ""), "1");
     ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
     const auto seen = *known(file.InternalName.view());
-    ASSERT_EQ(send(two_, kJournalDelete, outer, ""), "1");
+    EXPECT_EQ(send(two_, kJournalDelete, outer, ""), "9") << "two does not know of the file";
+    EXPECT_EQ(tree(), "outer/\nouter/inner/\nouter/inner/file=base");
+    ASSERT_EQ(send(two_, kJournalDelete, *known(outer.InternalName.view()), ""), "1");
     ASSERT_EQ(send(two_, kJournalCreate, two_.folder("outer"), ""), "1");
     EXPECT_EQ(tree(), "outer/");
 
@@ -170,6 +182,39 @@ TEST_F(ChangeTest, whatIsPutIntoOrWrittenToADeletedItemBringsItBack) {
     looped.ParrentId = inner.InternalName;
     EXPECT_EQ(send(one_, kJournalRename, looped, ""), "2");
     EXPECT_GT(known(outer.InternalName.view())->Tick, looped.Tick);
+}
+
+TEST_F(ChangeTest, devicesThatWriteAtOnceLoseNothing) {
+    const auto shared = one_.file("shared", "base");
+    ASSERT_EQ(send(one_, kJournalCreate, shared, "base"), "1:2");
+    const auto seen = *known(shared.InternalName.view());
+    const auto work = [&](const Device& device, const std::string& mark) {
+        HttpsClient client(data_->certificates().authority.string(), service_->port());
+        ownClient_ = &client;
+        for (int i = 0; i < 10; ++i) {
+            const std::string contents = mark + std::to_string(i);
+            const auto codes =
+                send(device, kJournalCreate, device.file("same " + std::to_string(i), contents), contents);
+            EXPECT_TRUE(codes == "1:2" || codes == "3:2") << codes;
+        }
+        const auto codes = send(device, kJournalUpdate, Device::edited(seen, mark), mark);
+        EXPECT_TRUE(codes == "1:2" || codes == "3:2") << codes;
+        ownClient_ = nullptr;
+    };
+    std::vector<std::thread> threads;
+    threads.emplace_back(work, std::cref(one_), "a");
+    threads.emplace_back(work, std::cref(two_), "b");
+    const Device three = device();
+    threads.emplace_back(work, std::cref(three), "c");
+    for (auto& thread : threads)
+        thread.join();
+    const std::string all = "\n" + tree() + "\n";
+    for (const std::string mark : {"a", "b", "c"}) {
+        EXPECT_NE(all.find("=" + mark + "\n"), std::string::npos) << all;
+        for (int i = 0; i < 10; ++i)
+            EXPECT_NE(all.find("=" + mark + std::to_string(i) + "\n"), std::string::npos) << all;
+    }
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1 + 30 + 3);
 }
 
 TEST_F(ChangeTest, chunksAreTakenInOrderAndWhole) {
@@ -287,6 +332,114 @@ TEST_F(ChangeTest, theClientApiKeepsTheSameRules) {
     EXPECT_EQ(clientApi(one_.token, "Burn", escaped(cases[4].request)).status, 400);
     metadata().grant(docs_.id, anna_.id, true);
     EXPECT_EQ(clientApi(one_.token, "CreateFolder", escaped(cases[0].request)).status, 403);
+}
+
+/// The same on a process that can be killed, and on a disk that is full.
+class KilledServiceTest : public ChangeWorld {
+  protected:
+    void serveOutside(std::optional<rlim_t> largestFile = std::nullopt) {
+        process_.emplace(folder_.path("data"), RLIMIT_FSIZE, largestFile);
+        client_ = std::make_unique<HttpsClient>(data_->certificates().authority.string(), process_->port());
+    }
+    int files(const char* folder) {
+        int count = 0;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_.path(folder)))
+            count += entry.is_regular_file() ? 1 : 0;
+        return count;
+    }
+    std::optional<ServingProcess> process_;
+};
+
+TEST_F(KilledServiceTest, anUploadGoesOnAfterTheKillAndNothingHalfShows) {
+    stop();
+    serveOutside();
+    const std::string bytes = noise((3 << 20) + 5);
+    const auto file = one_.file("file", bytes);
+    const std::string token = *event(one_, kJournalCreate, file).TransmitToken;
+    const auto piece = [&](int n) { return bytes.substr(static_cast<std::size_t>(n) << 20, 1 << 20); };
+    for (int n = 0; n < 3; ++n) {
+        EXPECT_EQ(chunk(token, n << 20, piece(n)), 0);
+        process_->stop(SIGKILL);
+        // What a write that was cut off leaves behind is no part of the file.
+        for (const auto& part : std::filesystem::directory_iterator(folder_.path("data/contents/incoming")))
+            std::ofstream(part.path(), std::ios::app) << "torn";
+        serveOutside();
+        EXPECT_EQ(tree(), "");
+    }
+    EXPECT_EQ(chunk(token, 3 << 20, piece(3)), 2);
+    process_->stop(SIGKILL);
+    serveOutside();
+    EXPECT_EQ(tree(), "file=...");
+    EXPECT_EQ(chunk(token, 3 << 20, piece(3)), 2) << "its answer may have been lost in the kill";
+    EXPECT_EQ(files("data/contents/incoming"), 0);
+}
+
+TEST_F(KilledServiceTest, atAnyMomentOfManyUploadsTheKillLeavesWholeFiles) {
+    stop();
+    std::map<std::string, std::string> sent;
+    for (int round = 0; round < 6; ++round) {
+        serveOutside();
+        std::atomic<int> done = 0;
+        std::thread killer([&] {
+            while (done < 3 + 7 * round)
+                std::this_thread::yield();
+            process_->kill();
+        });
+        for (int i = 0; i < 200; ++i) {
+            const std::string name = std::to_string(round) + "-" + std::to_string(i);
+            const auto file = one_.file(name, name);
+            const auto http = eventReply(one_, kJournalCreate, file);
+            const auto begin = http.body.find("\"TransmitToken\":\"");
+            if (begin == std::string::npos) break;
+            if (chunk(http.body.substr(begin + 17, 64), 0, name) != 2) break;
+            sent[name] = name;
+            ++done;
+        }
+        done = 1000;
+        killer.join();
+        process_->wait();
+    }
+    serveOutside();
+    // tree() compares each file's bytes with its record; what was answered has to be there.
+    const std::string all = "\n" + tree() + "\n";
+    for (const auto& [name, contents] : sent)
+        EXPECT_NE(all.find("\n" + name + "=" + contents + "\n"), std::string::npos) << name;
+    EXPECT_FALSE(sent.empty());
+}
+
+TEST_F(KilledServiceTest, aFullDiskIsToldAndTheUploadGoesOnWhenThereIsRoom) {
+    stop();
+    serveOutside(3 << 19);
+    const std::string bytes = noise(2 << 20);
+    const auto file = one_.file("file", bytes);
+    const std::string token = *event(one_, kJournalCreate, file).TransmitToken;
+    EXPECT_EQ(chunk(token, 0, bytes.substr(0, 1 << 20)), 0);
+    EXPECT_EQ(chunk(token, 1 << 20, bytes.substr(1 << 20)), -507);
+    process_->stop(SIGTERM);
+    serveOutside();
+    EXPECT_EQ(tree(), "");
+    EXPECT_EQ(chunk(token, 1 << 20, bytes.substr(1 << 20)), 2);
+    EXPECT_EQ(tree(), "file=...");
+}
+
+TEST_F(KilledServiceTest, whatNobodyGoesOnWithIsSwept) {
+    const auto token = *event(one_, kJournalCreate, one_.file("left", "left behind")).TransmitToken;
+    EXPECT_EQ(chunk(token, 0, "left"), 0);
+    data_->dropOldContents(std::chrono::hours(24));
+    EXPECT_EQ(files("data/contents/incoming"), 1);
+    const auto part = std::filesystem::directory_iterator(folder_.path("data/contents/incoming"))->path();
+    std::filesystem::last_write_time(part, std::filesystem::last_write_time(part) - std::chrono::hours(25));
+    data_->dropOldContents(std::chrono::hours(0));
+    EXPECT_EQ(files("data/contents/incoming"), 0);
+    EXPECT_EQ(chunk(token, 4, " behind"), 1);
+
+    // Contents without an item stay as long as somebody may be about to store it.
+    data_->contents().create("Ustray")->commit(ContentWriter::Durability::now);
+    const auto slice = static_cast<unsigned>(std::stoul(digestOf("Ustray").substr(0, 2), nullptr, 16));
+    data_->dropStrayContents(slice);
+    EXPECT_TRUE(data_->contents().open("Ustray"));
+    EXPECT_EQ(data_->contents().namesOlderThan(std::chrono::seconds(0), slice),
+              std::vector<std::string>{"Ustray"});
 }
 
 }  // namespace

@@ -72,9 +72,9 @@ HttpsReply ChangeWorld::eventReply(const Device& device, std::int32_t type, cons
     event.ClientJournalEventType = type;
     event.TwVirtualFile = std::make_shared<TWVirtualFile>(record);
     event.ShareToken = escaped(device.token);
-    return client_->post(kCache, "/clientfileapi.ashx",
-                         {"isRequest: true", "Content-Type: application/x-www-form-urlencoded"},
-                         "Request=" + escaped(toJsonText(event)));
+    return wire().post(kCache, "/clientfileapi.ashx",
+                       {"isRequest: true", "Content-Type: application/x-www-form-urlencoded"},
+                       "Request=" + escaped(toJsonText(event)));
 }
 
 TWFileJournalResponse ChangeWorld::event(const Device& device, std::int32_t type,
@@ -88,7 +88,7 @@ TWFileJournalResponse ChangeWorld::event(const Device& device, std::int32_t type
 
 HttpsReply ChangeWorld::chunkReply(const std::string& token, std::int64_t position, const std::string& bytes,
                                    const std::string& hash, std::int64_t size) {
-    return client_->post(
+    return wire().post(
         kCache, "/clientfileapi.ashx",
         {"token: " + token, "position: " + std::to_string(position),
          "size: " + std::to_string(size < 0 ? static_cast<std::int64_t>(bytes.size()) : size),
@@ -118,8 +118,8 @@ std::string ChangeWorld::send(const Device& device, std::int32_t type, const TWV
 HttpsReply ChangeWorld::clientApi(const std::string& token, const std::string& method,
                                   const std::string& request, const std::string& path) {
     const RequestCommand command{token, "anna@alpha.test", method, std::nullopt, std::nullopt};
-    return client_->post("clientgateway.alpha.localhost", path,
-                         {"command: " + toJsonText(command), "request: " + request}, "");
+    return wire().post("clientgateway.alpha.localhost", path,
+                       {"command: " + toJsonText(command), "request: " + request}, "");
 }
 
 std::string ChangeWorld::tree() {

@@ -46,6 +46,10 @@ class ChangeWorld : public ServiceWorld {
     /// The present record of an item, from catch-up.
     TWVirtualFilePtr known(std::string_view internalName);
 
+    /// What this thread sends with: its own client where it has one.
+    HttpsClient& wire() { return ownClient_ ? *ownClient_ : *client_; }
+    static inline thread_local HttpsClient* ownClient_ = nullptr;
+
     Device one_, two_;
 };
 

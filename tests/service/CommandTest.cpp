@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,60 +15,10 @@
 #include "service/Schema.h"
 #include "service/ServiceError.h"
 #include "service/ServiceWorld.h"
+#include "service/ServingProcess.h"
 
 namespace tarnwell::service::testing {
 namespace {
-
-/// The program in a process of its own, serving until the end of the scope.
-class ServingProcess {
-  public:
-    ServingProcess(const std::string& folder, std::optional<rlim_t> descriptors = std::nullopt) {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) return;
-        out_ = FileDescriptor(ends[0]);
-        const FileDescriptor in(ends[1]);
-        child_ = ::fork();
-        if (child_ == 0) {
-            ::dup2(in.get(), STDOUT_FILENO);
-            if (descriptors) {
-                const rlimit limit{*descriptors, *descriptors};
-                ::setrlimit(RLIMIT_NOFILE, &limit);
-            }
-            ::execl(TARNWELL_BIN "/tarnwell-service", "tarnwell-service", "--data", folder.c_str(), "serve",
-                    "--port", "0", "--quiet", nullptr);
-            ::_exit(127);
-        }
-    }
-    ~ServingProcess() {
-        if (child_ > 0) stop(SIGKILL);
-    }
-    /// Waits for the line that tells it; 0 when the process ends before.
-    std::uint16_t port() {
-        std::string text;
-        char c = 0;
-        while (::read(out_.get(), &c, 1) == 1) {
-            text += c;
-            const auto at = text.find("listening on 127.0.0.1:");
-            if (c == '\n' && at != std::string::npos) {
-                return static_cast<std::uint16_t>(std::stoi(text.substr(text.rfind(':') + 1)));
-            }
-        }
-        return 0;
-    }
-    int stop(int signal) {
-        ::kill(child_, signal);
-        return wait();
-    }
-    int wait() {
-        int status = -1;
-        ::waitpid(std::exchange(child_, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    pid_t child_ = -1;
-    FileDescriptor out_;
-};
 
 class CommandTest : public ServiceWorld {
   protected:
@@ -121,6 +70,7 @@ TEST_F(CommandTest, refusalsSayWhatIsWrongAndExitWithOne) {
         {{"rm", "Plans", "nothing"}, "", "nothing"},
         {{"mv", "Docs", "--domain", "Alpha", "file", "none/file"}, "", "none"},
         {{"wipe-device", "anna@alpha.test"}, "", "no devices"},
+        {{"link", "revoke", "1"}, "", "no link 1"},
         {{"wipe-device", "anna@alpha.test", "unknown"}, "", "no such device"},
     };
     for (const auto& one : cases) {
@@ -197,7 +147,7 @@ TEST_F(CommandTest, theProcessKeepsEverythingOverRestartsAndStopsOnSignals) {
 }
 
 TEST_F(CommandTest, theProcessSurvivesAShortageOfDescriptors) {
-    ServingProcess process(folder_.path("data"), 40);
+    ServingProcess process(folder_.path("data"), RLIMIT_NOFILE, 40);
     const auto port = process.port();
     ASSERT_NE(port, 0);
     {
