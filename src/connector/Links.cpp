@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "connector/ClientApi.h"
+#include "connector/ClientApiRecords.h"
 #include "connector/ConnectorSession.h"
-#include "connector/DirectLinkKey.h"
 #include "connector/StoreQueries.h"
 #include "connector/TaskGate.h"
 #include "connector/UrlUtil.h"

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "connector/DirectLinkKey.h"
+#include "connector/ClientApiRecords.h"
 #include "connector/JournalFixture.h"
 #include "connector/Links.h"
 #include "platform/UrlOpener.h"
