@@ -93,6 +93,8 @@ Reply Router::refusal(const Request& request) const {
         }
         if (error.status == 429) reply.headers.emplace_back("Retry-After", "30");
         return reply;
+    } catch (const ForeignIdentityError& error) {
+        return Reply::text(409, std::string(error.what()) + "\n");
     } catch (const StorageFullError& error) {
         log_.warning("error in " + pathOf(request.target) + ": " + error.what());
         return Reply::text(507, "the disk of the service is full\n");

@@ -16,6 +16,11 @@ struct StorageFullError : ServiceError {
     using ServiceError::ServiceError;
 };
 
+/// An item would take the identity that an item of another share has.
+struct ForeignIdentityError : ServiceError {
+    using ServiceError::ServiceError;
+};
+
 /// Refusal of one HTTP request. The text goes to the peer as a short plain-text body: no secrets, no inner
 /// paths.
 struct HttpError : std::runtime_error {

@@ -96,7 +96,7 @@ void SqliteShareChange::put(const TWVirtualFile& record) {
         record.Tick, record.ShareTick, record.UpdateTick, record.CreateTick, record.size(),
         ticks(record.CreationTime), ticks(record.LastAccessTime), ticks(record.LastWriteTime),
         record.Attributes, record.POSIXPermissions, record.Deleted, record.IsFile);
-    if (changed != 1) throw HttpError(409, "another share has an item of that identity");
+    if (changed != 1) throw ForeignIdentityError("another share has an item of that identity");
 }
 
 Authorship SqliteShareChange::authorship(std::string_view internalName) {
