@@ -25,14 +25,16 @@ void insert(TWMetadataStorage& store, const Tree& tree) {
 void insertion(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
-        World world;
-        const auto before = heapBytes();
-        auto tree = makeTree(kRecords, kFolders);
-        state.ResumeTiming();
-        insert(world.store(), tree);
-        state.PauseTiming();
-        tree = {};
-        state.counters["bytesPerRecord"] = static_cast<double>(heapBytes() - before) / kRecords;
+        {
+            World world;
+            const auto before = heapBytes();
+            auto tree = makeTree(kRecords, kFolders);
+            state.ResumeTiming();
+            insert(world.store(), tree);
+            state.PauseTiming();
+            tree = {};
+            state.counters["bytesPerRecord"] = static_cast<double>(heapBytes() - before) / kRecords;
+        }
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRecords));

@@ -100,6 +100,7 @@ TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& e
     const bool worthSaving = merge_.add(entry);
     store_.setStorageEmpty(false);
     if (worthSaving) store_.saveDelayed();
+    store_.noteJournalChanged(id);
     if (takenOver_) return std::exchange(takenOver_, nullptr);
     return store_.fileWithId(id);
 }
@@ -136,6 +137,7 @@ void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
 void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
     const auto lock = store_.beginWriteJournal();
     queue_.remove(*entry);
+    if (entry->File) store_.noteJournalChanged(entry->File->InternalName.view());
 }
 
 void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool transmitting) {

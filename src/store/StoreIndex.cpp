@@ -56,12 +56,12 @@ void logLoop(const TWVirtualFile& file) {
 
 TWVirtualFilePtr StoreIndex::fileWithId(std::string_view id) const {
     const auto it = files_.find(id);
-    return it == files_.end() ? nullptr : *it;
+    return it == files_.end() ? nullptr : it->file;
 }
 
 TWVirtualFile* StoreIndex::find(std::string_view id) const {
     const auto it = files_.find(id);
-    return it == files_.end() ? nullptr : it->get();
+    return it == files_.end() ? nullptr : it->file.get();
 }
 
 ManagedSharePtr StoreIndex::shareWithId(std::string_view id) const {
@@ -226,7 +226,7 @@ bool StoreIndex::replaceInPlace(const TWVirtualFilePtr& old, const TWVirtualFile
     file->PublicName = old->PublicName;
     file->FullPath = old->FullPath;
     file->User = intern(file->User);
-    files_.insert(file);
+    files_.emplace(file);
     filesByPath_.add(file);
     return true;
 }
@@ -257,7 +257,7 @@ void StoreIndex::shareTexts(TWVirtualFile& file) {
 
 void StoreIndex::link(const TWVirtualFilePtr& file) {
     shareTexts(*file);
-    files_.insert(file);
+    files_.emplace(file);
     shareFiles_.add(*file);
     auto list = directoryItems_.find(file->ParrentId.view());
     if (list == directoryItems_.end()) {
@@ -269,7 +269,7 @@ void StoreIndex::link(const TWVirtualFilePtr& file) {
 TWVirtualFilePtr StoreIndex::remove(std::string_view id) {
     const auto it = files_.find(id);
     if (it == files_.end()) return nullptr;
-    TWVirtualFilePtr file = *it;
+    TWVirtualFilePtr file = it->file;
     files_.erase(it);
     shareFiles_.remove(*file);
     if (!file->FullPath.empty()) filesByPath_.remove(*file);
@@ -385,8 +385,8 @@ void StoreIndex::formAllPaths() {
     for (const auto& [id, share] : shares_)
         refreshChildren(id);
     Settled settled;
-    for (const auto& file : files_) {
-        if (file->FullPath.empty()) settlePath(file, settled);
+    for (const auto& stored : files_) {
+        if (stored.file->FullPath.empty()) settlePath(stored.file, settled);
     }
 }
 

@@ -48,8 +48,6 @@ class StoreIndex {
     static std::string_view textOf(const T& value) {
         if constexpr (std::is_same_v<T, SharedString>) {
             return value.view();
-        } else if constexpr (std::is_same_v<T, TWVirtualFilePtr>) {
-            return value->InternalName.view();
         } else {
             return value;
         }
@@ -69,7 +67,30 @@ class StoreIndex {
             return textOf(a) == textOf(b);
         }
     };
-    using Files = boost::unordered_flat_set<TWVirtualFilePtr, TextHash, TextEqual>;
+    /// A record with the hash of its id: a table of a million that grows must not look at each record, or
+    /// the drive would wait half a second.
+    struct Stored {
+        std::size_t hash;
+        TWVirtualFilePtr file;
+        explicit Stored(TWVirtualFilePtr record)
+            : hash(TextHash()(record->InternalName)), file(std::move(record)) {}
+    };
+    struct StoredHash {
+        using is_transparent = void;
+        using is_avalanching = void;
+        std::size_t operator()(const Stored& stored) const { return stored.hash; }
+        std::size_t operator()(std::string_view id) const { return TextHash()(id); }
+    };
+    struct StoredEqual {
+        using is_transparent = void;
+        static std::string_view idOf(const Stored& stored) { return stored.file->InternalName.view(); }
+        static std::string_view idOf(std::string_view id) { return id; }
+        template <class A, class B>
+        bool operator()(const A& a, const B& b) const {
+            return idOf(a) == idOf(b);
+        }
+    };
+    using Files = boost::unordered_flat_set<Stored, StoredHash, StoredEqual>;
     using Shares = boost::unordered_flat_map<std::string, ManagedSharePtr, TextHash, TextEqual>;
     /// Records that a pass of settlePath() has looked at.
     using Settled = boost::unordered_flat_set<TWVirtualFilePtr>;

@@ -31,6 +31,16 @@ void TWMetadataStorage::setDriveObserver(DriveObserver* observer) {
     observer_ = observer;
 }
 
+void TWMetadataStorage::setJournalObserver(JournalObserver* observer) {
+    const auto lock = beginWriteStorage();
+    journalObserver_ = observer;
+}
+
+void TWMetadataStorage::noteJournalChanged(std::string_view internalName) const {
+    const auto lock = beginReadStorage();
+    if (journalObserver_) journalObserver_->journalChanged(internalName);
+}
+
 LocalChange::LocalChange(TWMetadataStorage& store) : lock_(store.beginWriteStorage()) {}
 LocalChange::~LocalChange() = default;
 
@@ -135,7 +145,11 @@ std::vector<ManagedSharePtr> TWMetadataStorage::shares() const {
 
 std::vector<TWVirtualFilePtr> TWMetadataStorage::allFiles() const {
     const auto lock = beginReadStorage();
-    return {index_.files().begin(), index_.files().end()};
+    std::vector<TWVirtualFilePtr> result;
+    result.reserve(index_.files().size());
+    for (const auto& stored : index_.files())
+        result.push_back(stored.file);
+    return result;
 }
 
 std::size_t TWMetadataStorage::fileCount() const {

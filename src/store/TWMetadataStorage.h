@@ -65,6 +65,8 @@ class TWMetadataStorage {
     void setFolderRefresher(FolderRefresher* refresher) { refresher_ = refresher; }
     /// Any time: the drive comes and goes while others run.
     void setDriveObserver(DriveObserver* observer);
+    void setJournalObserver(JournalObserver* observer);
+    void noteJournalChanged(std::string_view internalName) const;
 
     // --- Lock
     // ---------------------------------------------------------------------------------------------------
@@ -220,6 +222,7 @@ class TWMetadataStorage {
     // Guarded by storageLock_.
     StoreIndex index_;
     DriveObserver* observer_ = nullptr;
+    JournalObserver* journalObserver_ = nullptr;
     std::string globalLoginResponce_;
     int shutdownBlocks_ = 0;
     bool isTerminating_ = false;

@@ -88,6 +88,17 @@ Tree readTree(const std::string& folder) {
     return tree;
 }
 
+Tree synchronised(Tree tree) {
+    std::erase_if(tree, [](const auto& item) {
+        const std::string name = fs::path(item.first).filename();
+        return !item.second.isFolder &&
+               (name.starts_with('.') || name.starts_with('~') || name.ends_with(".tmp"));
+    });
+    for (auto& [path, entry] : tree)
+        entry.modifiedMs = 0;
+    return tree;
+}
+
 std::string randomBytes(std::size_t size) {
     std::mt19937_64 generator(size + 1);
     std::string bytes(size, '\0');
@@ -222,6 +233,14 @@ void Client::refresh() {
     ASSERT_EQ(result.status, 0) << result.output;
 }
 
+bool Client::waitForUploads(std::chrono::milliseconds deadline) {
+    return eventually(
+        [&] {
+            return run({"status", "--json"}).output.find("\"uploadQueueLen\":0,") != std::string::npos;
+        },
+        deadline);
+}
+
 std::string Client::log() const {
     std::string text = contentsOf(folder_ + "/client.out");
     std::error_code error;
@@ -244,11 +263,23 @@ World::World(const Options& options) : port_(freePort()) {
     client_->login("ann@example.org", "secret");
 }
 
+Client& World::otherClient() {
+    if (!other_) {
+        other_ = std::make_unique<Client>(folder_.path("ann2"),
+                                          "example.localhost:" + std::to_string(clientPort()),
+                                          folder_.path("service/tls/ca.pem"));
+        other_->login("ann@example.org", "secret");
+    }
+    return *other_;
+}
+
 World::~World() {
     if (::testing::Test::HasFailure()) {
         std::fprintf(stderr, "--- client\n%s--- service\n%s", client_->log().c_str(),
                      contentsOf(folder_.path("service.out")).c_str());
+        if (other_) std::fprintf(stderr, "--- other client\n%s", other_->log().c_str());
     }
+    other_.reset();
     client_.reset();
 }
 

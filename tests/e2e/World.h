@@ -25,6 +25,9 @@ struct TreeEntry {
 /// By path relative to the top, names in canonical decomposition.
 using Tree = std::map<std::string, TreeEntry>;
 Tree readTree(const std::string& folder);
+/// What of a tree other machines see as well: names that take no part in synchronisation are left out, and so
+/// are times, which the service knows as they were when the change was recorded.
+Tree synchronised(Tree tree);
 
 /// Bytes that differ from place to place and from size to size.
 std::string randomBytes(std::size_t size);
@@ -59,6 +62,8 @@ class Client {
     bool waitForState(const std::string& state);
     /// Asks the client to look for changes now.
     void refresh();
+    /// Until nothing waits to be sent.
+    bool waitForUploads(std::chrono::milliseconds deadline = std::chrono::seconds(60));
     /// Files and folders below the client's data folder that hold contents: "Files", "Downloads" ...
     [[nodiscard]] std::string cacheFolder(const std::string& name) const {
         return folder_ + "/data/Tarnwell/" + name;
@@ -103,6 +108,8 @@ class World {
     [[nodiscard]] int clientPort() const { return relay_ ? relay_->port() : port_; }
 
     [[nodiscard]] Client& client() { return *client_; }
+    /// A second machine of the same user, logged in but not started; on the same line.
+    Client& otherClient();
     [[nodiscard]] std::string sourceFolder() const { return folder_.path("source"); }
     [[nodiscard]] const TemporaryFolder& folder() const { return folder_; }
 
@@ -112,6 +119,7 @@ class World {
     std::unique_ptr<TcpRelay> relay_;
     std::unique_ptr<ChildProcess> service_;
     std::unique_ptr<Client> client_;
+    std::unique_ptr<Client> other_;
     int runs_ = 0;
 };
 
