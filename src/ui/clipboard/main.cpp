@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     QGuiApplication application(argc, argv);
     auto* clipboard = QGuiApplication::clipboard();
     auto* data = new QMimeData;  // the clipboard's from now on
-    data->setUrls({QUrl(link, QUrl::StrictMode)});
+    data->setUrls({QUrl(link)});
     const QString shown = link.toHtmlEscaped();
     data->setHtml(QStringLiteral("<a href=\"%1\">%1</a>").arg(shown));
     data->setText(link);
