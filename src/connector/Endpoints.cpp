@@ -171,4 +171,41 @@ UrlRequest fileApiChunk(const ShareAddress& share, std::string_view token, std::
     return request;
 }
 
+namespace {
+
+UrlRequest clientApiRequest(std::string_view address, std::string_view path, std::string_view command,
+                            std::string request) {
+    UrlRequest call;
+    call.method = "POST";
+    call.url = format("https://%@%@", gatewayHost(address), path);
+    call.headers = {{"command", std::string(command)}, {"request", std::move(request)}};
+    call.maximumReplyBytes = kMaximumEventReply;
+    return call;
+}
+
+}  // namespace
+
+UrlRequest clientApi(std::string_view gateWayUrl, std::string_view command, std::string_view request) {
+    constexpr std::string_view path = "/clientapi.aspx";
+    UrlRequest call = clientApiRequest(gateWayUrl, path, command, percentEncodeHeaderParam(request));
+    call.headers.emplace_back("uri", path);
+    return call;
+}
+
+UrlRequest webClientLink(std::string_view domainUrl, std::string_view command, std::string_view request) {
+    return clientApiRequest(domainUrl, "/clientapi.aspx", command, std::string(request));
+}
+
+UrlRequest publicLink(std::string_view domainUrl, std::string_view command, std::string_view request) {
+    return clientApiRequest(domainUrl, "/ClientApi.aspx", command, std::string(request));
+}
+
+std::string webClientAddress(std::string_view domainUrl, std::string_view encodedLink) {
+    return format("https://webclient.%@/default.aspx?sas=%@", domainUrl, encodedLink);
+}
+
+std::string publicLinkAddress(std::string_view domainUrl, bool isFile, std::string_view linkId) {
+    return format("https://webclient.%@/publiclink.aspx?%@=%@", domainUrl, isFile ? "saf2" : "sao2", linkId);
+}
+
 }  // namespace tarnwell::endpoints

@@ -75,6 +75,19 @@ inline constexpr std::chrono::seconds kRangeReadLimit{60};
                                       std::int64_t position, std::string bytes, std::string_view hash,
                                       std::chrono::seconds timeout);
 
+/// A command of the client API, and the record of its method, as JSON texts.
+[[nodiscard]] UrlRequest clientApi(std::string_view gateWayUrl, std::string_view command,
+                                   std::string_view request);
+/// The link commands: another spelling of the path, and the record goes as it is.
+[[nodiscard]] UrlRequest webClientLink(std::string_view domainUrl, std::string_view command,
+                                       std::string_view request);
+[[nodiscard]] UrlRequest publicLink(std::string_view domainUrl, std::string_view command,
+                                    std::string_view request);
+/// What a browser opens: the web client with an encrypted direct link, already value-encoded, and a public
+/// link.
+[[nodiscard]] std::string webClientAddress(std::string_view domainUrl, std::string_view encodedLink);
+[[nodiscard]] std::string publicLinkAddress(std::string_view domainUrl, bool isFile, std::string_view linkId);
+
 }  // namespace endpoints
 
 }  // namespace tarnwell

@@ -7,32 +7,30 @@
 
 #include "store/TWVirtualFile.h"
 
-/// The records of the file API, by which changes go to the service. Keys are the service's.
+/// The records of the file API: a change of one item, and the chunks of its contents.
 namespace tarnwell {
 
-/// One change: announces contents, or is the whole of a change without any.
+/// One change that a device asks for.
 struct TWFileJournalEvent {
-    std::string TransmitId;  ///< new for each request
+    std::string TransmitId;  ///< of this request alone
     std::string UserOrigin;
-    std::int32_t ClientJournalEventType = 0;  ///< a value of the enum LocalJournalType
-    std::int64_t TransmitDate = 0;            ///< in ticks
+    std::int32_t ClientJournalEventType = 0;  ///< a LocalJournalType
+    std::int64_t TransmitDate = 0;            ///< ticks of 100 ns
     TWVirtualFilePtr TwVirtualFile;
-    std::string ShareToken;  ///< the share's ACL token, value-encoded; a secret
+    std::string ShareToken;  ///< value-encoded; a secret, never logged
     std::string DeviceId;
 };
 BOOST_DESCRIBE_STRUCT(TWFileJournalEvent, (),
                       (TransmitId, UserOrigin, ClientJournalEventType, TransmitDate, TwVirtualFile,
                        ShareToken, DeviceId))
 
-/// Answer to an event. `ResponseCode`: 1 accepted, 2 conflict, 3 done under another name, 9 deletion ignored,
-/// 10 unknown item.
+/// The answer to an event. `TransmitToken` admits the chunks that follow a Create or Update.
 struct TWFileJournalResponse {
-    std::optional<std::string> TransmitId;
-    std::optional<std::string> TransmitToken;  ///< for the chunks that follow
+    std::optional<std::string> TransmitId, TransmitToken;
     std::int32_t ResponseCode = 0;
     std::optional<std::int64_t> FilePosition;
     std::optional<std::string> UploadUrl;
-    TWVirtualFilePtr TwVirtualFile;  ///< the item as the service has it
+    TWVirtualFilePtr TwVirtualFile;  ///< the item as the service has it now
     std::optional<TWFileJournalEvent> FileJournalEvent;
     std::optional<std::string> ShareToken;
 };
@@ -40,9 +38,9 @@ BOOST_DESCRIBE_STRUCT(TWFileJournalResponse, (),
                       (TransmitId, TransmitToken, ResponseCode, FilePosition, UploadUrl, TwVirtualFile,
                        FileJournalEvent, ShareToken))
 
-/// Answer to a chunk. `ResponseCode`: 0 stored, 1 refused, 2 the file is complete, 3 the whole is damaged.
+/// The answer to one chunk.
 struct TWFileChunkUploadResponse {
-    std::optional<std::int64_t> Position;
+    std::optional<std::int64_t> Position;  ///< bytes that the service has
     std::int32_t ResponseCode = 0;
     std::optional<TWFileJournalEvent> FileJournalEvent;
 };

@@ -6,11 +6,13 @@
 #include <utility>
 
 #include "connector/CatchUpEngine.h"
+#include "connector/ClientApi.h"
 #include "connector/ConnectorReachability.h"
 #include "connector/DownloadEngine.h"
 #include "connector/FileApi.h"
 #include "connector/ItemOperations.h"
 #include "connector/JournalReplayEngine.h"
+#include "connector/Links.h"
 #include "connector/LoginEngine.h"
 #include "connector/SyncStatus.h"
 #include "connector/TaskGate.h"
@@ -55,7 +57,9 @@ struct TWConnector::Parts {
           uploads({environment, session, fileApi, transmissions, downloads, gate}),
           items(environment, fileApi, transmissions, gate),
           replay({environment, session, reachability, catchUps, transmissions, uploads, items, gate}),
-          status(environment, downloads, gate) {
+          clientApi(environment, session, transmissions, gate),
+          status(environment, downloads, gate),
+          links(environment, session, gate) {
         catchUps.setJournalReplay(&replay);
         downloads.setJournalReplay(&replay);
     }
@@ -84,7 +88,9 @@ struct TWConnector::Parts {
     UploadEngine uploads;
     ItemOperations items;
     JournalReplayEngine replay;
+    ClientApi clientApi;
     SyncStatus status;
+    Links links;
 
     // Main thread only.
     Timer housekeeping, loginTimer, refreshTimer, journalTimer;
@@ -174,8 +180,16 @@ JournalReplayEngine& TWConnector::replay() {
     return parts_->replay;
 }
 
+ClientApi& TWConnector::clientApi() {
+    return parts_->clientApi;
+}
+
 SyncStatus& TWConnector::status() {
     return parts_->status;
+}
+
+Links& TWConnector::links() {
+    return parts_->links;
 }
 
 }  // namespace tarnwell

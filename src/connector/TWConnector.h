@@ -10,9 +10,11 @@
 namespace tarnwell {
 
 class CatchUpEngine;
+class ClientApi;
 class ConnectorReachability;
 class DownloadEngine;
 class JournalReplayEngine;
+class Links;
 class LoginEngine;
 class SyncStatus;
 class UploadEngine;
@@ -21,7 +23,8 @@ class UploadEngine;
 ///
 /// It owns what its parts share and composes one class for each concern: LoginEngine (who the user is and
 /// which shares there are), CatchUpEngine (changes made elsewhere), DownloadEngine (file contents),
-/// JournalReplayEngine (changes made here, in their order), UploadEngine (contents made here), SyncStatus.
+/// JournalReplayEngine (changes made here, in their order), UploadEngine (contents made here), ClientApi
+/// (single changes by hand), SyncStatus, Links.
 /// Include the part's header to use it: `connector.login().loginToGlobal()`,
 /// `connector.downloads().downloadFileChunk(file, position, size)`.
 ///
@@ -56,7 +59,9 @@ class TWConnector {
     [[nodiscard]] DownloadEngine& downloads();
     [[nodiscard]] UploadEngine& uploads();
     [[nodiscard]] JournalReplayEngine& replay();
+    [[nodiscard]] ClientApi& clientApi();
     [[nodiscard]] SyncStatus& status();
+    [[nodiscard]] Links& links();
 
   private:
     struct Parts;
