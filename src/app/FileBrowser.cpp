@@ -1,10 +1,11 @@
 #include "app/FileBrowser.h"
 
 #include "connector/DownloadEngine.h"
+#include "connector/Links.h"
 #include "connector/Notifications.h"
 #include "connector/TWConnector.h"
+#include "platform/DesktopServices.h"
 #include "store/TWMetadataStorage.h"
-#include "util/TWLogger.h"
 
 namespace tarnwell {
 
@@ -39,6 +40,7 @@ void FileBrowser::start() {
     subscriptions_.push_back(center.observe<TWConnectorFileUploadFinished>(follow));
     environment_.store.setJournalObserver(this);
     environment_.connector.status().setIcons(this);
+    environment_.connector.links().setUrlOpener(&environment_.desktop);
 }
 
 void FileBrowser::stop() {
@@ -46,6 +48,7 @@ void FileBrowser::stop() {
     greeting_.cancel();
     environment_.store.setJournalObserver(nullptr);
     environment_.connector.status().setIcons(nullptr);
+    environment_.connector.links().setUrlOpener(nullptr);
 }
 
 void FileBrowser::driveDidMount() {
@@ -97,13 +100,12 @@ void FileBrowser::refreshShareSyncStatus(const ManagedSharePtr& share) {
     environment_.connector.status().refreshShareSyncStatus(share);
 }
 
-void FileBrowser::createFilePublicLink(const TWVirtualFilePtr& /*file*/,
-                                       RemoteCommands::LinkHandler /*handler*/) {
-    TWLog(kLogMain, "Warning! Public links are not available.");
+void FileBrowser::createFilePublicLink(const TWVirtualFilePtr& file, RemoteCommands::LinkHandler handler) {
+    environment_.connector.links().createFilePublicLink(file, std::move(handler));
 }
 
-void FileBrowser::openShareInWebClient(const ManagedSharePtr& /*share*/) {
-    TWLog(kLogMain, "Warning! The web client is not available.");
+void FileBrowser::openShareInWebClient(const ManagedSharePtr& share) {
+    environment_.connector.links().openShareInWebClient(share);
 }
 
 bool FileBrowser::isFileDownloaded(const TWVirtualFile& file) {

@@ -18,7 +18,8 @@ namespace {
 /// A service that is started for the call may take its time.
 constexpr int kDeadlineMs = 15'000;
 
-/// By the program that knows every desktop; for the time that it runs it is nobody's child.
+/// By the program that knows every desktop. What is opened is not logged: a link may be as good as a
+/// password.
 void xdgOpen(const std::string& what) {
     QProcess program;
     program.setProgram(QStringLiteral("xdg-open"));
@@ -27,7 +28,7 @@ void xdgOpen(const std::string& what) {
     program.setStandardOutputFile(QProcess::nullDevice());
     program.setStandardErrorFile(QProcess::nullDevice());
     if (!program.startDetached())
-        TWLog(kLogMain, "Warning! Neither the desktop nor xdg-open is there to open %@", what);
+        TWLog(kLogMain, "Warning! Neither the desktop nor xdg-open is there to open a folder or link.");
 }
 
 bool isOpened(const std::string& url) {
@@ -65,8 +66,11 @@ DBusDesktopServices::DBusDesktopServices(SessionBus& bus, std::string applicatio
 
 DBusDesktopServices::~DBusDesktopServices() = default;
 
-void DBusDesktopServices::openUrl(const std::string& url) {
-    if (!isOpened(url)) return TWLog(kLogMain, "Warning! Cannot open %@: not an address for a browser", url);
+bool DBusDesktopServices::openUrl(const std::string& url) {
+    if (!isOpened(url)) {
+        TWLog(kLogMain, "Warning! Cannot open what is no address for a browser or mail program.");
+        return false;
+    }
     bus_.whenConnected(
         [this, url](QDBusConnection& connection) {
             const auto message =
@@ -76,6 +80,7 @@ void DBusDesktopServices::openUrl(const std::string& url) {
             state_->call(connection, message, [url](const QString&) { xdgOpen(url); });
         },
         [url](const std::string&) { xdgOpen(url); });
+    return true;
 }
 
 void DBusDesktopServices::showFolder(const std::string& path) {

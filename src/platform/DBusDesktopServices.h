@@ -16,7 +16,7 @@ class DBusDesktopServices final : public DesktopServices {
     DBusDesktopServices(SessionBus& bus, std::string applicationName);
     ~DBusDesktopServices() override;
 
-    void openUrl(const std::string& url) override;
+    bool openUrl(const std::string& url) override;
     void showFolder(const std::string& path) override;
     void deliverNotification(const std::string& title, const std::string& text) override;
     void postDistributedNotification(const std::string& name) override;

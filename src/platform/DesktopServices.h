@@ -3,14 +3,16 @@
 #include <functional>
 #include <string>
 
+#include "platform/UrlOpener.h"
+
 namespace tarnwell {
 
 /// What the desktop does for its programs. Main thread only; nothing blocks, failures are logged.
-class DesktopServices {
+class DesktopServices : public UrlOpener {
   public:
-    virtual ~DesktopServices() = default;
-    /// Opens an "https:", "http:" or "mailto:" address in the user's program for it. Others are refused.
-    virtual void openUrl(const std::string& url) = 0;
+    /// Opens an "https:", "http:" or "mailto:" address in the user's program for it. Others are refused:
+    /// false.
+    bool openUrl(const std::string& url) override = 0;
     /// Shows the folder in the file browser.
     virtual void showFolder(const std::string& path) = 0;
     virtual void deliverNotification(const std::string& title, const std::string& text) = 0;

@@ -105,7 +105,10 @@ struct FakeClient {
         std::vector<std::string> texts;
     };
     struct Desktop : DesktopServices {
-        void openUrl(const std::string& url) override { done.push_back("open " + url); }
+        bool openUrl(const std::string& url) override {
+            done.push_back("open " + url);
+            return true;
+        }
         void showFolder(const std::string& path) override { done.push_back("show " + path); }
         void deliverNotification(const std::string& title, const std::string& text) override {
             done.push_back("notify " + title + " / " + text);
