@@ -5,7 +5,7 @@ find_package(OpenSSL 3 REQUIRED)
 find_package(CURL REQUIRED)
 find_package(Boost 1.81 REQUIRED COMPONENTS json)
 find_package(SQLite3 REQUIRED)
-find_package(Qt6 REQUIRED COMPONENTS Core Network DBus)
+find_package(Qt6 REQUIRED COMPONENTS Core Network DBus Gui)
 find_package(CLI11 REQUIRED)
 
 pkg_check_modules(fuse3 REQUIRED IMPORTED_TARGET fuse3>=3.12)

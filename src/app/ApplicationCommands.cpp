@@ -10,7 +10,6 @@
 #include "connector/TWConnector.h"
 #include "platform/UserDefaults.h"
 #include "store/TWMetadataStorage.h"
-#include "util/TWLogger.h"
 
 namespace tarnwell {
 
@@ -112,10 +111,6 @@ void TWApplicationDelegate::refresh(CommandRequests::Answer answer) {
 void TWApplicationDelegate::answerQuitRequests() {
     for (const auto& answer : std::exchange(quitRequests_, {}))
         answer({true, ""});
-}
-
-void TWApplicationDelegate::parseRemoteCommand(std::string_view text) {
-    TWLog(kLogMain, "Warning! Failed to parse remote command: %@", text);
 }
 
 }  // namespace tarnwell

@@ -9,17 +9,6 @@ constexpr std::string_view kFailed = "failed\n";
 
 }  // namespace
 
-std::optional<CommandMessage> parseMessage(std::string_view text) {
-    const auto colon = text.find(':');
-    if (colon == std::string_view::npos) return std::nullopt;
-    std::string_view argument = text.substr(colon + 1);
-    while (argument.starts_with('\n') || argument.starts_with('\r'))
-        argument.remove_prefix(1);
-    while (argument.ends_with('\n') || argument.ends_with('\r'))
-        argument.remove_suffix(1);
-    return CommandMessage{std::string(text.substr(0, colon)), std::string(argument)};
-}
-
 std::string formatAnswer(const CommandAnswer& answer) {
     return std::string(answer.succeeded ? kSucceeded : kFailed) + answer.text;
 }

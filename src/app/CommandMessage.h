@@ -11,15 +11,6 @@
 /// logout) is answered with "ok\n" or "failed\n" and a text.
 namespace tarnwell {
 
-struct CommandMessage {
-    std::string command;
-    std::string argument;
-};
-
-/// Splits at the first ":". None without one: that is no command. Line breaks around the argument do not
-/// count.
-std::optional<CommandMessage> parseMessage(std::string_view text);
-
 struct CommandAnswer {
     bool succeeded = false;
     std::string text;

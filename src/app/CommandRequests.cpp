@@ -1,12 +1,14 @@
 #include "app/CommandRequests.h"
 
+#include "connector/StoreQueries.h"
 #include "util/TWLogger.h"
 
 namespace tarnwell {
 
 void CommandRequests::didReceive(const std::string& text, LocalServer::Reply reply) {
-    const auto message = parseMessage(text);
-    TWLog(kLogMain, "Received command: %@", message && message->command == "login" ? "login" : text);
+    auto message = TWMachportMsgParser::parseMessage(text);
+    if (message) message->argument = std::string(trimmedNewlines(message->argument));
+    TWLog(kLogMain, "Received command: %@", message && message->command == "login" ? "login" : forLog(text));
     const Answer answer = [reply = std::move(reply)](const CommandAnswer& given) {
         reply(formatAnswer(given));
     };

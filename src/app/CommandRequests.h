@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "app/CommandMessage.h"
+#include "app/TWMachportMsgParser.h"
 #include "platform/LocalServer.h"
 
 namespace tarnwell {

@@ -15,12 +15,16 @@
 #include "connector/TWConnector.h"
 #include "drive/FuseMount.h"
 #include "platform/BackgroundQueue.h"
+#include "platform/ClipboardProgram.h"
 #include "platform/CurlUrlLoader.h"
+#include "platform/DBusDesktopServices.h"
+#include "platform/DBusMessagePorts.h"
 #include "platform/MountWatcher.h"
 #include "platform/NetlinkReachability.h"
 #include "platform/NotificationCenter.h"
 #include "platform/QtLocalServer.h"
 #include "platform/QtRunLoop.h"
+#include "platform/SessionBus.h"
 #include "platform/SignalWatcher.h"
 #include "platform/SingleInstance.h"
 #include "platform/SystemInformation.h"
@@ -73,6 +77,10 @@ struct Composition::Objects {
     SerialQueue catchUpQueue;
     NetlinkReachability reachability;
     CurlUrlLoader urlLoader;
+    SessionBus sessionBus;
+    DBusMessagePorts ports;
+    DBusDesktopServices desktop;
+    ClipboardProgram clipboard;
 
     // The rooms.
     TWMetadataStorage store;
@@ -97,6 +105,10 @@ Composition::Objects::Objects(int& argc, char** argv, bool /*headless: there are
       loginQueue(background),
       catchUpQueue(background),
       urlLoader({.certificateAuthority = foundation.defaults.get("TWCertificateAuthority").value_or("")}),
+      sessionBus(mainLoop, background),
+      ports(sessionBus),
+      desktop(sessionBus, foundation.identity.appTitle),
+      clipboard(ClipboardProgram::installedProgram()),
       store({.layout = foundation.layout,
              .clock = clock,
              .background = background,
@@ -126,6 +138,7 @@ Composition::Objects::Objects(int& argc, char** argv, bool /*headless: there are
     TWMetadataStorage::setShared(&store);
     TWConnector::setDefaultConnector(&connector);
     store.setDownloadScheduler(&connector.downloads());
+    store.setFolderRefresher(&delegate.fileBrowser());
 }
 
 TWApplicationDelegate::Environment Composition::Objects::delegateEnvironment() {
@@ -138,6 +151,9 @@ TWApplicationDelegate::Environment Composition::Objects::delegateEnvironment() {
             .connector = connector,
             .userInterface = userInterface,
             .commandSocket = commandSocket,
+            .ports = ports,
+            .desktop = desktop,
+            .clipboard = clipboard,
             .storeKeeper = &storeKeeper,
             .resourceFolder = Foundation::resourceFolder(),
             .makeFileSystem = drive.factory(),

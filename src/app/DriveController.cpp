@@ -83,6 +83,7 @@ void DriveController::didMount() {
     const std::string path = settings_.mountPath + "/.fuselock";
     fuseLockHandle_ = OwnedDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRWXU));
     if (!fuseLockHandle_) TWLog(kLogMain, "Warning! Cannot open fuse lock file: error %d", errno);
+    mediator_.driveDidMount();
 }
 
 void DriveController::mountDidFailed(const std::string& information) {

@@ -37,6 +37,8 @@ class DriveController {
         /// Tells what is mounted at `path` from what was before; empty: nothing is. Does not ask the drive
         /// itself.
         [[nodiscard]] virtual std::string deviceAtPath(const std::string& path) = 0;
+        /// The drive is there.
+        virtual void driveDidMount() = 0;
         /// The drive cannot be shown; the application ends after telling the user.
         virtual void mountDidFail(const std::string& reason) = 0;
     };

@@ -6,6 +6,7 @@
 #include "app/StoreKeeper.h"
 #include "connector/LoginEngine.h"
 #include "connector/TWConnector.h"
+#include "platform/DesktopServices.h"
 #include "platform/NotificationCenter.h"
 #include "platform/UserDefaults.h"
 #include "store/TWMetadataStorage.h"
@@ -35,6 +36,9 @@ DriveController::Settings driveSettings(const TWApplicationDelegate::Environment
 
 TWApplicationDelegate::TWApplicationDelegate(Environment environment)
     : environment_(std::move(environment)),
+      fileBrowser_({environment_.store, environment_.connector, environment_.mainLoop,
+                    environment_.background, environment_.notifications, environment_.ports,
+                    environment_.desktop, environment_.clipboard}),
       drive_(driveSettings(environment_), *this, environment_.mainLoop, environment_.makeFileSystem),
       login_(*this, environment_.mainLoop, environment_.notifications),
       termination_(*this, environment_.mainLoop),
@@ -54,8 +58,7 @@ TWApplicationDelegate* TWApplicationDelegate::delegate() {
     return theDelegate;
 }
 
-// --- Start-up
-// -----------------------------------------------------------------------------------------------------
+// Start-up
 
 void TWApplicationDelegate::applicationWillFinishLaunching() {
     auto& defaults = environment_.defaults;
@@ -99,6 +102,7 @@ bool TWApplicationDelegate::checkSingleInstance() {
 }
 
 void TWApplicationDelegate::finishApplicationInitialization() {
+    fileBrowser_.start();
     initializeCommandSocket();
     login_.observe();
     checkCleanShutdown();
@@ -109,6 +113,7 @@ void TWApplicationDelegate::finishApplicationInitialization() {
                                                      [this] { environment_.machine.checkOpenedFiles(); });
     isFinishedInitialization_ = true;
     login_.begin();
+    environment_.desktop.postDistributedNotification("com.tarnwell.ferndisk-started");
 }
 
 std::string TWApplicationDelegate::commandSocketPath() const {
@@ -139,8 +144,7 @@ void TWApplicationDelegate::checkCleanShutdown() {
     defaults.synchronize();
 }
 
-// --- What the login needs
-// -----------------------------------------------------------------------------------------
+// What the login needs
 
 bool TWApplicationDelegate::credentialsAvailable() {
     return environment_.connector.login().credentialsAvailable();
@@ -173,8 +177,7 @@ void TWApplicationDelegate::askForLogin() {
     environment_.userInterface.askForLogin();
 }
 
-// --- What the drive needs
-// -----------------------------------------------------------------------------------------
+// What the drive needs
 
 void TWApplicationDelegate::checkForOldMountAtPath(const std::string& path) {
     environment_.machine.checkForOldMountAtPath(path);
@@ -182,6 +185,11 @@ void TWApplicationDelegate::checkForOldMountAtPath(const std::string& path) {
 
 void TWApplicationDelegate::migrateMountDirectoryIfNeeded() {
     environment_.store.layout().migrateMountDirectoryIfNeeded();
+}
+
+void TWApplicationDelegate::stopFuse() {
+    fileBrowser_.driveWillUnmount();
+    drive_.stopFuse();
 }
 
 void TWApplicationDelegate::mountDidFail(const std::string& reason) {
@@ -192,8 +200,7 @@ void TWApplicationDelegate::mountDidFail(const std::string& reason) {
         [this](std::size_t) { terminateWithStatus(1); });
 }
 
-// --- The way out
-// --------------------------------------------------------------------------------------------------
+// The way out
 
 void TWApplicationDelegate::endRequestedBySignal() {
     if (++signals_ == 1) return termination_.applicationShouldTerminate();
@@ -236,6 +243,7 @@ void TWApplicationDelegate::beginTermination() {
 
 void TWApplicationDelegate::stopObserving() {
     login_.stop();
+    fileBrowser_.stop();
     openedFilesTimer_.cancel();
     exitCheck_.cancel();
 }

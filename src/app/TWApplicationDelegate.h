@@ -8,6 +8,7 @@
 #include "app/CacheCleaner.h"
 #include "app/CommandRequests.h"
 #include "app/DriveController.h"
+#include "app/FileBrowser.h"
 #include "app/LoginCoordinator.h"
 #include "app/RecentErrors.h"
 #include "app/StatusReport.h"
@@ -30,6 +31,7 @@ struct ApplicationIdentity;
 ///     TerminationProtocol  the way out
 ///     CacheCleaner         everything of a user off this machine
 ///     CommandRequests      what the command line asks
+///     FileBrowser          what the desktop's file browser shows and asks
 ///
 /// Each of them declares what it needs as a small interface, implemented here. Main thread only, except for
 /// excessiveLogging(). Made and wired by the Composition.
@@ -67,6 +69,9 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
         TWConnector& connector;
         UserInterface& userInterface;
         LocalServer& commandSocket;
+        MessagePorts& ports;
+        DesktopServices& desktop;
+        Clipboard& clipboard;
         StoreKeeper* storeKeeper = nullptr;  ///< null: every run starts with an empty store
         std::string resourceFolder;
         FileSystemLayer::Factory makeFileSystem;
@@ -81,8 +86,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     /// The application object of the process, for the outermost edges only. Null before and after.
     static TWApplicationDelegate* delegate();
 
-    // --- In the order of a run
-    // ----------------------------------------------------------------------------------
+    // In the order of a run
     /// Before the main loop runs.
     void applicationWillFinishLaunching();
     /// The first task of the main loop.
@@ -95,12 +99,12 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     /// Answers those who asked the program to quit and wait for its end: the very last thing.
     void answerQuitRequests();
 
-    // --- Questions
-    // ----------------------------------------------------------------------------------------------
+    // Questions
     /// Any thread.
     [[nodiscard]] bool excessiveLogging() const { return excessiveLogging_; }
     [[nodiscard]] StatusReport statusReport();
     [[nodiscard]] std::string commandSocketPath() const;
+    [[nodiscard]] FileBrowser& fileBrowser() { return fileBrowser_; }
 
   private:
     [[nodiscard]] bool checkSingleInstance();
@@ -119,7 +123,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void setupRefreshTimers() override;
     bool fuseInitialized() override { return drive_.fuseInitialized(); }
     void initializeFuse() override { drive_.initializeFuse(); }
-    void stopFuse() override { drive_.stopFuse(); }  // for the TerminationProtocol as well
+    void stopFuse() override;  // for the TerminationProtocol as well
     void clearCaches() override { cacheCleaner_.clearCaches(); }
     void askForLogin() override;
 
@@ -130,6 +134,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     std::string deviceAtPath(const std::string& path) override {
         return environment_.machine.deviceAtPath(path);
     }
+    void driveDidMount() override { fileBrowser_.driveDidMount(); }
     void mountDidFail(const std::string& reason) override;
 
     // TerminationProtocol::Mediator
@@ -150,7 +155,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void logout(CommandRequests::Answer answer) override;
     void quit(CommandRequests::Answer answer) override;
     void refresh(CommandRequests::Answer answer) override;
-    void parseRemoteCommand(std::string_view text) override;
+    void parseRemoteCommand(std::string_view text) override { fileBrowser_.parseRemoteCommand(text); }
 
     Environment environment_;
     RecentErrors recentErrors_;
@@ -163,6 +168,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     Timer openedFilesTimer_;
     Timer exitCheck_;
 
+    FileBrowser fileBrowser_;
     DriveController drive_;
     LoginCoordinator login_;
     TerminationProtocol termination_;

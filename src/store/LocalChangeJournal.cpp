@@ -118,6 +118,7 @@ TWVirtualFilePtr LocalChangeJournal::addChangeToJournal(const LocalJournalPtr& e
     const bool worthSaving = merge_.add(entry);
     store_.setStorageEmpty(false);
     if (worthSaving) store_.saveDelayed();
+    store_.noteJournalChanged(id);
     if (takenOver_) return std::exchange(takenOver_, nullptr);
     return store_.fileWithId(id);
 }
@@ -153,8 +154,10 @@ void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
 
 void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
     const auto change = store_.beginLocalChange();
+    if (!queue_.remove(*entry)) return;
     // What the service answered stands in the record.
-    if (queue_.remove(*entry)) store_.changes_.noteFile(entry->File->InternalName);
+    store_.changes_.noteFile(entry->File->InternalName);
+    store_.noteJournalChanged(entry->File->InternalName.view());
 }
 
 void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool transmitting) {

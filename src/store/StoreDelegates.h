@@ -27,6 +27,14 @@ class FolderRefresher {
     virtual void refreshFinderFolders(const std::vector<std::string>& folderIds) = 0;
 };
 
+/// Hears of every item whose local changes came into the journal or left it.
+/// Called with the store's lock held, from any thread: must only take note, never block or call the store.
+class JournalObserver {
+  public:
+    virtual ~JournalObserver() = default;
+    virtual void journalChanged(std::string_view internalName) = 0;
+};
+
 /// Hears of every change of a record that shows on the drive, so that the kernel's caches can follow.
 /// Called with the store's lock held, from any thread: must only take note, never block or call the store.
 class DriveObserver {

@@ -31,6 +31,16 @@ void TWMetadataStorage::setDriveObserver(DriveObserver* observer) {
     observer_ = observer;
 }
 
+void TWMetadataStorage::setJournalObserver(JournalObserver* observer) {
+    const auto lock = beginWriteStorage();
+    journalObserver_ = observer;
+}
+
+void TWMetadataStorage::noteJournalChanged(std::string_view internalName) const {
+    const auto lock = beginReadStorage();
+    if (journalObserver_) journalObserver_->journalChanged(internalName);
+}
+
 LocalChange::LocalChange(TWMetadataStorage& store)
     : lock_(store.beginWriteStorage()), changes_(store.changes_) {
     changes_.beginChange();

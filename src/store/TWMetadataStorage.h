@@ -61,6 +61,8 @@ class TWMetadataStorage {
     void setFolderRefresher(FolderRefresher* refresher) { refresher_ = refresher; }
     /// Any time: the drive comes and goes while others run.
     void setDriveObserver(DriveObserver* observer);
+    void setJournalObserver(JournalObserver* observer);
+    void noteJournalChanged(std::string_view internalName) const;
 
     [[nodiscard]] StorageLock beginReadStorage() const { return StorageLock(storageLock_); }
     [[nodiscard]] StorageLock beginWriteStorage() const { return StorageLock(storageLock_); }
@@ -215,6 +217,7 @@ class TWMetadataStorage {
     const std::unique_ptr<StorePersistence> persistence_;
     // Guarded by storageLock_.
     DriveObserver* observer_ = nullptr;
+    JournalObserver* journalObserver_ = nullptr;
     std::string globalLoginResponce_;
     int shutdownBlocks_ = 0;
     bool isTerminating_ = false;

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "app/CommandMessage.h"
+#include "app/TWMachportMsgParser.h"
 #include "platform/LocalSocket.h"
 #include "platform/QtLocalServer.h"
 #include "platform/QtRunLoop.h"
@@ -138,12 +139,12 @@ TEST(CommandMessageTest, splitsAtTheFirstColon) {
     };
     for (const auto& [text, expected] : std::initializer_list<Row>{
              {"observe:/A/b", CommandMessage{"observe", "/A/b"}},
-             {"badge:/A: b\n", CommandMessage{"badge", "/A: b"}},
+             {"badge:/A: b\n", CommandMessage{"badge", "/A: b\n"}},
              {"hello:", CommandMessage{"hello", ""}},
              {"hello", std::nullopt},
              {"", std::nullopt},
          }) {
-        const auto message = parseMessage(text);
+        const auto message = TWMachportMsgParser::parseMessage(text);
         ASSERT_EQ(message.has_value(), expected.has_value()) << text;
         if (!message) continue;
         EXPECT_EQ(message->command, expected->command) << text;

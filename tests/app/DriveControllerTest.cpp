@@ -57,6 +57,7 @@ struct DriveControllerTest : ::testing::Test, DriveController::Mediator {
     void checkForOldMountAtPath(const std::string& path) override {
         steps += "check " + path.substr(path.rfind('/')) + "; ";
     }
+    void driveDidMount() override {}
     std::string deviceAtPath(const std::string&) override { return device; }
     void migrateMountDirectoryIfNeeded() override { steps += "migrate; "; }
     void mountDidFail(const std::string& reason) override { failure = reason; }

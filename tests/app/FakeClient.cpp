@@ -28,6 +28,9 @@ FakeClient::FakeClient(MemoryUserDefaults::Values settings)
         .connector = connector,
         .userInterface = alerts,
         .commandSocket = socket,
+        .ports = ports,
+        .desktop = desktop,
+        .clipboard = clipboard,
         .storeKeeper = nullptr,
         .resourceFolder = home.path(),
         .makeFileSystem =

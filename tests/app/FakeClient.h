@@ -8,6 +8,8 @@
 #include "app/TWApplicationDelegate.h"
 #include "connector/DownloadEngine.h"
 #include "connector/TWConnector.h"
+#include "platform/DesktopServices.h"
+#include "platform/MessagePorts.h"
 #include "platform/NotificationCenter.h"
 #include "store/TWMetadataStorage.h"
 #include "support/FakeClock.h"
@@ -68,6 +70,61 @@ struct FakeClient {
         Events events;
     };
 
+    /// The extension's end of the ports, and how it behaves.
+    struct Ports : MessagePorts {
+        void registerPort(const std::string&, Handler given,
+                          std::function<void(std::string)> registered) override {
+            handler = std::move(given);
+            loop.async([=, this] { registered(registerError); });
+        }
+        void lookUp(const std::string&, std::function<void(Address)> found) override {
+            ++lookUps;
+            loop.async([=, this] { found(extension); });
+        }
+        void watch(const std::string&, std::function<void(Address)> given) override { changed = given; }
+        void send(const Address& to, const Message& message, std::chrono::milliseconds,
+                  std::function<void(bool)> sent) override {
+            const bool heard = !stuck && to == extension;
+            if (heard) texts.push_back(message.bytes);
+            loop.async([=] { sent(heard); });
+        }
+        /// Another one comes, or the present one goes.
+        void setExtension(const Address& address) {
+            extension = address;
+            changed(address);
+            loop.runPending();
+        }
+        explicit Ports(ManualRunLoop& runLoop) : loop(runLoop) {}
+        ManualRunLoop& loop;
+        Handler handler;
+        std::function<void(Address)> changed;
+        std::string registerError;
+        Address extension;
+        bool stuck = false;
+        int lookUps = 0;
+        std::vector<std::string> texts;
+    };
+    struct Desktop : DesktopServices {
+        bool openUrl(const std::string& url) override {
+            done.push_back("open " + url);
+            return true;
+        }
+        void showFolder(const std::string& path) override { done.push_back("show " + path); }
+        void deliverNotification(const std::string& title, const std::string& text) override {
+            done.push_back("notify " + title + " / " + text);
+        }
+        void postDistributedNotification(const std::string& name) override { done.push_back("post " + name); }
+        std::vector<std::string> done;
+    };
+    struct LinkClipboard : Clipboard {
+        void setLink(const std::string& link, std::function<void(bool)> done) override {
+            contents = link;
+            done(works);
+        }
+        std::string contents;
+        bool works = true;
+    };
+
     TemporaryFolder home;
     MemoryUserDefaults defaults;
     MemoryKeychain keychain;
@@ -79,6 +136,9 @@ struct FakeClient {
     ScriptedUrlLoader service;
     Alerts alerts;
     CommandSocket socket;
+    Ports ports{loop};
+    Desktop desktop;
+    LinkClipboard clipboard;
 
     // What the machine says.
     std::string otherInstance, fuseProblem;

@@ -1,0 +1,294 @@
+// The file browser's commands and overlays over a real store and connector: what the extension, the desktop
+// and the service see.
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "app/FakeClient.h"
+#include "connector/ConnectorSession.h"
+#include "connector/LoginRecords.h"
+#include "store/LocalChangeJournal.h"
+
+namespace tarnwell {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeClient;
+using testing::urlContains;
+using Texts = std::vector<std::string>;
+
+const std::map<std::string, std::string> kIsland{{"TWGlobalAddress", "example.localhost:8443"}};
+
+/// "/Papers" with the folder "Plans", "Plans/big.bin" of ten bytes, "note.txt" of five and "empty.txt".
+struct FileBrowserTest : ::testing::Test {
+    FileBrowserTest() {
+        client.ports.extension = ":1.7";
+        client.start();
+        share = std::make_shared<ManagedShare>();
+        share->ShareId = "s";
+        share->ShareName = share->DisplayName = "Papers";
+        share->DomainId = "dom";
+        share->GateWayUrl = "example.localhost:8443";
+        share->ShareAcl.emplace().AclToken = "acl";
+        client.store.insertShare(share);
+        client.store.createFolderForShare(*share);
+        plans = add("plans", "s", "Plans", false, 0);
+        big = add("big", "plans", "big.bin", true, 10);
+        note = add("note", "s", "note.txt", true, 5);
+        empty = add("empty", "s", "empty.txt", true, 0);
+    }
+
+    TWVirtualFilePtr add(std::string_view id, std::string_view parent, std::string_view name, bool isFile,
+                         std::int64_t size) {
+        auto item = std::make_shared<TWVirtualFile>();
+        item->ShareId = "s";
+        item->InternalName = id;
+        item->ParrentId = parent;
+        item->PublicName = name;
+        item->IsFile = isFile;
+        item->EndOfFile = item->AllocationSize = size;
+        item->UploadName = "u-" + std::string(id);
+        item->UploadUrl = "example.localhost:8443";
+        client.store.addFileMetadata(item);
+        return item;
+    }
+    [[nodiscard]] std::string at(const std::string& path) const { return client.layout.mountPath() + path; }
+    void command(const std::string& name, const std::string& path) {
+        client.ports.handler({1, name + ":" + at(path)});
+        client.loop.runPending();
+    }
+    /// What the extension was told since the last time, the mount path left out.
+    Texts told() {
+        client.loop.advance(1s);
+        Texts texts = std::exchange(client.ports.texts, {});
+        for (auto& text : texts) {
+            if (const auto found = text.find(at("")); found != std::string::npos)
+                text.erase(found, at("").size());
+        }
+        return texts;
+    }
+    /// The bytes of a file arrive, as the download worker leaves them.
+    void fetch(const TWVirtualFilePtr& file) {
+        std::filesystem::create_directories(
+            std::filesystem::path(client.layout.cachePathForFile(*file)).parent_path());
+        std::ofstream(client.layout.cachePathForFile(*file)) << std::string(file->size(), 'x');
+    }
+    [[nodiscard]] Texts lines(std::string_view text) const {
+        Texts found;
+        std::istringstream log(client.log());
+        for (std::string line; std::getline(log, line);) {
+            if (const auto at = line.find(text); at != std::string::npos) found.push_back(line.substr(at));
+        }
+        return found;
+    }
+
+    FakeClient client{kIsland};
+    ManagedSharePtr share;
+    TWVirtualFilePtr plans, big, note, empty;
+};
+
+TEST_F(FileBrowserTest, wrongTextsAreLoggedAndDoNothing) {
+    const std::string path = at("/Papers/");
+    const std::string broken = "badge:\xff\xfe";
+    struct Row {
+        std::string text, logged;
+    };
+    for (const auto& [text, logged] : {
+             Row{"hello", "Warning! Failed to parse remote command: hello"},
+             Row{"Hello:", "Warning! Failed to parse remote command: Hello:"},
+             Row{"", "Warning! Failed to parse remote command: "},
+             Row{broken, "Warning! Failed to parse remote command: badge:"},
+             Row{std::string(1 << 20, 'x'), "Warning! Failed to parse remote command: xxx"},
+             Row{"createlink:" + path + "none",
+                 "parseRemoteCommand: Warning! Cannot obtain file for path " + path},
+             Row{"createlink:/etc/passwd",
+                 "parseRemoteCommand: Warning! Cannot obtain file for path /etc/passwd"},
+             Row{"emaillink:", "parseRemoteCommand: Warning! Cannot obtain file for path "},
+             Row{"shareashare:" + at("/None"), "parseRemoteCommand: Warning! Cannot obtain share for path "},
+             Row{"togglesync:" + path + "none",
+                 "parseRemoteCommand: Warning! Cannot obtain file or share for path " + path + "none"},
+             Row{"downloadfolder:" + path + "note.txt",
+                 "parseRemoteCommand: Warning! Wrong parameter for downloadfolder command - it is a file."},
+             Row{"downloadfolder:" + at(""),
+                 "parseRemoteCommand: Warning! Cannot obtain file or share for path "},
+             Row{"downloadfile:" + path + "Plans",
+                 "parseRemoteCommand: Warning! Wrong parameter for downloadfile command - it is folder."},
+             Row{"downloadfile:" + path + "none",
+                 "parseRemoteCommand: Warning! Cannot obtain file for path "},
+             Row{"openshare:" + at("/None"), "parseRemoteCommand: Warning! Cannot obtain share for path "},
+         }) {
+        const auto before = lines(logged).size();
+        client.command(text);
+        EXPECT_EQ(lines(logged).size(), before + 1) << text.substr(0, 80);
+    }
+    EXPECT_LT(client.log().size(), 100'000u) << "a text of a megabyte is not a log line of a megabyte";
+    EXPECT_EQ(client.connector.downloads().downloadQueueLen(), 0);
+    EXPECT_TRUE(client.service.requests(urlContains("")).empty());
+    EXPECT_EQ(client.desktop.done, Texts{"post com.tarnwell.ferndisk-started"});
+}
+
+TEST_F(FileBrowserTest, portsCarryOneKindOfMessage) {
+    told();
+    client.ports.handler({2, "hello:"});
+    client.ports.handler({1, "hello:\xc3"});
+    EXPECT_EQ(lines("Received wrong Mach message. Id 2").size(), 1u);
+    EXPECT_EQ(lines("Received wrong Mach message. Ignoring.").size(), 1u);
+    EXPECT_TRUE(told().empty());
+    client.ports.handler({1, "hello:ignored\n"});
+    client.loop.runPending();
+    EXPECT_EQ(client.ports.texts, Texts{"hej:" + at("")});
+}
+
+TEST_F(FileBrowserTest, anExtensionMayComeGoAndBeStuck) {
+    told();
+    command("observe", "/Papers");
+    command("badge", "/Papers/note.txt");
+    client.ports.stuck = true;
+    command("hello", "");
+    EXPECT_EQ(lines("Failed to send findercommand hej : send port is connected, but sending failed.").size(),
+              1u);
+    client.ports.stuck = false;
+    client.ports.texts.clear();
+    command("hello", "");
+    EXPECT_EQ(told(), Texts{"hej:"}) << "each text tries anew";
+
+    auto& icons = client.delegate->fileBrowser().icons();
+    EXPECT_EQ(icons.browsedFolders(), std::set<std::string>{at("/Papers")});
+    client.ports.setExtension("");
+    EXPECT_TRUE(icons.browsedFolders().empty() && icons.displayBadgePaths().empty());
+    for (int i = 0; i < 100; ++i)
+        command("badge", "/Papers/note.txt");
+    EXPECT_TRUE(told().empty());
+    EXPECT_EQ(lines("Failed to send findercommand overlay").size(), 0u) << "nobody is there: no failure";
+    client.ports.setExtension(":1.9");
+    command("hello", "");
+    EXPECT_EQ(told(), Texts{"hej:"});
+}
+
+TEST_F(FileBrowserTest, overlaysFollowAFileThroughItsLife) {
+    told();
+    for (const char* path : {"", "/Papers", "/Papers/Plans", "/Papers/note.txt", "/Papers/empty.txt"})
+        command("badge", path);
+    EXPECT_EQ(told(), (Texts{"overlay(0):", "overlay(0):/Papers", "overlay(0):/Papers/Plans",
+                             "overlay(2):/Papers/note.txt", "overlay(1):/Papers/empty.txt"}));
+
+    command("downloadfile", "/Papers/note.txt");
+    EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
+    fetch(note);
+    client.connector.downloads().deleteFileDownload(note);
+    client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
+    client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
+    EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"})) << "once, not per event";
+
+    auto entry = client.store.journal().createJournalForFile(note, kJournalUpdate);
+    client.store.journal().addChangeToJournal(entry);
+    EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
+    client.store.journal().deleteJournalEntry(entry);
+    EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"}));
+
+    command("unobserve", "/Papers");
+    EXPECT_EQ(client.delegate->fileBrowser().icons().displayBadgePaths(),
+              (std::set<std::string>{at(""), at("/Papers")}));
+}
+
+TEST_F(FileBrowserTest, aFolderIsKeptAndLetGo) {
+    told();
+    add("plans2", "s", "Plans 2", false, 0);
+    for (const char* path : {"/Papers", "/Papers/Plans", "/Papers/Plans/big.bin", "/Papers/Plans 2"})
+        command("badge", path);
+    told();
+    command("togglesync", "/Papers/Plans");
+    EXPECT_EQ(plans->Synchronize, true);
+    EXPECT_EQ(told(),
+              (Texts{"overlay(3):/Papers", "overlay(5):/Papers/Plans", "overlay(3):/Papers/Plans/big.bin"}));
+    fetch(big);
+    client.connector.downloads().deleteFileDownload(big);
+    client.notifications.post(TWConnectorFileDownloadFinished{big, 0, 0, {}});
+    EXPECT_EQ(told(),
+              (Texts{"overlay(0):/Papers", "overlay(4):/Papers/Plans", "overlay(1):/Papers/Plans/big.bin"}));
+    command("togglesync", "/Papers/Plans");
+    EXPECT_EQ(plans->Synchronize, false);
+    EXPECT_EQ(told(), Texts{"overlay(0):/Papers/Plans"});
+
+    command("togglesync", "/Papers");
+    EXPECT_EQ(share->Synchronize, true);
+    EXPECT_EQ(told().size(), 3u) << "the share, and both folders in it";
+    command("togglesync", "/Papers");
+    EXPECT_EQ(share->Synchronize, false);
+    command("unobserve", "/Papers/Plans");
+    EXPECT_EQ(client.delegate->fileBrowser().icons().displayBadgePaths(),
+              (std::set<std::string>{at("/Papers"), at("/Papers/Plans"), at("/Papers/Plans 2")}));
+}
+
+TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
+    told();
+    client.delegate->fileBrowser().driveDidMount();
+    EXPECT_EQ(told(), Texts{"hej:"});
+    command("badge", "/Papers/Plans/big.bin");
+    told();
+    std::filesystem::create_directories(at("/Papers/Plans"));  // stands for the mount
+    const auto written = std::filesystem::last_write_time(at("/Papers/Plans"));
+    std::filesystem::last_write_time(at("/Papers/Plans"), written - 1h);
+    fetch(big);
+    client.delegate->fileBrowser().refreshFinderFolders({"plans", "gone", "s"});
+    EXPECT_GE(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "the marker came";
+    EXPECT_TRUE(std::filesystem::is_empty(at("/Papers/Plans"))) << "and went";
+    EXPECT_EQ(told(), Texts{"overlay(1):/Papers/Plans/big.bin"});
+
+    client.delegate->fileBrowser().driveWillUnmount();
+    std::filesystem::last_write_time(at("/Papers/Plans"), written - 1h);
+    client.delegate->fileBrowser().refreshFinderFolders({"plans"});
+    EXPECT_LT(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "no drive, nothing touched";
+}
+
+TEST_F(FileBrowserTest, downloadsAndFolders) {
+    command("downloadfolder", "/Papers/Plans/");
+    EXPECT_TRUE(client.connector.downloads().isFileInDownloadQueue(*big));
+    command("downloadfolder", "/Papers");
+    EXPECT_TRUE(client.connector.downloads().isFileInDownloadQueue(*note));
+    EXPECT_EQ(client.connector.downloads().downloadQueueLen(), 2);
+    client.desktop.done.clear();
+    command("openroot", "");
+    command("openshare", "/Papers");
+    EXPECT_EQ(client.desktop.done, (Texts{"show " + at(""), "show " + at("/Papers")}));
+}
+
+TEST_F(FileBrowserTest, linksGoToTheClipboardTheMailProgramAndTheBrowser) {
+    auto login = std::make_shared<GlobalLoginResponce>();
+    auto& domain = login->PrimaryUserDomain.emplace();
+    domain.Domain.emplace().DomainId = "dom";
+    domain.Domain->Url = "example.localhost:8443";
+    client.connector.session().setGlobalLoginResponce(login);
+    client.service.when(urlContains("lientApi.aspx"))
+        .reply(200, R"({"ResponceMessage":"101:Ok","LinkId":"l1"})");
+    client.service.when(urlContains("clientapi.aspx"))
+        .reply(200, R"({"ResponceMessage":"101:Ok","LinkId":"l2"})");
+    const std::string link = "https://webclient.example.localhost:8443/publiclink.aspx?saf2=l1";
+    auto& done = client.desktop.done;
+    done.clear();
+
+    client.command("createlink:" + at("/Papers/note.txt") + "\n");
+    EXPECT_EQ(client.clipboard.contents, link);
+    EXPECT_EQ(done, Texts{"notify Link was copied to Clipboard / File : note.txt"});
+    client.clipboard.works = false;
+    command("createlink", "/Papers/note.txt");
+    EXPECT_EQ(lines("There is no clipboard for the link of note.txt: " + link).size(), 1u);
+
+    done.clear();
+    command("emaillink", "/Papers/note.txt");
+    EXPECT_EQ(done,
+              Texts{"open mailto:?subject=File%20link&body=https%3A%2F%2Fwebclient.example.localhost%3A8443"
+                    "%2Fpubliclink.aspx%3Fsaf2%3Dl1"});
+    done.clear();
+    command("newshare", "");
+    EXPECT_EQ(lines("Opening Web client for function 2 with param *NEWSHARE...").size(), 1u);
+    command("shareashare", "/Papers");
+    EXPECT_EQ(lines("Opening Web client for function 2 with param s...").size(), 1u);
+    ASSERT_EQ(done.size(), 2u);
+    EXPECT_TRUE(done[0].starts_with("open https://webclient.example.localhost:8443/default.aspx?sas="))
+        << done[0];
+}
+
+}  // namespace
+}  // namespace tarnwell
