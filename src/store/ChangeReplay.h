@@ -30,8 +30,8 @@ class ChangeReplay final : private PieceVisitor {
 
     struct Journal {
         std::vector<JournalText> entries;
-        JournalBase base;                    ///< of the file
-        std::vector<std::uint64_t> dropped;  ///< entries of the file that the log knows better
+        JournalBase base{hashOfJournal({}), {}};  ///< of the file, which may not be there
+        std::vector<std::uint64_t> dropped;       ///< entries of the file that the log knows better
     };
     /// The journal, from the texts of its file.
     [[nodiscard]] Journal journal(const std::vector<std::string>& texts) const;

@@ -130,7 +130,8 @@ void TWMetadataStorage::insertShare(const ManagedSharePtr& share) {
               share->ShareName.value_or(""));
         return;
     }
-    const auto lock = beginWriteStorage();
+    // Whoever inserts it: what the user changes in it is worth nothing without it.
+    const auto change = beginLocalChange();
     const auto old = index_.shareWithId(*share->ShareId);
     index_.insertShare(share);
     noteShareChanged(*share);
@@ -145,7 +146,7 @@ void TWMetadataStorage::insertShare(const ManagedSharePtr& share) {
 
 void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
     if (!share->ShareId) return;
-    const auto lock = beginWriteStorage();
+    const auto change = beginLocalChange();
     journal_->deleteShareEntries(*share->ShareId);
     deleteShareDownloads(*share);
     index_.removeShare(*share->ShareId);

@@ -82,6 +82,10 @@ void addToTree(const std::string& folder, const std::string& relative, Tree& tre
 
 }  // namespace
 
+ProgramResult runProgram(const std::vector<std::string>& command, const std::string& outputFile) {
+    return runToEnd({.command = command}, outputFile);
+}
+
 Tree readTree(const std::string& folder) {
     Tree tree;
     addToTree(folder, "", tree);

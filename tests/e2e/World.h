@@ -31,6 +31,8 @@ Tree synchronised(Tree tree);
 
 /// Bytes that differ from place to place and from size to size.
 std::string randomBytes(std::size_t size);
+/// A program, run to its end; `outputFile` is written over. Throws std::runtime_error when it does not end.
+ProgramResult runProgram(const std::vector<std::string>& command, const std::string& outputFile);
 /// Reads a range as a program does; "errno N" instead when it fails.
 std::string readRange(const std::string& path, off_t offset, std::size_t size);
 
