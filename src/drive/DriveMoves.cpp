@@ -160,27 +160,14 @@ ErrnoOr<Done> TWFuseFileSystem::moveToFreePlace(const TWVirtualFilePtr& source, 
 /// The target keeps identity and name and takes over the bytes; the source's record goes.
 ErrnoOr<Done> TWFuseFileSystem::replaceFile(const TWVirtualFilePtr& source, const TWVirtualFilePtr& target) {
     const auto sourcePath = layout_.cachePathForFile(*source);
-    const auto targetPath = layout_.cachePathForFile(*target);
     if (source->size() == 0 && !exists(sourcePath)) {
         if (const int error = makeSureOfFile(sourcePath)) return Errno{error};
     }
     detachOpens(target);
-    const bool wasMarked = target->LocallyUpdated.value_or(false);
-    mark(*target);
-    if (std::rename(sourcePath.c_str(), targetPath.c_str()) != 0) {
-        const Errno error{errno};
-        if (!wasMarked) {
-            const auto change = store_.beginLocalChange();
-            target->LocallyUpdated.reset();
-            store_.markChanged(*target);
-        }
-        return error;
-    }
     const auto change = store_.beginLocalChange();
-    // What describes the bytes comes along, as far as the source has it.
-    const auto sourceAttributes = layout_.extendedAttrsPathForFile(*source);
-    if (exists(sourceAttributes))
-        std::rename(sourceAttributes.c_str(), layout_.extendedAttrsPathForFile(*target).c_str());
+    // What the target had goes with the source's record.
+    if (!store_.exchangeCachedFiles(*source, *target)) return Errno{EIO};
+    target->LocallyUpdated = true;
     setSize(*target, source->size());
     target->LastWriteTime = source->LastWriteTime;
     target->LastAccessTime = source->LastAccessTime;
@@ -255,25 +242,14 @@ ErrnoOr<Done> TWFuseFileSystem::exchangeDataOfItemAtPath(const std::string& path
         if (file->size() != 0) return Errno{ENOENT};
         if (const int error = makeSureOfFile(cachePath)) return Errno{error};
     }
-    {
-        const auto change = store_.beginLocalChange();
-        mark(*files[0]);
-        mark(*files[1]);
-    }
-    if (::renameat2(AT_FDCWD, layout_.cachePathForFile(*files[0]).c_str(), AT_FDCWD,
-                    layout_.cachePathForFile(*files[1]).c_str(), RENAME_EXCHANGE) != 0) {
-        const Errno error{errno};
-        const auto change = store_.beginLocalChange();
-        for (const auto& file : files)
-            endBurst(file, true, nullptr);
-        return error;
-    }
     const auto change = store_.beginLocalChange();
+    if (!store_.exchangeCachedContents(*files[0], *files[1])) return Errno{EIO};
     std::swap(files[0]->AllocationSize, files[1]->AllocationSize);
     std::swap(files[0]->EndOfFile, files[1]->EndOfFile);
     std::swap(files[0]->LastWriteTime, files[1]->LastWriteTime);
     store_.noteIdentitiesExchanged(*files[0], *files[1]);
     for (const auto& file : files) {
+        file->LocallyUpdated = true;
         store_.noteContentsChanged(*file);
         store_.noteAttributesChanged(*file);
         endBurst(file, true, nullptr);

@@ -442,7 +442,9 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
         file->POSIXPermissions = static_cast<std::int32_t>(*attributes.permissions & 07777U);
     if (attributes.modification) file->LastWriteTime = *attributes.modification;
     if (attributes.access) file->LastAccessTime = *attributes.access;
-    if (!detached) store_.noteAttributesChanged(*file);
+    if (detached) return Done{};
+    store_.noteAttributesChanged(*file);
+    store_.journal().attributesChanged(*file);
     return Done{};
 }
 

@@ -173,6 +173,17 @@ void LocalChangeJournal::entryChanged(const LocalJournalPtr& entry) {
     store_.saveDelayed();
 }
 
+void LocalChangeJournal::attributesChanged(const TWVirtualFile& file) {
+    const auto lock = store_.beginWriteJournal();
+    for (const auto& entry : queue_.ofItem(file.InternalName.view())) {
+        if (!bringsContents(*entry) || entry->Transmitting) continue;
+        entry->File->LastWriteTime = file.LastWriteTime;
+        entry->File->LastAccessTime = file.LastAccessTime;
+        entry->File->POSIXPermissions = file.POSIXPermissions;
+        queue_.noteChanged(*entry);
+    }
+}
+
 void LocalChangeJournal::removeUploadFileData(const TWVirtualFile& file) {
     const auto lock = store_.beginWriteJournal();
     copies_.release(file);

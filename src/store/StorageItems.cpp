@@ -246,4 +246,10 @@ bool TWMetadataStorage::exchangeCachedFiles(const TWVirtualFile& a, const TWVirt
         &JournalExchange::exchangeFileContents);
 }
 
+bool TWMetadataStorage::exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b) {
+    const auto lock = beginWriteStorage();
+    return changes_.exchangeFiles({{layout().cachePathForFile(a), layout().cachePathForFile(b)}},
+                                  &JournalExchange::exchangeFileContents);
+}
+
 }  // namespace tarnwell

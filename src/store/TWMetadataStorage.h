@@ -178,6 +178,8 @@ class TWMetadataStorage {
     /// of the other. The caller changes the records under the same hold of the lock: a run that ends in
     /// between is undone by the next one. False after a failure, with nothing changed.
     bool exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b);
+    /// As exchangeCachedFiles(); the attribute files stay.
+    bool exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b);
     /// The cache holds the file's bytes, as many as the record says.
     [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
 

@@ -136,7 +136,11 @@ TEST_F(WriteE2eTest, everyKindOfChangeArrives) {
     }
     EXPECT_TRUE(readRange(papers("/there/uncached"), 0, 400'000) == bytes);
     ASSERT_TRUE(writeFile(papers("/.hidden"), "stays here"));
+    // As unpackers do: the time after the bytes.
+    const timespec times[] = {{1'500'000'000, 0}, {1'400'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, papers("/1").c_str(), times, 0), 0);
     expectEverywhere();
+    EXPECT_EQ(fs::last_write_time(papers("/1")), fs::last_write_time(world->otherClient().path("/Papers/1")));
     EXPECT_FALSE(fs::exists(world->otherClient().path("/Papers/.hidden")));
 
     // And once more, on what the service knows by now, in the other direction as well.
