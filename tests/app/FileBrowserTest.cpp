@@ -20,7 +20,7 @@ using Texts = std::vector<std::string>;
 
 const std::map<std::string, std::string> kIsland{{"TWGlobalAddress", "example.localhost:8443"}};
 
-/// "/Papers" with the folder "Plans", "Plans/big.bin" of ten bytes, "note.txt" of five and "empty.txt".
+/// "/Papers" with the folder "Plans", "Plans/big.bin" and "note.txt" of ten bytes each, and "empty.txt".
 struct FileBrowserTest : ::testing::Test {
     FileBrowserTest() {
         client.ports.extension = ":1.7";
@@ -35,7 +35,7 @@ struct FileBrowserTest : ::testing::Test {
         client.store.createFolderForShare(*share);
         plans = add("plans", "s", "Plans", false, 0);
         big = add("big", "plans", "big.bin", true, 10);
-        note = add("note", "s", "note.txt", true, 5);
+        note = add("note", "s", "note.txt", true, 10);
         empty = add("empty", "s", "empty.txt", true, 0);
     }
 
@@ -68,6 +68,9 @@ struct FileBrowserTest : ::testing::Test {
         }
         return texts;
     }
+    bool waitForDownloads(int count) {
+        return client.loop.waitUntil([&] { return downloaded >= count; });
+    }
     /// The bytes of a file arrive, as the download worker leaves them.
     void fetch(const TWVirtualFilePtr& file) {
         std::filesystem::create_directories(
@@ -84,6 +87,11 @@ struct FileBrowserTest : ::testing::Test {
     }
 
     FakeClient client{kIsland};
+    testing::ScriptedUrlLoader::Rule reads =
+        client.service.when(urlContains("read.aspx")).reply(200, std::string(10, 'x'));
+    int downloaded = 0;
+    Subscription ends =
+        client.notifications.observe<TWConnectorFileDownloadFinished>([this](const auto&) { ++downloaded; });
     ManagedSharePtr share;
     TWVirtualFilePtr plans, big, note, empty;
 };
@@ -173,11 +181,12 @@ TEST_F(FileBrowserTest, overlaysFollowAFileThroughItsLife) {
     EXPECT_EQ(told(), (Texts{"overlay(0):", "overlay(0):/Papers", "overlay(0):/Papers/Plans",
                              "overlay(2):/Papers/note.txt", "overlay(1):/Papers/empty.txt"}));
 
+    reads.hold();
     command("downloadfile", "/Papers/note.txt");
+    ASSERT_TRUE(reads.waitForHeld(1));
     EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
-    fetch(note);
-    client.connector.downloads().deleteFileDownload(note);
-    client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
+    reads.release();
+    ASSERT_TRUE(waitForDownloads(1));
     client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
     EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"})) << "once, not per event";
 
@@ -198,22 +207,26 @@ TEST_F(FileBrowserTest, aFolderIsKeptAndLetGo) {
     for (const char* path : {"/Papers", "/Papers/Plans", "/Papers/Plans/big.bin", "/Papers/Plans 2"})
         command("badge", path);
     told();
+    reads.hold();
     command("togglesync", "/Papers/Plans");
     EXPECT_EQ(plans->Synchronize, true);
+    ASSERT_TRUE(reads.waitForHeld(1));
     EXPECT_EQ(told(),
               (Texts{"overlay(3):/Papers", "overlay(5):/Papers/Plans", "overlay(3):/Papers/Plans/big.bin"}));
-    fetch(big);
-    client.connector.downloads().deleteFileDownload(big);
-    client.notifications.post(TWConnectorFileDownloadFinished{big, 0, 0, {}});
+    reads.release();
+    ASSERT_TRUE(waitForDownloads(1));
     EXPECT_EQ(told(),
               (Texts{"overlay(0):/Papers", "overlay(4):/Papers/Plans", "overlay(1):/Papers/Plans/big.bin"}));
     command("togglesync", "/Papers/Plans");
     EXPECT_EQ(plans->Synchronize, false);
     EXPECT_EQ(told(), Texts{"overlay(0):/Papers/Plans"});
 
+    reads.hold();
     command("togglesync", "/Papers");
     EXPECT_EQ(share->Synchronize, true);
-    EXPECT_EQ(told().size(), 3u) << "the share, and both folders in it";
+    ASSERT_TRUE(reads.waitForHeld(1)) << "what is in the share and not here";
+    EXPECT_EQ(told(),
+              (Texts{"overlay(5):/Papers", "overlay(4):/Papers/Plans", "overlay(4):/Papers/Plans 2"}));
     command("togglesync", "/Papers");
     EXPECT_EQ(share->Synchronize, false);
     command("unobserve", "/Papers/Plans");
@@ -243,6 +256,7 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
 }
 
 TEST_F(FileBrowserTest, downloadsAndFolders) {
+    reads.hold();
     command("downloadfolder", "/Papers/Plans/");
     EXPECT_TRUE(client.connector.downloads().isFileInDownloadQueue(*big));
     command("downloadfolder", "/Papers");
