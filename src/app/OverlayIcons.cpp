@@ -15,7 +15,7 @@ namespace {
 constexpr std::chrono::milliseconds kPause{100};
 /// A round takes the main thread for a tenth of its time at most.
 constexpr int kRestOfRound = 10;
-/// A folder's status walks the queues: a round is short however many there are.
+/// However many are due, and however long each question takes.
 constexpr std::chrono::milliseconds kLongestRound{20};
 /// Told and not looked at. More at once are caught up with a look at everything that is shown.
 constexpr std::size_t kMostTold = 20'000;

@@ -304,5 +304,24 @@ TEST_F(FileBrowserTest, linksGoToTheClipboardTheMailProgramAndTheBrowser) {
         << done[0];
 }
 
+TEST_F(FileBrowserTest, aThousandFoldersAskWhileManyFilesWait) {
+    told();
+    auto& journal = client.store.journal();
+    for (int i = 0; i < 5000; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        journal.addChangeToJournal(
+            journal.createJournalForFile(add(name, "plans", name, true, 0), kJournalCreate));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; ++i)
+        command("badge", "/papers/PLANS");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s) << "each question would walk the queue";
+    EXPECT_EQ(told().front(), "overlay(3):/papers/PLANS");
+    command("badge", "/Papers/Pl");
+    EXPECT_EQ(told().front(), "overlay(3):/Papers/Pl") << "a beginning of a name counts";
+    command("badge", "/Papers/Plans 3");
+    EXPECT_EQ(told().front(), "overlay(0):/Papers/Plans 3");
+}
+
 }  // namespace
 }  // namespace tarnwell
