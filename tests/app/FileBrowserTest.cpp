@@ -69,7 +69,8 @@ struct FileBrowserTest : ::testing::Test {
         return texts;
     }
     bool waitForDownloads(int count) {
-        return client.loop.waitUntil([&] { return downloaded >= count; });
+        return client.loop.waitUntil(
+            [&] { return downloaded >= count && client.connector.downloads().downloadQueueLen() == 0; });
     }
     /// The bytes of a file arrive, as the download worker leaves them.
     void fetch(const TWVirtualFilePtr& file) {
@@ -195,6 +196,18 @@ TEST_F(FileBrowserTest, overlaysFollowAFileThroughItsLife) {
     EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
     client.store.journal().deleteJournalEntry(entry);
     EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"}));
+
+    // And one that is taken back.
+    reads.hold();
+    std::filesystem::remove(client.layout.cachePathForFile(*note));
+    command("downloadfile", "/Papers/note.txt");
+    ASSERT_TRUE(reads.waitForHeld(1));
+    EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
+    client.connector.downloads().cancelFileDownload(note);
+    reads.release();
+    ASSERT_TRUE(client.loop.waitUntil([&] { return client.connector.downloads().downloadQueueLen() == 0; }));
+    client.loop.advance(2s);
+    EXPECT_EQ(told().front(), "overlay(0):/Papers");
 
     command("unobserve", "/Papers");
     EXPECT_EQ(client.delegate->fileBrowser().icons().displayBadgePaths(),

@@ -25,7 +25,8 @@
 // lock.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
-    return "race:libQt6DBus.so\nrace:libQt6Core.so\nrace:libdbus-1.so\nmutex:libQt6Core.so\n";
+    return "race:libQt6DBus.so\nrace:libQt6Core.so\nrace:libdbus-1.so\nrace:libglib-2.0.so\nmutex:libQt6Core."
+           "so\n";
 }
 #endif
 
