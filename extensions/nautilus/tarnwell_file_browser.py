@@ -28,6 +28,8 @@ EMBLEMS = {
 MOST_IN_FLIGHT = 32
 # Seen before the client told where its drive is.
 MOST_REMEMBERED = 5000
+# Followed at once. A file browser may keep items long after it showed them: beyond this the oldest folders go.
+MOST_FOLLOWED = 20000
 
 
 class Command:
@@ -48,8 +50,8 @@ class Conversation:
         self._send, self._refresh = send, refresh
         self.mount_path = None
         self._statuses = {}
-        self._shown = collections.Counter()  # paths in the drive, by items that show them
-        self._folders = collections.Counter()  # their folders, by paths
+        self._shown = {}  # paths in the drive, with the items that show them
+        self._folders = {}  # their folders, with the paths; the oldest first
         self._early = set()
         self._waiting = collections.deque()
         self._in_flight = 0
@@ -113,34 +115,44 @@ class Conversation:
     def is_on_drive(self, path):
         return self.mount_path is not None and path.startswith(self.mount_path + "/")
 
-    def shown(self, path):
-        """An item of the file browser shows the path; `hidden` follows once for each. False: not of the drive."""
+    def shown(self, path, item):
+        """An item of the file browser shows the path. True when this is news: `hidden` is to follow when it goes."""
         if not self.is_on_drive(path):
             if self.mount_path is None and len(self._early) < MOST_REMEMBERED:
                 self._early.add(path)
             return False
-        self._shown[path] += 1
-        if self._shown[path] == 1:
-            folder = os.path.dirname(path)
-            self._folders[folder] += 1
-            if self._folders[folder] == 1:
-                self._say("observe", folder)
-            self._say("badge", path)
+        if path in self._shown:
+            known = item in self._shown[path]
+            self._shown[path].add(item)
+            return not known
+        self._shown[path] = {item}
+        folder = os.path.dirname(path)
+        if folder not in self._folders:
+            self._folders[folder] = set()
+            self._say("observe", folder)
+        self._folders[folder].add(path)
+        self._say("badge", path)
+        while len(self._shown) > MOST_FOLLOWED and len(self._folders) > 1:
+            self._drop_folder(next(iter(self._folders)))
         return True
 
-    def hidden(self, path):
-        if path not in self._shown:
+    def hidden(self, path, item):
+        items = self._shown.get(path, set())
+        items.discard(item)
+        if items or path not in self._shown:
             return
-        self._shown[path] -= 1
-        if self._shown[path] > 0:
-            return
+        folder = os.path.dirname(path)
         del self._shown[path]
         self._statuses.pop(path, None)
-        folder = os.path.dirname(path)
-        self._folders[folder] -= 1
-        if self._folders[folder] == 0:
-            del self._folders[folder]
-            self._say("unobserve", folder)
+        self._folders[folder].discard(path)
+        if not self._folders[folder]:
+            self._drop_folder(folder)
+
+    def _drop_folder(self, folder):
+        for path in self._folders.pop(folder):
+            del self._shown[path]
+            self._statuses.pop(path, None)
+        self._say("unobserve", folder)
 
     def emblem(self, path):
         return EMBLEMS.get(self._statuses.get(path))

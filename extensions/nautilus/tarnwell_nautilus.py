@@ -41,7 +41,6 @@ class TarnwellExtension(GObject.GObject, Host.InfoProvider, Host.MenuProvider):
     def __init__(self):
         super().__init__()
         self._conversation = Conversation(self._send, self._refresh)
-        self._watched = set()  # by address of the item: whose end will be told
         self._ports = SessionPorts(self._conversation.received, self._conversation.client_appeared,
                                    self._conversation.client_gone)
 
@@ -58,17 +57,12 @@ class TarnwellExtension(GObject.GObject, Host.InfoProvider, Host.MenuProvider):
         path = _path_of(file)
         if path is None:
             return
-        key = hash(file)
-        if key not in self._watched and self._conversation.shown(path):
-            self._watched.add(key)
-            file.weak_ref(self._item_gone, key, path)
+        key = hash(file)  # its address: an item that is gone makes room for another
+        if self._conversation.shown(path, key):
+            file.weak_ref(self._conversation.hidden, path, key)
         emblem = self._conversation.emblem(path)
         if emblem:
             file.add_emblem(emblem)
-
-    def _item_gone(self, key, path):
-        self._watched.discard(key)
-        self._conversation.hidden(path)
 
     # Some versions put the window before the items.
     def get_file_items(self, *arguments):

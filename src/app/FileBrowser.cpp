@@ -5,6 +5,7 @@
 #include "connector/Notifications.h"
 #include "connector/TWConnector.h"
 #include "platform/DesktopServices.h"
+#include "store/LocalChangeJournal.h"
 #include "store/TWMetadataStorage.h"
 
 namespace tarnwell {
@@ -31,7 +32,7 @@ void FileBrowser::start() {
     icons_.clear();
     link_.setupMachPort();
     const auto follow = [this](const auto& notification) {
-        if (notification.file) icons_.itemChanged(notification.file->InternalName.view());
+        if (notification.file) itemChanged(notification.file->InternalName.view());
     };
     auto& center = environment_.notifications;
     subscriptions_.push_back(center.observe<TWConnectorFileDownloadStarted>(follow));
@@ -74,6 +75,7 @@ void FileBrowser::sendFinderCommand(std::string_view command, std::string_view p
 }
 
 bool FileBrowser::setIcon(const std::string& forPath) {
+    queuesChanged_ = true;
     icons_.pathChanged(forPath);
     return true;
 }
@@ -84,12 +86,38 @@ int FileBrowser::pathIsSynchronized(std::string_view path) {
     return environment_.connector.status().pathIsSynchronized(path);
 }
 
+void FileBrowser::itemChanged(std::string_view internalName) {
+    queuesChanged_ = true;
+    icons_.itemChanged(internalName);
+}
+
+void FileBrowser::lookAtQueues() {
+    const auto& store = environment_.store;
+    auto& downloads = environment_.connector.downloads();
+    const auto length = downloads.downloadQueueLen();
+    if (!queuesChanged_.exchange(false) && length == downloadQueueLen_) return;
+    downloadQueueLen_ = length;
+    std::vector<std::string> paths;
+    const auto lock = store.beginReadJournal();
+    for (const auto& entry : store.journal().journalItems()) {
+        const auto file = entry->File ? store.fileWithId(entry->File->InternalName.view()) : nullptr;
+        if (file) paths.push_back(file->FullPath.str());
+    }
+    uploads_ = PendingPaths(paths);
+    paths.clear();
+    for (const auto& file : downloads.queuedFiles())
+        paths.push_back(file->FullPath.str());
+    downloads_ = PendingPaths(paths);
+}
+
 bool FileBrowser::pathHasUploads(std::string_view path) {
-    return environment_.connector.status().pathHasUploads(path);
+    lookAtQueues();
+    return uploads_.anyBeginsWith(path);
 }
 
 bool FileBrowser::pathHasDownloads(std::string_view path) {
-    return environment_.connector.status().pathHasDownloads(path);
+    lookAtQueues();
+    return downloads_.anyBeginsWith(path);
 }
 
 void FileBrowser::refreshSyncStatus(const TWVirtualFilePtr& file) {
@@ -122,7 +150,7 @@ bool FileBrowser::isFileInDownloadQueue(const TWVirtualFile& file) {
 
 void FileBrowser::downloadFile(const TWVirtualFilePtr& file) {
     environment_.connector.downloads().downloadFile(file);
-    icons_.itemChanged(file->InternalName.view());
+    itemChanged(file->InternalName.view());
 }
 
 // A tree may be large: its files are looked at in the background. Background work ends before the connector.

@@ -8,6 +8,7 @@
 #include "app/FileBrowserLink.h"
 #include "app/FolderRefresh.h"
 #include "app/OverlayIcons.h"
+#include "app/PendingPaths.h"
 #include "app/RemoteCommands.h"
 #include "connector/SyncStatus.h"
 #include "platform/NotificationCenter.h"
@@ -87,13 +88,21 @@ class FileBrowser final : public FolderRefresher,
     void downloadShare(const ManagedSharePtr& share) override;
     void downloadFile(const TWVirtualFilePtr& file) override;
 
-    void journalChanged(std::string_view internalName) override { icons_.itemChanged(internalName); }
+    void journalChanged(std::string_view internalName) override { itemChanged(internalName); }
+    /// Any thread.
+    void itemChanged(std::string_view internalName);
+    void lookAtQueues();
 
     // ItemIcons
     bool setIcon(const std::string& forPath) override;
 
     Environment environment_;
     std::atomic<bool> mounted_{false};
+    // What waits, as it was when somebody asked last; looked at anew once anything was told or queued.
+    std::atomic<bool> queuesChanged_{true};
+    std::int64_t downloadQueueLen_ = -1;
+    PendingPaths uploads_;
+    PendingPaths downloads_;
     FileBrowserLink link_;
     OverlayIcons icons_;
     RemoteCommands commands_;

@@ -13,9 +13,11 @@ namespace tarnwell {
 namespace {
 
 constexpr std::chrono::milliseconds kPause{100};
+/// A transfer is told of a moment before its queue forgets it, and one that is taken back not at all.
+constexpr std::chrono::milliseconds kRecheck{500};
 /// A round takes the main thread for a tenth of its time at most.
 constexpr int kRestOfRound = 10;
-/// A folder's status walks the queues: a round is short however many there are.
+/// However many are due, and however long each question takes.
 constexpr std::chrono::milliseconds kLongestRound{20};
 /// Told and not looked at. More at once are caught up with a look at everything that is shown.
 constexpr std::size_t kMostTold = 20'000;
@@ -55,6 +57,7 @@ void OverlayIcons::clear() {
     browsedFolders_.clear();
     displayBadgePaths_.clear();
     due_.clear();
+    inTransfer_.clear();
     anyShown_ = false;
 }
 
@@ -79,8 +82,15 @@ int OverlayIcons::getFileStatusValue(std::string_view path) const {
 
 void OverlayIcons::updateOverlayIcon(const std::string& path) {
     const int status = getFileStatusValue(path);
-    if (const auto shown = displayBadgePaths_.find(path); shown != displayBadgePaths_.end())
+    if (const auto shown = displayBadgePaths_.find(path); shown != displayBadgePaths_.end()) {
         shown->second = status;
+        if (status == kInTransfer || status == kKeptLocallyInTransfer) {
+            inTransfer_.insert(path);
+            armRecheck();
+        } else {
+            inTransfer_.erase(path);
+        }
+    }
     mediator_.sendFinderCommand(format("overlay(%d)", status), path);
 }
 
@@ -150,6 +160,20 @@ void OverlayIcons::armRound() {
     timer_ = mainLoop_.postAfter(pause_, [this] {
         timer_ = Timer();
         round();
+    });
+}
+
+void OverlayIcons::armRecheck() {
+    if (recheck_ || inTransfer_.empty()) return;
+    recheck_ = mainLoop_.postAfter(kRecheck, [this] {
+        recheck_ = Timer();
+        for (auto it = inTransfer_.begin(); it != inTransfer_.end();) {
+            const bool shown = displayBadgePaths_.contains(*it);
+            if (shown) due_.insert(*it);
+            it = shown ? std::next(it) : inTransfer_.erase(it);
+        }
+        if (!due_.empty()) armRound();
+        armRecheck();
     });
 }
 

@@ -90,6 +90,7 @@ class OverlayIcons {
     };
     void schedule(std::unique_lock<std::mutex> lock);
     void armRound();
+    void armRecheck();
     void round();
     void addWithParents(const std::string& path, std::set<std::string>& paths) const;
     void addShown(const std::string& from, const std::string& to, bool childrenOnly);
@@ -100,7 +101,9 @@ class OverlayIcons {
     std::set<std::string> browsedFolders_;
     Badges displayBadgePaths_;
     std::set<std::string> due_;
+    std::set<std::string> inTransfer_;  // of the shown: looked at again until they are not
     Timer timer_;
+    Timer recheck_;
     std::chrono::milliseconds pause_;
     std::atomic<bool> anyShown_{false};  // nothing is gathered while nothing is shown
     std::shared_ptr<Told> told_;

@@ -1,13 +1,12 @@
 #include "platform/ClipboardProgram.h"
 
-#include <fcntl.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QSocketNotifier>
 #include <QTimer>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -25,7 +24,7 @@ constexpr std::chrono::seconds kDeadline{5};
 constexpr const char* kProgramName = "tarnwell-clipboard";
 /// What the program says when the link is on the clipboard.
 constexpr char kDone = '+';
-/// Far below what a pipe takes without anybody reading it.
+/// Far below what a socket takes without anybody reading it.
 constexpr std::size_t kLongestLink = 4096;
 
 bool hasDisplay() {
@@ -71,18 +70,16 @@ ClipboardProgram::~ClipboardProgram() = default;
 
 void ClipboardProgram::setLink(const std::string& link, std::function<void(bool)> done) {
     const auto later = [&](bool result) { QTimer::singleShot(0, [done, result] { done(result); }); };
-    int input[2];
-    int output[2];
     if (program_.empty() || !hasDisplay() || link.size() > kLongestLink) return later(false);
-    if (pipe2(input, O_CLOEXEC) != 0) return later(false);
-    OwnedDescriptor childInput(input[0]), toChild(input[1]);
-    if (pipe2(output, O_CLOEXEC) != 0) return later(false);
-    OwnedDescriptor fromChild(output[0]), childOutput(output[1]);
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return later(false);
+    OwnedDescriptor ours(ends[0]);
+    OwnedDescriptor childs(ends[1]);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, childInput.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, childOutput.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, childs.get(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, childs.get(), STDOUT_FILENO);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;
@@ -96,15 +93,15 @@ void ClipboardProgram::setLink(const std::string& link, std::function<void(bool)
     const int error = posix_spawn(&child, path.c_str(), &actions, &attributes, arguments, environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    childInput.reset();
-    childOutput.reset();
+    childs.reset();
     state_->reap();
     if (error != 0) return later(false);
     state_->programs.push_back(child);
 
-    const bool written = write(toChild.get(), link.data(), link.size()) == static_cast<ssize_t>(link.size());
-    toChild.reset();
-    auto attempt = std::make_shared<State::Attempt>(fromChild.release(), std::move(done));
+    const bool written = send(ours.get(), link.data(), link.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+                         static_cast<ssize_t>(link.size());
+    shutdown(ours.get(), SHUT_WR);
+    auto attempt = std::make_shared<State::Attempt>(ours.release(), std::move(done));
     state_->attempts.push_back(attempt);
     if (!written) return state_->end(attempt, false);
     const std::weak_ptr<State::Attempt> weak = attempt;

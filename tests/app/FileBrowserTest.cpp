@@ -20,7 +20,7 @@ using Texts = std::vector<std::string>;
 
 const std::map<std::string, std::string> kIsland{{"TWGlobalAddress", "example.localhost:8443"}};
 
-/// "/Papers" with the folder "Plans", "Plans/big.bin" of ten bytes, "note.txt" of five and "empty.txt".
+/// "/Papers" with the folder "Plans", "Plans/big.bin" and "note.txt" of ten bytes each, and "empty.txt".
 struct FileBrowserTest : ::testing::Test {
     FileBrowserTest() {
         client.ports.extension = ":1.7";
@@ -35,7 +35,7 @@ struct FileBrowserTest : ::testing::Test {
         client.store.createFolderForShare(*share);
         plans = add("plans", "s", "Plans", false, 0);
         big = add("big", "plans", "big.bin", true, 10);
-        note = add("note", "s", "note.txt", true, 5);
+        note = add("note", "s", "note.txt", true, 10);
         empty = add("empty", "s", "empty.txt", true, 0);
     }
 
@@ -68,6 +68,10 @@ struct FileBrowserTest : ::testing::Test {
         }
         return texts;
     }
+    bool waitForDownloads(int count) {
+        return client.loop.waitUntil(
+            [&] { return downloaded >= count && client.connector.downloads().downloadQueueLen() == 0; });
+    }
     /// The bytes of a file arrive, as the download worker leaves them.
     void fetch(const TWVirtualFilePtr& file) {
         std::filesystem::create_directories(
@@ -84,6 +88,11 @@ struct FileBrowserTest : ::testing::Test {
     }
 
     FakeClient client{kIsland};
+    testing::ScriptedUrlLoader::Rule reads =
+        client.service.when(urlContains("read.aspx")).reply(200, std::string(10, 'x'));
+    int downloaded = 0;
+    Subscription ends =
+        client.notifications.observe<TWConnectorFileDownloadFinished>([this](const auto&) { ++downloaded; });
     ManagedSharePtr share;
     TWVirtualFilePtr plans, big, note, empty;
 };
@@ -173,11 +182,12 @@ TEST_F(FileBrowserTest, overlaysFollowAFileThroughItsLife) {
     EXPECT_EQ(told(), (Texts{"overlay(0):", "overlay(0):/Papers", "overlay(0):/Papers/Plans",
                              "overlay(2):/Papers/note.txt", "overlay(1):/Papers/empty.txt"}));
 
+    reads.hold();
     command("downloadfile", "/Papers/note.txt");
+    ASSERT_TRUE(reads.waitForHeld(1));
     EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
-    fetch(note);
-    client.connector.downloads().deleteFileDownload(note);
-    client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
+    reads.release();
+    ASSERT_TRUE(waitForDownloads(1));
     client.notifications.post(TWConnectorFileDownloadFinished{note, 0, 0, {}});
     EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"})) << "once, not per event";
 
@@ -186,6 +196,18 @@ TEST_F(FileBrowserTest, overlaysFollowAFileThroughItsLife) {
     EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
     client.store.journal().deleteJournalEntry(entry);
     EXPECT_EQ(told(), (Texts{"overlay(0):/Papers", "overlay(1):/Papers/note.txt"}));
+
+    // And one that is taken back.
+    reads.hold();
+    std::filesystem::remove(client.layout.cachePathForFile(*note));
+    command("downloadfile", "/Papers/note.txt");
+    ASSERT_TRUE(reads.waitForHeld(1));
+    EXPECT_EQ(told(), (Texts{"overlay(3):/Papers", "overlay(3):/Papers/note.txt"}));
+    client.connector.downloads().cancelFileDownload(note);
+    reads.release();
+    ASSERT_TRUE(client.loop.waitUntil([&] { return client.connector.downloads().downloadQueueLen() == 0; }));
+    client.loop.advance(2s);
+    EXPECT_EQ(told().front(), "overlay(0):/Papers");
 
     command("unobserve", "/Papers");
     EXPECT_EQ(client.delegate->fileBrowser().icons().displayBadgePaths(),
@@ -198,22 +220,26 @@ TEST_F(FileBrowserTest, aFolderIsKeptAndLetGo) {
     for (const char* path : {"/Papers", "/Papers/Plans", "/Papers/Plans/big.bin", "/Papers/Plans 2"})
         command("badge", path);
     told();
+    reads.hold();
     command("togglesync", "/Papers/Plans");
     EXPECT_EQ(plans->Synchronize, true);
+    ASSERT_TRUE(reads.waitForHeld(1));
     EXPECT_EQ(told(),
               (Texts{"overlay(3):/Papers", "overlay(5):/Papers/Plans", "overlay(3):/Papers/Plans/big.bin"}));
-    fetch(big);
-    client.connector.downloads().deleteFileDownload(big);
-    client.notifications.post(TWConnectorFileDownloadFinished{big, 0, 0, {}});
+    reads.release();
+    ASSERT_TRUE(waitForDownloads(1));
     EXPECT_EQ(told(),
               (Texts{"overlay(0):/Papers", "overlay(4):/Papers/Plans", "overlay(1):/Papers/Plans/big.bin"}));
     command("togglesync", "/Papers/Plans");
     EXPECT_EQ(plans->Synchronize, false);
     EXPECT_EQ(told(), Texts{"overlay(0):/Papers/Plans"});
 
+    reads.hold();
     command("togglesync", "/Papers");
     EXPECT_EQ(share->Synchronize, true);
-    EXPECT_EQ(told().size(), 3u) << "the share, and both folders in it";
+    ASSERT_TRUE(reads.waitForHeld(1)) << "what is in the share and not here";
+    EXPECT_EQ(told(),
+              (Texts{"overlay(5):/Papers", "overlay(4):/Papers/Plans", "overlay(4):/Papers/Plans 2"}));
     command("togglesync", "/Papers");
     EXPECT_EQ(share->Synchronize, false);
     command("unobserve", "/Papers/Plans");
@@ -243,6 +269,7 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
 }
 
 TEST_F(FileBrowserTest, downloadsAndFolders) {
+    reads.hold();
     command("downloadfolder", "/Papers/Plans/");
     EXPECT_TRUE(client.connector.downloads().isFileInDownloadQueue(*big));
     command("downloadfolder", "/Papers");
@@ -288,6 +315,25 @@ TEST_F(FileBrowserTest, linksGoToTheClipboardTheMailProgramAndTheBrowser) {
     ASSERT_EQ(done.size(), 2u);
     EXPECT_TRUE(done[0].starts_with("open https://webclient.example.localhost:8443/default.aspx?sas="))
         << done[0];
+}
+
+TEST_F(FileBrowserTest, aThousandFoldersAskWhileManyFilesWait) {
+    told();
+    auto& journal = client.store.journal();
+    for (int i = 0; i < 5000; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        journal.addChangeToJournal(
+            journal.createJournalForFile(add(name, "plans", name, true, 0), kJournalCreate));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; ++i)
+        command("badge", "/papers/PLANS");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s) << "each question would walk the queue";
+    EXPECT_EQ(told().front(), "overlay(3):/papers/PLANS");
+    command("badge", "/Papers/Pl");
+    EXPECT_EQ(told().front(), "overlay(3):/Papers/Pl") << "a beginning of a name counts";
+    command("badge", "/Papers/Plans 3");
+    EXPECT_EQ(told().front(), "overlay(0):/Papers/Plans 3");
 }
 
 }  // namespace

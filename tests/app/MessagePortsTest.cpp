@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 
 #include "app/FileBrowserLink.h"
 #include "platform/BackgroundQueue.h"
+#include "platform/ClipboardProgram.h"
 #include "platform/DBusDesktopServices.h"
 #include "platform/DBusMessagePorts.h"
 #include "platform/QtRunLoop.h"
@@ -23,7 +25,8 @@
 // lock.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
-    return "race:libQt6DBus.so\nrace:libQt6Core.so\nrace:libdbus-1.so\nmutex:libQt6Core.so\n";
+    return "race:libQt6DBus.so\nrace:libQt6Core.so\nrace:libdbus-1.so\nrace:libglib-2.0.so\nmutex:libQt6Core."
+           "so\n";
 }
 #endif
 
@@ -42,8 +45,14 @@ class PrivateBus {
         const std::string listen = "--address=" + address;
         const char* arguments[] = {"dbus-daemon",         "--nofork",     "--nopidfile",
                                    configuration.c_str(), listen.c_str(), nullptr};
-        if (posix_spawnp(&pid_, arguments[0], nullptr, nullptr, const_cast<char**>(arguments), environ) != 0)
-            pid_ = -1;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        for (const int descriptor : {1, 2})
+            posix_spawn_file_actions_addopen(&actions, descriptor, "/dev/null", O_WRONLY, 0);
+        const int error =
+            posix_spawnp(&pid_, arguments[0], &actions, nullptr, const_cast<char**>(arguments), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (error != 0) pid_ = -1;
         setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
         const auto end = std::chrono::steady_clock::now() + 10s;
         while (pid_ > 0 && !folder_.exists("bus") && std::chrono::steady_clock::now() < end)
@@ -206,6 +215,40 @@ TEST_F(MessagePortsTest, withoutABusThereIsNoPortAndNothingWaits) {
         EXPECT_FALSE(desktop.openUrl("file:///etc/passwd"));
     }
     EXPECT_EQ(failures, 0);
+}
+
+TEST_F(MessagePortsTest, theClipboardsProgramAnswersOrNot) {
+    testing::TemporaryFolder folder;
+    const auto program = [&](const std::string& name, const std::string& script) {
+        const std::string path = folder.write(name, "#!/bin/sh\n" + script);
+        chmod(path.c_str(), 0700);
+        return path;
+    };
+    const std::string got = folder.path("got");
+    struct Row {
+        const char* display;
+        std::string program, link;
+        bool succeeds;
+    };
+    for (const auto& [display, path, link, succeeds] : {
+             Row{":1", program("good", "cat > " + got + "; printf +; exec sleep 1 <&- >&-"), "https://x/?a&b",
+                 true},
+             Row{":1", program("dies", "kill -9 $$"), "https://x", false},
+             Row{":1", program("refused", "cat > /dev/null; exit 1"), "https://x", false},
+             Row{":1", folder.path("missing"), "https://x", false},
+             Row{"", folder.path("good"), "https://x", false},
+             Row{":1", folder.path("good"), std::string(100'000, 'x'), false},
+         }) {
+        setenv("DISPLAY", display, 1);
+        std::optional<bool> answer;
+        ClipboardProgram clipboard(path);
+        clipboard.setLink(link, [&](bool succeeded) { answer = succeeded; });
+        EXPECT_FALSE(answer.has_value()) << "later, never inside the call";
+        ASSERT_TRUE(until([&] { return answer.has_value(); })) << path;
+        EXPECT_EQ(answer, succeeds) << path;
+    }
+    EXPECT_EQ(folder.read("got"), "https://x/?a&b");
+    unsetenv("DISPLAY");
 }
 
 }  // namespace

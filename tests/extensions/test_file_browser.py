@@ -43,17 +43,18 @@ class ConversationTest(unittest.TestCase):
         self.take()
 
     def test_shows_what_the_client_says_of_what_is_shown(self):
-        self.talk.shown("/m/S/early")
+        self.talk.shown("/m/S/early", 1)
         self.assertEqual(self.take(), [])
         self.talk.client_appeared()
         self.assertEqual(self.take(), ["hello:"])
         self.talk.received("hej:/m")
         self.assertEqual(self.refreshed, ["/m/S/early"], "asked for again, now that it is known to be of the drive")
-        self.assertFalse(self.talk.shown("/mm/x"))
-        self.assertFalse(self.talk.shown("/m"))
-        self.assertTrue(self.talk.shown("/m/S/a"))
-        self.assertTrue(self.talk.shown("/m/S/b"))
-        self.assertTrue(self.talk.shown("/m/S/b"), "in a second window")
+        self.assertFalse(self.talk.shown("/mm/x", 1))
+        self.assertFalse(self.talk.shown("/m", 1))
+        self.assertTrue(self.talk.shown("/m/S/a", 1))
+        self.assertTrue(self.talk.shown("/m/S/b", 2))
+        self.assertTrue(self.talk.shown("/m/S/b", 3), "another item")
+        self.assertFalse(self.talk.shown("/m/S/b", 3), "asked for again")
         self.assertEqual(self.take(), ["observe:/m/S", "badge:/m/S/a", "badge:/m/S/b"])
 
         self.refreshed.clear()
@@ -64,24 +65,25 @@ class ConversationTest(unittest.TestCase):
         self.assertEqual(self.talk.emblem("/m/S/a"), "tarnwell-server")
         self.assertIsNone(self.talk.emblem("/m/S/b"), "a status of a later version")
 
-        self.talk.hidden("/m/S/a")
-        self.talk.hidden("/m/S/b")
+        self.talk.hidden("/m/S/a", 1)
+        self.talk.hidden("/m/S/b", 2)
+        self.talk.hidden("/m/S/b", 2)
         self.assertEqual(self.take(), [])
-        self.talk.hidden("/m/S/b")
+        self.talk.hidden("/m/S/b", 3)
         self.assertEqual(self.take(), ["unobserve:/m/S"])
         self.assertIsNone(self.talk.emblem("/m/S/a"))
 
     def test_either_side_may_start_again(self):
         self.greet()
-        self.talk.shown("/m/S/a")
+        self.talk.shown("/m/S/a", 1)
         self.talk.received("overlay(1):/m/S/a")
         self.take()
         self.refreshed.clear()
         self.talk.client_gone()
         self.assertEqual(self.refreshed, ["/m/S/a"], "its emblem goes with the client")
         self.assertIsNone(self.talk.emblem("/m/S/a"))
-        self.talk.shown("/m/S/b")
-        self.talk.hidden("/m/S/b")
+        self.talk.shown("/m/S/b", 1)
+        self.talk.hidden("/m/S/b", 1)
         self.assertEqual(self.take(), [], "nobody is asked")
         self.assertEqual(self.talk.commands([("/m/S/a", False)]), [])
         self.talk.client_appeared()
@@ -92,20 +94,31 @@ class ConversationTest(unittest.TestCase):
         self.greet()
         self.answers = False
         for number in range(1000):
-            self.talk.shown(f"/m/S/{number}")
+            self.talk.shown(f"/m/S/{number}", number)
         self.assertEqual(len(self.take()), extension.MOST_IN_FLIGHT)
         for done in self.pending:
             done(False)
-        self.talk.shown("/m/S/more")
+        self.talk.shown("/m/S/more", 1)
         self.assertEqual(self.take(), [], "it is not asked again")
         self.answers = True
         self.talk.received("hej:/m")
         self.assertEqual(len(self.take()), 1002, "until it lives: the folder and each item")
 
+    def test_follows_the_newest_folders_where_nothing_ever_goes(self):
+        self.greet()
+        for folder in ("old", "new"):
+            for number in range(extension.MOST_FOLLOWED // 2 + 1):
+                self.talk.shown(f"/m/{folder}/{number}", number)
+        self.assertEqual([text for text in self.take() if "observe" in text],
+                         ["observe:/m/old", "observe:/m/new", "unobserve:/m/old"])
+        self.talk.hidden("/m/old/1", 1)
+        self.assertTrue(self.talk.shown("/m/old/1", 1))
+        self.assertEqual(self.take(), ["observe:/m/old", "badge:/m/old/1"])
+
     def test_commands_fit_the_selection(self):
         self.greet()
         for path, status in (("/m/S", 0), ("/m/S/kept", 4), ("/m/S/far", 2), ("/m/S/here", 1)):
-            self.talk.shown(path)
+            self.talk.shown(path, 1)
             self.talk.received(f"overlay({status}):{path}")
         self.take()
         for items, names in (
@@ -178,7 +191,7 @@ class ClientTest(unittest.TestCase):
         drive = self.folder + "/Tarnwell"
         self.wait(lambda: talk.mount_path == drive)
         path = drive + "/S/a folder"
-        talk.shown(path)
+        talk.shown(path, 1)
         self.wait(lambda: path in refreshed)
         self.assertIsNone(talk.emblem(path))
 

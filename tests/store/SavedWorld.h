@@ -42,7 +42,14 @@ class TextJournal final : public JournalTexts {
 /// A store with its files, and the same folder as the next run of the program finds it.
 class SavedWorld : public StoreWorld {
   public:
-    SavedWorld() { store.persistence().setJournal(&journal); }
+    SavedWorld() {
+        store.persistence().setJournal(&journal);
+        // The share that stands here already is in the change log. What is saved is the question here.
+        for (const auto& entry : std::filesystem::directory_iterator(layout.rootCachePath())) {
+            if (entry.path().filename().string().starts_with("changes-"))
+                std::filesystem::remove(entry.path());
+        }
+    }
 
     /// The next run.
     struct Run {
