@@ -154,8 +154,7 @@ void AdminCommands::import(const std::string& share, const std::string& domain,
 
 void AdminCommands::exportTo(const std::string& share, const std::string& domain,
                              const std::filesystem::path& target) {
-    const auto counts =
-        exportShare(data_.metadata(), data_.contents(), needShare(share, domain).id, target);
+    const auto counts = exportShare(data_.metadata(), data_.contents(), needShare(share, domain).id, target);
     out_ << "exported " << counts.files << " files, " << counts.folders << " folders, " << counts.bytes
          << " bytes\n";
 }

@@ -68,8 +68,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     void entryChanged(const LocalJournalPtr& entry);
     /// The service has the contents of the entry: newer contents of the item are a version of these.
     void contentsSent(const LocalJournal& entry);
-    /// The user changed times or permissions: what still waits to bring the item takes them along. By themselves
-    /// they are nothing to send.
+    /// The user changed times or permissions: what still waits to bring the item takes them along. By
+    /// themselves they are nothing to send.
     void attributesChanged(const TWVirtualFile& file);
     /// Deletes the upload copy and its side file.
     void removeUploadFileData(const TWVirtualFile& file);
