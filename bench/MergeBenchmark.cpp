@@ -41,7 +41,6 @@ class NoContents final : public TWFuseFileSystem::Mediator {
                                                  std::int64_t) override {
         return std::nullopt;
     }
-    void journalUpdate(const TWVirtualFilePtr&) override {}
     [[nodiscard]] bool excessiveLogging() const override { return false; }
 };
 
