@@ -90,5 +90,43 @@ TEST(FullDiskE2eTest, readsAnswerAndNothingHalfIsKept) {
     disk.empty();
 }
 
+TEST(FullDiskE2eTest, aWriteThatDoesNotFitSaysSoAndWhatFitArrives) {
+    if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no FUSE on this machine";
+    const TemporaryFolder folder;
+    SmallDisk disk(folder.path("ann/data"));
+    if (!disk.mounted()) GTEST_SKIP() << "no right to mount a small disk";
+    World world({.dataFolder = folder.path("ann")});
+    auto& client = world.client();
+    client.start();
+    ASSERT_TRUE(client.waitForPath("/Papers"));
+    ASSERT_TRUE(client.waitForState("online"));
+    const auto write = [&](const std::string& name, std::size_t size) {
+        std::ofstream file(client.path("/Papers/" + name), std::ios::binary);
+        const auto bytes = randomBytes(size);
+        file.write(bytes.data(), std::ssize(bytes));
+        file.close();
+        return !file.fail();
+    };
+    ASSERT_TRUE(write("fits", 100'000));
+    disk.fill();
+    EXPECT_FALSE(write("too big", 3'000'000)) << "nobody may take this for written";
+    // What needs no room goes on, though nothing of it can be kept at once.
+    fs::rename(client.path("/Papers/fits"), client.path("/Papers/renamed"));
+    EXPECT_EQ(client.run({"status"}).status, 0);
+    disk.empty();
+    std::error_code error;
+    fs::remove(client.path("/Papers/too big"), error);
+    EXPECT_TRUE(eventually([&] { return write("after", 200'000); }));
+
+    ASSERT_TRUE(client.waitForUploads());
+    auto& other = world.otherClient();
+    other.start();
+    ASSERT_TRUE(other.waitForPath("/Papers/after"));
+    ASSERT_TRUE(other.waitForPath("/Papers/renamed"));
+    EXPECT_TRUE(readRange(other.path("/Papers/renamed"), 0, 100'001) == randomBytes(100'000));
+    EXPECT_TRUE(readRange(other.path("/Papers/after"), 0, 200'001) == randomBytes(200'000));
+    EXPECT_FALSE(fs::exists(other.path("/Papers/fits")));
+}
+
 }  // namespace
 }  // namespace tarnwell::testing
