@@ -186,6 +186,17 @@ TEST_F(WriteE2eTest, programsSaveTheirWay) {
             "sqlite3 db 'create table t(a); insert into t values(1);'; sqlite3 db 'insert into t "
             "values(2);'");
     }
+    // Editors as they are, with their swap files, backups and renames.
+    if (has("vim")) {
+        script(
+            "vim -es -u NONE -c 'set backup writebackup' -c '%s/new/vim/' -c wq doc1.txt; rm -f doc1.txt~");
+    }
+    if (has("emacs")) {
+        // Without the rule that there are no backups below /tmp.
+        script(
+            "emacs --batch -Q --eval '(setq backup-enable-predicate (lambda (name) t))' doc2.txt "
+            "--eval '(progn (insert \"emacs \") (save-buffer))'; test -e doc2.txt~; rm doc2.txt~");
+    }
     if (has("rsync"))
         script("rsync -a --no-owner --no-group dir/ synced/; echo more >> dir/x; rsync -a dir/ synced/");
     expectEverywhere();
