@@ -95,8 +95,6 @@ class StoreIndex {
     /// Records that a pass of settlePath() has looked at.
     using Settled = boost::unordered_flat_set<TWVirtualFilePtr>;
 
-    // --- Look-ups
-    // -------------------------------------------------------------------------------------------------
     [[nodiscard]] const Files& files() const { return files_; }
     [[nodiscard]] const Shares& shares() const { return shares_; }
     [[nodiscard]] std::size_t pathCount() const { return filesByPath_.size(); }
@@ -118,8 +116,6 @@ class StoreIndex {
     /// The drive path of a record as its parents stand now; empty when none can be formed.
     [[nodiscard]] SharedString fuseFilePath(const TWVirtualFile& file) const;
 
-    // --- Records
-    // --------------------------------------------------------------------------------------------------
     /// Enters a record, or puts it in the place of the one with its id. It gets a path when its parent has
     /// one; what waits below it follows. REQUIRES: `InternalName` and `ParrentId` are not empty.
     void insert(const TWVirtualFilePtr& file);
@@ -136,8 +132,6 @@ class StoreIndex {
     void markChanged(std::string_view shareId) { shareFiles_.touch(shareId); }
     [[nodiscard]] const ShareFiles& shareFiles() const { return shareFiles_; }
 
-    // --- Loading
-    // --------------------------------------------------------------------------------------------------
     /// Makes room for so many records at once.
     void reserve(std::size_t records);
     /// Enters a record, or puts it in the place of the one with its id, without a path.
@@ -146,8 +140,6 @@ class StoreIndex {
     /// Gives every record that can have one its path, under the orphan folder where the parent is missing.
     void formAllPaths();
 
-    // --- Shares
-    // ---------------------------------------------------------------------------------------------------
     /// Enters a share under its id and display name, in the place of the one of that id.
     /// REQUIRES: `ShareId` has a value.
     void insertShare(const ManagedSharePtr& share);

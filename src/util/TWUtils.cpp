@@ -10,8 +10,6 @@
 
 namespace tarnwell {
 
-// ---- identifiers and base64
-
 std::string generateGUID() {
     std::array<unsigned char, 16> bytes{};
     // Fails only when the kernel's random source does; a repeated identifier would merge two files into one.
@@ -88,8 +86,6 @@ std::optional<std::string> base64Decode(std::string_view text) {
     if (held >= 6 || bits != 0) return std::nullopt;
     return bytes;
 }
-
-// ---- Unicode
 
 namespace {
 
@@ -214,8 +210,6 @@ bool isEqualLowercase(std::string_view a, std::string_view b) {
     }
     return a.empty() && b.empty();
 }
-
-// ---- paths
 
 std::string appendPathComponent(std::string_view path, std::string_view component) {
     while (component.starts_with('/'))
