@@ -207,12 +207,6 @@ TEST_F(UrlLoaderTest, largeRangesArriveWholeInOneBuffer) {
     ASSERT_TRUE(reply.succeeded()) << reply.error;
     EXPECT_EQ(reply.body.size(), kSize);
     EXPECT_LT(reply.body.capacity(), kSize + 4096) << "the buffer grew by doubling";
-
-    std::string body(3u << 20, '\0');
-    for (std::size_t i = 0; i < body.size(); ++i)
-        body[i] = static_cast<char>(i * i / 251);
-    const auto posted = loader.sendSynchronously({.method = "POST", .url = server.url("/"), .body = body});
-    EXPECT_TRUE(posted.body == body) << posted.error;
 }
 
 TEST_F(UrlLoaderTest, idleTimeCountsFromTheLastByteNotFromTheStart) {
@@ -230,8 +224,7 @@ TEST_F(UrlLoaderTest, idleTimeCountsFromTheLastByteNotFromTheStart) {
     CurlUrlLoader loader(trusting(server));
     EXPECT_TRUE(get(loader, server.url("/"), 1000ms).succeeded())
         << "a slow transfer that moves was given up";
-    const auto reply = get(loader, server.url("/"), 60ms);
-    EXPECT_EQ(reply.error, "timed out");
+    EXPECT_EQ(get(loader, server.url("/"), 60ms).error, "timed out");
 
     const auto begin = std::chrono::steady_clock::now();
     const auto trickle =
@@ -252,10 +245,8 @@ TEST_F(UrlLoaderTest, silentServersAndDeadConnectionsTimeOut) {
     const auto muteUrl = "https://mute.localhost:" + std::to_string(ntohs(address.sin_port)) + "/";
     for (const auto& url : {server.url("/"), muteUrl}) {
         const auto start = std::chrono::steady_clock::now();
-        const auto reply = get(loader, url, 200ms);
-        const auto took = std::chrono::steady_clock::now() - start;
-        EXPECT_EQ(reply.error, "timed out") << url;
-        EXPECT_LT(took, 5s);
+        EXPECT_EQ(get(loader, url, 200ms).error, "timed out") << url;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     }
     ::close(mute);
     EXPECT_THAT(get(loader, muteUrl).error, ::testing::HasSubstr("connect"))
@@ -265,27 +256,17 @@ TEST_F(UrlLoaderTest, silentServersAndDeadConnectionsTimeOut) {
 TEST_F(UrlLoaderTest, requestsBehindADeadHostDoNotWaitTwice) {
     LocalTlsServer server(silence), alive(answerOk);
     CurlUrlLoader loader({.certificateAuthority = server.authorityFile()});
-    BackgroundQueue queue(1);
-    std::mutex mutex;
-    std::condition_variable changed;
-    int failed = 0;
     const auto start = std::chrono::steady_clock::now();
+    std::vector<std::future<UrlReply>> dead;
     for (int i = 0; i < 30; ++i) {
-        loader.sendAsynchronously({.url = server.url("/"), .idleTimeout = 1500ms}, queue,
-                                  [&](UrlReply reply) {
-                                      std::lock_guard lock(mutex);
-                                      failed += reply.error == "timed out";
-                                      changed.notify_all();
-                                  });
+        dead.push_back(std::async(std::launch::async, [&] { return get(loader, server.url("/"), 1500ms); }));
     }
     // Another host is not held up (its certificate is not trusted here, which is an answer too).
     EXPECT_FALSE(get(loader, alive.url("/", "alive.localhost")).error.empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return failed == 30; })) << failed;
+    for (auto& reply : dead)
+        EXPECT_EQ(reply.get().error, "timed out");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 4500ms) << "one time-out after another";
-    lock.unlock();
-    queue.stop(10s);
 }
 
 TEST_F(UrlLoaderTest, redirectsAreRepliesNotFollowed) {

@@ -2,6 +2,7 @@
 
 #include <tuple>
 
+#include "util/Hash.h"
 #include "util/TWUtils.h"
 
 namespace tarnwell {
@@ -74,6 +75,13 @@ TEST(Base64Test, roundTripAndRefusesWhatIsNotStandard) {
          {"Zg", "Zg=", "Zh==", "Z===", "====", "=g==", "Zm9v\n", "Zm9 ", "Zm9-", "Zg==Zg=="}) {
         EXPECT_EQ(base64Decode(bad), std::nullopt) << bad;
     }
+}
+
+TEST(HashTest, isTheHashTextOfTheWire) {
+    Md5 hash;
+    for (const char* part : {"a", "", "bc"})
+        hash.update(part);
+    EXPECT_EQ(hash.hashText(), "90-01-50-98-3C-D2-4F-B0-D6-96-3F-7D-28-E1-7F-72");
 }
 
 }  // namespace
