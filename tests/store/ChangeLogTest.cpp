@@ -1,6 +1,5 @@
 // What the user changed is there after the process ended, whenever that was.
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 #include <functional>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <set>
 #include <sstream>
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <random>
 #include <thread>
 

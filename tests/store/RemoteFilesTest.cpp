@@ -59,7 +59,6 @@ TEST(RemoteFilesTest, mergesByRules) {
         const bool replaced = c.name == "new";
         EXPECT_EQ(now, replaced ? incoming : stored);
         EXPECT_EQ(world.at("/Share/" + c.name), "f");
-        EXPECT_EQ(world.at(replaced ? "/Share/old" : "/Share/new"), "-");
         EXPECT_EQ(now->POSIXPermissions, 0640);
         EXPECT_EQ(now->DownloadDate.has_value(), c.dataKept);
         EXPECT_FALSE(stored->OnlyLocal);

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "platform/BackgroundQueue.h"
@@ -111,7 +110,6 @@ TEST_F(UploadCopiesTest, aCopyAppearsWholeWithItsSideFile) {
     EXPECT_TRUE(world.store.shutdownBlocked());
     EXPECT_EQ(filesInUploads(), 0);
     world.background.runAll();
-    EXPECT_FALSE(entry->CopyingFile);
     EXPECT_FALSE(world.store.shutdownBlocked());
     EXPECT_EQ(bytesOf(copyPath(entry)), "X");
     std::string error;

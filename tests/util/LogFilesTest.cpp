@@ -9,7 +9,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "util/TWLogger.h"
@@ -119,23 +118,6 @@ TEST_F(LogFilesTest, withoutFilesLinesGoToTheSystemLog) {
     now += 86400 * 2;
     files.write(kLogFuse, "after close");
     EXPECT_THAT(systemLog, ElementsAre("after close\n"));
-}
-
-TEST_F(LogFilesTest, theWindowGetsEachLineAndMayLogOrFail) {
-    files.init(folder);
-    std::vector<std::string> shown;
-    files.setSink([&](int level, std::string_view line) {
-        shown.push_back(std::string(logLevelTag(level)) + std::string(line.substr(line.find(" : ") + 3)));
-        files.write(kLogFuse, "from the window");
-        throw std::runtime_error("closed");
-    });
-    files.write(kLogMain, "one");
-    files.write(kLogDebug, "two");
-    files.setSink({});
-    files.write(kLogMain, "three");
-    EXPECT_THAT(shown, ElementsAre("[Main] one\n", "[Debug] two\n"));
-    EXPECT_EQ(lines("2026-11-15-fuse.log").size(), 2U);
-    EXPECT_EQ(systemLog.size(), 2U);
 }
 
 TEST_F(LogFilesTest, linesOfManyThreadsNeverMix) {

@@ -73,8 +73,8 @@ PropertyList parsed(std::string_view bytes) {
 
 TEST(PropertyListTest, bothFormsBringEverythingBack) {
     const PropertyList value = everything();
-    EXPECT_EQ(parsed(serialized(value, PropertyListForm::kBinary)), value);
-    EXPECT_EQ(parsed(serialized(value, PropertyListForm::kXml)), value);
+    for (const auto form : {PropertyListForm::kBinary, PropertyListForm::kXml})
+        EXPECT_EQ(parsed(serialized(value, form)), value);
 }
 
 TEST(PropertyListTest, manyValuesNeedWiderReferences) {
