@@ -1,20 +1,13 @@
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
 #include <thread>
 
 #include "platform/FileKeychain.h"
 #include "platform/SecretServiceKeychain.h"
-#include "platform/SystemInformation.h"
 #include "support/LogCapture.h"
-#include "support/MemoryKeychain.h"
 #include "support/TemporaryFolder.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -31,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::LogCapture;
-using testing::MemoryKeychain;
 using testing::TemporaryFolder;
 
 /// Sets environment variables for a scope.
@@ -40,51 +32,20 @@ class Environment {
     Environment(std::initializer_list<std::pair<const char*, std::string>> values) {
         for (const auto& [name, value] : values) {
             const char* old = ::getenv(name);
-            before_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-            if (value.empty())
-                ::unsetenv(name);
-            else
-                ::setenv(name, value.c_str(), 1);
+            before_.emplace_back(name, old ? old : "");
+            set(name, value);
         }
     }
     ~Environment() {
-        for (const auto& [name, value] : before_) {
-            if (value)
-                ::setenv(name, value->c_str(), 1);
-            else
-                ::unsetenv(name);
-        }
+        for (const auto& [name, value] : before_)
+            set(name, value);
     }
 
   private:
-    std::vector<std::pair<const char*, std::optional<std::string>>> before_;
-};
-
-/// A child process whose standard input and output are files; ended with the object.
-class Child {
-  public:
-    Child(std::vector<std::string> arguments, const std::string& input, const std::string& output) {
-        std::vector<char*> pointers;
-        for (auto& argument : arguments)
-            pointers.push_back(argument.data());
-        pointers.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (::posix_spawnp(&pid_, pointers[0], &actions, nullptr, pointers.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+    static void set(const char* name, const std::string& value) {
+        value.empty() ? ::unsetenv(name) : ::setenv(name, value.c_str(), 1);
     }
-    ~Child() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    [[nodiscard]] bool started() const { return pid_ > 0; }
-
-  private:
-    pid_t pid_ = -1;
+    std::vector<std::pair<const char*, std::string>> before_;
 };
 
 /// A private session bus with an unlocked keyring on it, under a home folder of its own.
@@ -94,20 +55,24 @@ class PrivateSecretService {
         : environment_({{"HOME", folder_.path()},
                         {"XDG_DATA_HOME", folder_.path("data")},
                         {"XDG_RUNTIME_DIR", folder_.path()},
-                        {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder_.path("bus")}}),
-          bus_({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + folder_.write("bus.conf", kBus),
-                "--address=unix:path=" + folder_.path("bus")},
-               "/dev/null", "/dev/null") {
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (!folder_.exists("bus") && std::chrono::steady_clock::now() < end)
-            std::this_thread::yield();
-        keyring_ = std::make_unique<Child>(std::vector<std::string>{"gnome-keyring-daemon", "--foreground",
-                                                                    "--unlock", "--components=secrets"},
-                                           folder_.write("password", "test"), "/dev/null");
+                        {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder_.path("bus")}}) {
+        folder_.write("bus.conf", kBus);
+        folder_.write("password", "test");
+        folder_.write("start", R"(
+            dbus-daemon --nofork --nopidfile --config-file=bus.conf --address=unix:path=$PWD/bus \
+                >/dev/null 2>&1 &
+            echo $! >processes
+            for i in $(seq 1000); do [ -S bus ] && break; sleep 0.01; done
+            gnome-keyring-daemon --foreground --unlock --components=secrets <password >/dev/null 2>&1 &
+            echo $! >>processes
+        )");
+        started_ = ::system(("cd " + folder_.path() + " && sh ./start").c_str()) == 0;
     }
-    [[nodiscard]] bool started() const {
-        return bus_.started() && keyring_->started() && folder_.exists("bus");
+    ~PrivateSecretService() {
+        [[maybe_unused]] const int done =
+            ::system(("kill -9 $(cat " + folder_.path("processes") + ")").c_str());
     }
+    [[nodiscard]] bool started() const { return started_ && folder_.exists("bus"); }
 
   private:
     /// Starts no services by itself: the first question would otherwise bring up a second keyring, which is
@@ -119,34 +84,30 @@ class PrivateSecretService {
 
     TemporaryFolder folder_;
     Environment environment_;
-    Child bus_;
-    std::unique_ptr<Child> keyring_;
+    bool started_ = false;
 };
 
 bool programsExist() {
     return ::system("command -v dbus-daemon >/dev/null && command -v gnome-keyring-daemon >/dev/null") == 0;
 }
 
-enum class Kind { kMemory, kFile, kSecretService };
+enum class Kind { kFile, kSecretService };
 
 class KeychainContract : public ::testing::TestWithParam<Kind> {
   public:
     void SetUp() override {
-        if (GetParam() == Kind::kMemory) {
-            keychain_ = std::make_unique<MemoryKeychain>();
-        } else if (GetParam() == Kind::kFile) {
+        if (GetParam() == Kind::kFile) {
             keychain_ = std::make_unique<FileKeychain>(folder_.path("private/keys"));
-        } else {
-            if (!programsExist()) GTEST_SKIP() << "dbus-daemon or gnome-keyring-daemon is not installed";
-            service_ = std::make_unique<PrivateSecretService>();
-            ASSERT_TRUE(service_->started());
-            keychain_ = std::make_unique<SecretServiceKeychain>();
-            // The keyring takes a moment to appear on the bus.
-            const auto end = std::chrono::steady_clock::now() + 10s;
-            while (!keychain_->setPassword("probe", "probe", "x") && std::chrono::steady_clock::now() < end) {
-                std::this_thread::yield();
-            }
+            return;
         }
+        if (!programsExist()) GTEST_SKIP() << "dbus-daemon or gnome-keyring-daemon is not installed";
+        service_ = std::make_unique<PrivateSecretService>();
+        ASSERT_TRUE(service_->started());
+        keychain_ = std::make_unique<SecretServiceKeychain>();
+        // The keyring takes a moment to appear on the bus.
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (!keychain_->setPassword("probe", "probe", "x") && std::chrono::steady_clock::now() < end)
+            std::this_thread::yield();
     }
     Keychain& keychain() { return *keychain_; }
 
@@ -156,31 +117,25 @@ class KeychainContract : public ::testing::TestWithParam<Kind> {
     std::unique_ptr<Keychain> keychain_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Kinds, KeychainContract,
-                         ::testing::Values(Kind::kMemory, Kind::kFile, Kind::kSecretService),
+INSTANTIATE_TEST_SUITE_P(Kinds, KeychainContract, ::testing::Values(Kind::kFile, Kind::kSecretService),
                          [](const auto& info) {
-                             return info.param == Kind::kMemory ? "Memory"
-                                    : info.param == Kind::kFile ? "File"
-                                                                : "SecretService";
+                             return info.param == Kind::kFile ? "File" : "SecretService";
                          });
 
 TEST_P(KeychainContract, keepsPasswordsByServiceAndAccount) {
     const std::string service = "Fern Disk.keys", other = "Tarnwell.keys";
     EXPECT_THAT(keychain().accounts(service), ::testing::IsEmpty());
     EXPECT_EQ(keychain().password(service, "ann@example.org"), std::nullopt);
-    EXPECT_FALSE(keychain().deletePassword(service, "ann@example.org"));
 
     const std::string awkward = " p\tä\\ss=wörd\n\"日本\" ";
     EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", "first"));
     EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", awkward));
-    EXPECT_TRUE(keychain().setPassword(service, "bob\t@ex=ample", "two"));
+    EXPECT_TRUE(keychain().setPassword(service, "bob\t@ex=ample", ""));
     EXPECT_TRUE(keychain().setPassword(other, "ann@example.org", "elsewhere"));
     EXPECT_THAT(keychain().accounts(service), ::testing::ElementsAre("ann@example.org", "bob\t@ex=ample"));
     EXPECT_EQ(keychain().password(service, "ann@example.org"), awkward);
-    EXPECT_EQ(keychain().password(service, "bob\t@ex=ample"), "two");
+    EXPECT_EQ(keychain().password(service, "bob\t@ex=ample"), "");
 
-    EXPECT_TRUE(keychain().setPassword(service, "ann@example.org", ""));
-    EXPECT_EQ(keychain().password(service, "ann@example.org"), "");
     EXPECT_TRUE(keychain().deletePassword(service, "ann@example.org"));
     EXPECT_FALSE(keychain().deletePassword(service, "ann@example.org"));
     EXPECT_THAT(keychain().accounts(service), ::testing::ElementsAre("bob\t@ex=ample"));
@@ -214,8 +169,7 @@ TEST(FileKeychainTest, refusesFilesThatOthersReachOrThatAreDamaged) {
                  {"s\tann\tsecret\n", 0604, "others can reach it (mode 604"},
                  {"s\tann\tsecret", 0600, "is damaged"},
                  {"s\tann\tbad\\q\n", 0600, "is damaged"},
-                 {"s\tann\tsecret\tmore\n", 0600, "is damaged"},
-                 {"s\t\t\n", 0600, "is damaged"}};
+                 {"s\tann\tsecret\tmore\n", 0600, "is damaged"}};
     for (const auto& [contents, mode, logged] : cases) {
         LogCapture log;
         TemporaryFolder folder;
@@ -230,17 +184,6 @@ TEST(FileKeychainTest, refusesFilesThatOthersReachOrThatAreDamaged) {
         EXPECT_TRUE(log.contains(logged)) << log.text();
         EXPECT_FALSE(log.contains("secret"));
     }
-}
-
-TEST(SecretServiceKeychainTest, answersAtOnceWithoutASessionBus) {
-    LogCapture log;
-    TemporaryFolder folder;
-    const Environment none{{"DBUS_SESSION_BUS_ADDRESS", ""}, {"XDG_RUNTIME_DIR", folder.path()}};
-    SecretServiceKeychain keychain;
-    EXPECT_THAT(keychain.accounts("s"), ::testing::IsEmpty());
-    EXPECT_FALSE(keychain.setPassword("s", "a", "x"));
-    EXPECT_EQ(keychain.password("s", "a"), std::nullopt);
-    EXPECT_EQ(log.count("there is no session bus"), 3u) << log.text();
 }
 
 TEST(SecretServiceKeychainTest, deadBusCostsOneDeadline) {

@@ -20,12 +20,6 @@ namespace {
 
 const std::string kRoot = "/Share/";
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return "(none)";
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 /// In two parts, as a program might.
 void writeFile(const std::string& path, const std::string& contents) {
     const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -41,11 +35,24 @@ std::string withoutRoot(std::string_view path) {
     return std::string(path.starts_with(kRoot) ? path.substr(kRoot.size()) : path);
 }
 
+std::string joined(const std::set<std::string>& lines) {
+    std::string text;
+    for (const auto& line : lines)
+        text += (text.empty() ? "" : "; ") + line;
+    return text;
+}
+
 void setSize(TWVirtualFile& file, std::size_t size) {
     file.AllocationSize = file.EndOfFile = static_cast<std::int64_t>(size);
 }
 
 }  // namespace
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return "(none)";
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 TWVirtualFilePtr JournalWorld::item(const std::string& path) const {
     return store.fileWithPath(kRoot + path);
@@ -70,20 +77,12 @@ void JournalWorld::known(const std::string& id, const std::string& path, const c
     writeFile(layout.cachePathForFile(*added), contents);
 }
 
-void JournalWorld::create(const std::string& path) {
+void JournalWorld::make(const std::string& path, bool isFolder) {
     const auto change = store.beginLocalChange();
     const auto folder = store.fileWithPath(deletingLastPathComponent(kRoot + path));
-    const auto made = store.createFile(lastPathComponent(path), share, folder, false);
+    const auto made = store.createFile(lastPathComponent(path), share, folder, isFolder);
     (void)nameOf(made->InternalName);
-    made->LocallyUpdated = true;
-    journal().addChangeToJournal(journal().createJournalForFile(made, kJournalCreate));
-}
-
-void JournalWorld::mkdir(const std::string& path) {
-    const auto change = store.beginLocalChange();
-    const auto folder = store.fileWithPath(deletingLastPathComponent(kRoot + path));
-    const auto made = store.createFile(lastPathComponent(path), share, folder, true);
-    (void)nameOf(made->InternalName);
+    if (!isFolder) made->LocallyUpdated = true;
     journal().addChangeToJournal(journal().createJournalForFile(made, kJournalCreate));
 }
 
@@ -148,7 +147,7 @@ std::string JournalWorld::nameOf(const SharedString& id) {
 
 std::string JournalWorld::contentsOf(const LocalJournal& entry) const {
     if (entry.File->UploadName.empty()) return "";
-    return readFile(layout.cachePathForUpload(*entry.File));
+    return bytesOf(layout.cachePathForUpload(*entry.File));
 }
 
 std::string JournalWorld::shown() {
@@ -172,12 +171,9 @@ std::string JournalWorld::tree() {
     for (const auto& file : store.allFiles()) {
         lines.insert(withoutRoot(file->FullPath.view()) + (file->IsFile ? " " : "/ ") +
                      nameOf(file->InternalName) +
-                     (file->IsFile ? "=" + readFile(layout.cachePathForFile(*file)) : ""));
+                     (file->IsFile ? "=" + bytesOf(layout.cachePathForFile(*file)) : ""));
     }
-    std::string text;
-    for (const auto& line : lines)
-        text += (text.empty() ? "" : "; ") + line;
-    return text;
+    return joined(lines);
 }
 
 std::string RemoteTree::path(const std::string& id) const {
@@ -192,10 +188,7 @@ std::string JournalWorld::remoteTree() const {
         lines.insert(remote_.path(id) + (at.isFile ? " " : "/ ") +
                      (name == names_.end() ? id : name->second) + (at.isFile ? "=" + at.contents : ""));
     }
-    std::string text;
-    for (const auto& line : lines)
-        text += (text.empty() ? "" : "; ") + line;
-    return text;
+    return joined(lines);
 }
 
 /// Why an item cannot be where a record says.

@@ -11,6 +11,9 @@
 
 namespace tarnwell::testing {
 
+/// A file's bytes; "(none)" when it cannot be read.
+std::string bytesOf(const std::string& path);
+
 /// The tree of the service, which performs journal entries and refuses what it could not do.
 class RemoteTree {
   public:
@@ -43,8 +46,8 @@ class JournalWorld : public StoreWorld {
     // Names are drive paths without "/Share/".
     /// An item that the service knows, its contents cached. `contents` null: a folder.
     void known(const std::string& id, const std::string& path, const char* contents);
-    void create(const std::string& path);
-    void mkdir(const std::string& path);
+    void create(const std::string& path) { make(path, false); }
+    void mkdir(const std::string& path) { make(path, true); }
     void write(const std::string& path, const std::string& contents);
     /// create() and write().
     void save(const std::string& path, const std::string& contents);
@@ -72,6 +75,7 @@ class JournalWorld : public StoreWorld {
     std::string performAll();
 
   private:
+    void make(const std::string& path, bool isFolder);
     [[nodiscard]] std::string nameOf(const SharedString& id);
     [[nodiscard]] std::string contentsOf(const LocalJournal& entry) const;
     std::string perform(const LocalJournal& entry);

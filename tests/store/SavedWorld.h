@@ -110,19 +110,6 @@ class SavedWorld : public StoreWorld {
         return names;
     }
 
-    ManagedSharePtr addShare(const std::string& id, const std::string& name) {
-        auto added = makeShare(id, name);
-        added->DisplayName = name;
-        store.insertShare(added);
-        return added;
-    }
-    static TWVirtualFilePtr fileOf(const std::string& shareId, std::string_view id, std::string_view parent,
-                                   std::string_view name, int tick = 1) {
-        auto made = file(id, parent, name, tick);
-        made->ShareId = shareId;
-        return made;
-    }
-
     TextJournal journal;
 };
 

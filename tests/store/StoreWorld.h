@@ -54,9 +54,7 @@ class StoreWorld {
         store.setDownloadScheduler(&listener);
         store.setFolderRefresher(&listener);
         store.setDriveObserver(&listener);
-        share = makeShare("s", "Share");
-        share->DisplayName = "Share";
-        store.insertShare(share);
+        share = addShare("s", "Share");
         store.createFolderForShare(*share);
         listener.changes.clear();
     }
@@ -66,6 +64,12 @@ class StoreWorld {
         made->ShareId = std::move(id);
         made->ShareName = std::move(name);
         return made;
+    }
+    ManagedSharePtr addShare(const std::string& id, const std::string& name) {
+        auto added = makeShare(id, name);
+        added->DisplayName = name;
+        store.insertShare(added);
+        return added;
     }
     static TWVirtualFilePtr makeItem(std::string_view id, std::string_view parent, std::string_view name,
                                      bool isFile) {
@@ -88,6 +92,12 @@ class StoreWorld {
         item->UploadName = "U" + std::string(id);
         item->UploadUrl = "url";
         return item;
+    }
+    static TWVirtualFilePtr fileOf(const std::string& shareId, std::string_view id, std::string_view parent,
+                                   std::string_view name, int tick = 1) {
+        auto made = file(id, parent, name, tick);
+        made->ShareId = shareId;
+        return made;
     }
     static TWVirtualFilePtr deleted(TWVirtualFilePtr item) {
         item->Deleted = true;

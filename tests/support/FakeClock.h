@@ -10,11 +10,7 @@ namespace tarnwell::testing {
 /// A clock that stands still until the test moves it. Starts on 2026-01-02 03:04:05 UTC. Any thread.
 class FakeClock final : public Clock {
   public:
-    FakeClock() = default;
-    explicit FakeClock(Date start) : ticks_(ticks(start)) {}
-
     [[nodiscard]] Date now() const override { return dateWithTicks(ticks_); }
-    void set(Date date) { ticks_ = ticks(date); }
     template <class Duration>
     void advance(Duration by) {
         ticks_ += std::chrono::duration_cast<TickDuration>(by).count();

@@ -19,7 +19,6 @@ struct ManualRunLoop::State {
     std::uint64_t lastId = 0;
     // By due time, then posting order.
     std::map<std::pair<milliseconds, std::uint64_t>, Entry> entries;
-    std::map<std::uint64_t, std::pair<milliseconds, std::uint64_t>> keys;  // timer id -> place in entries
 };
 
 class ManualRunLoop::Handle final : public Timer::Handle {
@@ -30,12 +29,11 @@ class ManualRunLoop::Handle final : public Timer::Handle {
         if (!state) return;
         Entry dropped;
         std::lock_guard lock(state->mutex);
-        const auto key = state->keys.find(id_);
-        if (key == state->keys.end()) return;
-        const auto entry = state->entries.find(key->second);
+        const auto entry = std::find_if(state->entries.begin(), state->entries.end(),
+                                        [this](const auto& each) { return each.second.id == id_; });
+        if (entry == state->entries.end()) return;
         dropped = std::move(entry->second);
         state->entries.erase(entry);
-        state->keys.erase(key);
     }
 
   private:
@@ -46,34 +44,28 @@ class ManualRunLoop::Handle final : public Timer::Handle {
 ManualRunLoop::ManualRunLoop(FakeClock* clock) : state_(std::make_shared<State>()), clock_(clock) {}
 ManualRunLoop::~ManualRunLoop() = default;
 
-Timer ManualRunLoop::add(milliseconds delay, milliseconds interval, std::function<void()> task) {
+std::shared_ptr<Timer::Handle> ManualRunLoop::add(milliseconds delay, milliseconds interval,
+                                                  std::function<void()> task) {
     std::lock_guard lock(state_->mutex);
     const auto id = ++state_->lastId;
     const std::pair key(state_->now + std::max(delay, milliseconds(0)), id);
     state_->entries.emplace(key,
                             Entry{interval, std::make_shared<std::function<void()>>(std::move(task)), id});
-    state_->keys.emplace(id, key);
     state_->posted.notify_all();
-    return Timer(std::make_shared<Handle>(state_, id));
+    return std::make_shared<Handle>(state_, id);
 }
 
 void ManualRunLoop::async(std::function<void()> task) {
-    std::lock_guard lock(state_->mutex);
-    const auto id = ++state_->lastId;
-    const std::pair key(state_->now, id);
-    state_->entries.emplace(
-        key, Entry{milliseconds(0), std::make_shared<std::function<void()>>(std::move(task)), id});
-    state_->keys.emplace(id, key);
-    state_->posted.notify_all();
+    add(milliseconds(0), milliseconds(0), std::move(task));
 }
 
 Timer ManualRunLoop::postAfter(milliseconds delay, std::function<void()> task) {
-    return add(delay, milliseconds(0), std::move(task));
+    return Timer(add(delay, milliseconds(0), std::move(task)));
 }
 
 Timer ManualRunLoop::repeat(milliseconds interval, std::function<void()> task) {
     const auto beat = std::max(interval, milliseconds(1));
-    return add(beat, beat, std::move(task));
+    return Timer(add(beat, beat, std::move(task)));
 }
 
 bool ManualRunLoop::runNext(milliseconds until) {
@@ -89,14 +81,8 @@ bool ManualRunLoop::runNext(milliseconds until) {
         Entry entry = std::move(first->second);
         state_->entries.erase(first);
         task = entry.task;
-        const auto id = entry.id;
-        if (entry.interval.count() > 0) {
-            const std::pair key(due + entry.interval, ++state_->lastId);
-            state_->entries.emplace(key, std::move(entry));
-            state_->keys[id] = key;
-        } else {
-            state_->keys.erase(id);
-        }
+        if (entry.interval.count() > 0)
+            state_->entries.emplace(std::pair(due + entry.interval, ++state_->lastId), std::move(entry));
     }
     if (clock_) clock_->advance(moved);
     (*task)();
@@ -108,11 +94,14 @@ std::size_t ManualRunLoop::runPending() {
 }
 
 std::size_t ManualRunLoop::advance(milliseconds by) {
-    const auto until = elapsed() + by;
+    milliseconds until, rest{0};
+    {
+        std::lock_guard lock(state_->mutex);
+        until = state_->now + by;
+    }
     std::size_t count = 0;
     while (runNext(until))
         ++count;
-    milliseconds rest{0};
     {
         std::lock_guard lock(state_->mutex);
         rest = std::max(until - state_->now, milliseconds(0));
@@ -139,11 +128,6 @@ bool ManualRunLoop::waitUntil(const std::function<bool()>& done, milliseconds de
 std::size_t ManualRunLoop::pending() const {
     std::lock_guard lock(state_->mutex);
     return state_->entries.size();
-}
-
-milliseconds ManualRunLoop::elapsed() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->now;
 }
 
 }  // namespace tarnwell::testing

@@ -38,15 +38,13 @@ class ManualRunLoop final : public RunLoop {
 
     /// Tasks and timers that are still to run.
     [[nodiscard]] std::size_t pending() const;
-    /// Virtual time since construction.
-    [[nodiscard]] std::chrono::milliseconds elapsed() const;
 
   private:
     struct Entry;
     struct State;
     class Handle;
-    Timer add(std::chrono::milliseconds delay, std::chrono::milliseconds interval,
-              std::function<void()> task);
+    std::shared_ptr<Timer::Handle> add(std::chrono::milliseconds delay, std::chrono::milliseconds interval,
+                                       std::function<void()> task);
     bool runNext(std::chrono::milliseconds until);
 
     std::shared_ptr<State> state_;

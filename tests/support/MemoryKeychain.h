@@ -14,22 +14,43 @@ namespace tarnwell::testing {
 /// Passwords in memory. Any thread.
 class MemoryKeychain final : public Keychain {
   public:
-    [[nodiscard]] std::vector<std::string> accounts(std::string_view service) override;
-    [[nodiscard]] std::optional<std::string> password(std::string_view service,
-                                                      std::string_view account) override;
-    bool setPassword(std::string_view service, std::string_view account, std::string_view password) override;
-    bool deletePassword(std::string_view service, std::string_view account) override;
+    std::vector<std::string> accounts(std::string_view service) override {
+        std::lock_guard lock(mutex_);
+        std::vector<std::string> found;
+        for (const auto& [account, password] : passwords_[std::string(service)])
+            found.push_back(account);
+        return found;
+    }
+    std::optional<std::string> password(std::string_view service, std::string_view account) override {
+        std::lock_guard lock(mutex_);
+        const auto& ofService = passwords_[std::string(service)];
+        const auto entry = ofService.find(std::string(account));
+        return entry == ofService.end() ? std::nullopt : std::optional(entry->second);
+    }
+    bool setPassword(std::string_view service, std::string_view account, std::string_view password) override {
+        std::lock_guard lock(mutex_);
+        passwords_[std::string(service)][std::string(account)] = password;
+        history_.push_back("set " + std::string(service) + " " + std::string(account) + " " +
+                           std::string(password));
+        return true;
+    }
+    bool deletePassword(std::string_view service, std::string_view account) override {
+        std::lock_guard lock(mutex_);
+        if (passwords_[std::string(service)].erase(std::string(account)) == 0) return false;
+        history_.push_back("delete " + std::string(service) + " " + std::string(account));
+        return true;
+    }
 
-    /// False: as a desktop without a secret service, every call fails.
-    void setAvailable(bool available);
     /// The changes made, in order: "set SERVICE ACCOUNT PASSWORD" and "delete SERVICE ACCOUNT".
-    [[nodiscard]] std::vector<std::string> history() const;
+    [[nodiscard]] std::vector<std::string> history() const {
+        std::lock_guard lock(mutex_);
+        return history_;
+    }
 
   private:
     mutable std::mutex mutex_;
-    std::map<std::string, std::map<std::string, std::string>, std::less<>> passwords_;  // guarded by mutex_
-    std::vector<std::string> history_;                                                  // guarded by mutex_
-    bool available_ = true;                                                             // guarded by mutex_
+    std::map<std::string, std::map<std::string, std::string>> passwords_;  // guarded by mutex_
+    std::vector<std::string> history_;                                     // guarded by mutex_
 };
 
 }  // namespace tarnwell::testing

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <future>
 
 namespace tarnwell::testing {
 
@@ -37,7 +38,6 @@ struct ScriptedUrlLoader::State {
     std::condition_variable changed;
     std::vector<std::shared_ptr<RuleState>> rules;
     std::vector<UrlRequest> requests;
-    std::vector<std::string> unexpected;
     bool stopped = false;
 
     /// Answers through `finish`, now or when the rule lets go.
@@ -50,7 +50,6 @@ struct ScriptedUrlLoader::State {
             if (stopped) {
                 answer = [](const UrlRequest&) { return failure("cancelled"); };
             } else if (const auto rule = find(request); !rule) {
-                unexpected.push_back(request.method + " " + request.url);
                 answer = [](const UrlRequest&) { return failure("unexpected request"); };
             } else {
                 ++rule->count;
@@ -71,10 +70,6 @@ struct ScriptedUrlLoader::State {
         return rule == rules.rend() ? nullptr : *rule;
     }
 };
-
-RequestMatcher anyRequest() {
-    return [](const UrlRequest&) { return true; };
-}
 
 RequestMatcher urlContains(std::string text) {
     return [text = std::move(text)](const UrlRequest& request) {
@@ -122,28 +117,13 @@ std::vector<UrlRequest> ScriptedUrlLoader::requests(const RequestMatcher& matche
     return found;
 }
 
-std::vector<std::string> ScriptedUrlLoader::unexpected() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->unexpected;
-}
-
 UrlReply ScriptedUrlLoader::sendSynchronously(const UrlRequest& request) {
-    struct Waiter {
-        std::mutex mutex;
-        std::condition_variable done;
-        std::optional<UrlReply> reply;
-    };
-    const auto waiter = std::make_shared<Waiter>();
-    state_->handle(request, [waiter](UrlReply reply) {
-        std::lock_guard lock(waiter->mutex);
-        waiter->reply = std::move(reply);
-        waiter->done.notify_all();
-    });
-    std::unique_lock lock(waiter->mutex);
-    if (!waiter->done.wait_for(lock, std::chrono::seconds(30), [&] { return waiter->reply.has_value(); })) {
+    const auto answered = std::make_shared<std::promise<UrlReply>>();
+    auto reply = answered->get_future();
+    state_->handle(request, [answered](UrlReply answer) { answered->set_value(std::move(answer)); });
+    if (reply.wait_for(std::chrono::seconds(30)) != std::future_status::ready)
         return failure("held for too long");
-    }
-    return std::move(*waiter->reply);
+    return reply.get();
 }
 
 void ScriptedUrlLoader::sendAsynchronously(UrlRequest request, Executor& queue, Completion completion) {
@@ -226,11 +206,6 @@ bool ScriptedUrlLoader::Rule::releaseOne() {
 bool ScriptedUrlLoader::Rule::waitForHeld(std::size_t count, std::chrono::milliseconds deadline) {
     std::unique_lock lock(state_->mutex);
     return state_->changed.wait_for(lock, deadline, [&] { return rule_->held.size() >= count; });
-}
-
-bool ScriptedUrlLoader::Rule::waitForRequests(std::size_t count, std::chrono::milliseconds deadline) {
-    std::unique_lock lock(state_->mutex);
-    return state_->changed.wait_for(lock, deadline, [&] { return rule_->count >= count; });
 }
 
 std::size_t ScriptedUrlLoader::Rule::count() const {

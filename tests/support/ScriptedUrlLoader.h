@@ -16,7 +16,6 @@ namespace tarnwell::testing {
 
 using RequestMatcher = std::function<bool(const UrlRequest&)>;
 
-RequestMatcher anyRequest();
 RequestMatcher urlContains(std::string text);
 /// As a file-API request: method and a part of the URL, a part of the body when given.
 RequestMatcher requestTo(std::string method, std::string urlPart, std::string bodyPart = {});
@@ -60,9 +59,6 @@ class ScriptedUrlLoader final : public UrlLoader {
         bool releaseOne();
         /// Waits (real time) until `count` requests are held at once.
         bool waitForHeld(std::size_t count, std::chrono::milliseconds deadline = std::chrono::seconds(10));
-        /// Waits (real time) until the rule was asked for `count` times.
-        bool waitForRequests(std::size_t count,
-                             std::chrono::milliseconds deadline = std::chrono::seconds(10));
         /// How many requests came to this rule.
         [[nodiscard]] std::size_t count() const;
         [[nodiscard]] std::size_t held() const;
@@ -84,8 +80,6 @@ class ScriptedUrlLoader final : public UrlLoader {
     /// Every request so far, in order of arrival.
     [[nodiscard]] std::vector<UrlRequest> requests() const;
     [[nodiscard]] std::vector<UrlRequest> requests(const RequestMatcher& matcher) const;
-    /// "METHOD URL" of the requests that no rule answered.
-    [[nodiscard]] std::vector<std::string> unexpected() const;
 
     UrlReply sendSynchronously(const UrlRequest& request) override;
     void sendAsynchronously(UrlRequest request, Executor& queue, Completion completion) override;

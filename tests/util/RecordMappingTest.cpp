@@ -50,70 +50,43 @@ TEST(RecordMappingTest, roundTripOfAFullRecordKeepsAllButWhatIsNotInJson) {
     sample.Hidden = "secret";
     EXPECT_EQ(toJsonText(sample).find("secret"), std::string::npos);
     EXPECT_FALSE(recordsEqual(*back, sample));
-    EXPECT_EQ(toJson(sample).contains("Mode"), false);
 }
 
-TEST(RecordMappingTest, takesWhatServicesWrite) {
-    const std::string_view good[] = {"",
-                                     R"(,"Unknown":[{"deep":[1]}])",
-                                     R"(,"Name":null,"Ratio":null,"Parts":null,"Extra":null,"Mode":null)",
-                                     R"(,"Mode":5.0,"Ratio":7)",
-                                     R"(,"Hidden":5)",
-                                     R"(,"Size":9223372036854775807)",
-                                     R"(,"Mode":-2147483648)",
-                                     R"(,"Size":1e3)"};
-    for (const auto more : good) {
-        std::string error;
-        EXPECT_TRUE(parse(std::string(kLeast) + std::string(more), error)) << more << error;
-    }
-    std::string error;
-    EXPECT_EQ(parse(std::string(kLeast) + R"(,"Size":2)", error)->Size, 2) << "the last of two keys counts";
-}
-
-TEST(RecordMappingTest, refusesWithThePathInTheError) {
-    const std::tuple<std::string, std::string> bad[] = {
+TEST(RecordMappingTest, takesWhatServicesWriteAndRefusesWithThePathInTheError) {
+    const std::tuple<std::string, std::string> cases[] = {
+        {std::string(kLeast) + R"(,"Unknown":[{"deep":[1]}])", ""},
+        {std::string(kLeast) + R"(,"Mode":5.0,"Ratio":7)", ""},
+        {std::string(kLeast) + R"(,"Size":9223372036854775807)", ""},
+        {std::string(kLeast) + R"(,"Name":null,"Ratio":null,"Parts":null,"Extra":null,"Mode":null)", ""},
         {R"("Flag":true,"When":"x")", "Size: missing"},
         {R"("Size":null,"Flag":true,"When":"x")", "Size: expected an integer"},
-        {std::string(kLeast) + R"(,"Size":"1")", "Size: expected an integer"},
         {std::string(kLeast) + R"(,"Size":1.5)", "Size: expected an integer"},
         {std::string(kLeast) + R"(,"Size":18446744073709551615)", "Size: number out of range"},
-        {std::string(kLeast) + R"(,"Size":1e30)", "Size: number out of range"},
         {std::string(kLeast) + R"(,"Size":9223372036854775808.0)", "Size: number out of range"},
         {std::string(kLeast) + R"(,"Mode":2147483648)", "Mode: number out of range"},
-        {std::string(kLeast) + R"(,"Flag":1)", "Flag: expected true or false"},
         {std::string(kLeast) + R"(,"When":5)", "When: expected a date string"},
-        {std::string(kLeast) + R"(,"Name":5)", "Name: expected a string"},
-        {std::string(kLeast) + R"(,"Ratio":"1")", "Ratio: expected a number"},
-        {std::string(kLeast) + R"(,"Parts":{})", "Parts: expected a list"},
         {std::string(kLeast) + R"(,"Parts":[{"Number":1},5])", "Parts[1]: expected an object"},
         {std::string(kLeast) + R"(,"Parts":[{"Number":1},{"Number":1},{"Label":"x"}])",
          "Parts[2].Number: missing"},
         {std::string(kLeast) + R"(,"Extra":{"Number":true})", "Extra.Number: expected an integer"},
     };
-    for (const auto& [members, message] : bad) {
+    for (const auto& [members, message] : cases) {
         std::string error;
-        EXPECT_FALSE(parse(members, error)) << members;
+        EXPECT_EQ(parse(members, error) != nullptr, message.empty()) << members;
         EXPECT_EQ(error, message) << members;
     }
     const std::string deep = "{\"x\":" + std::string(100000, '[') + std::string(100000, ']') + "}";
-    for (const std::string& text :
-         {std::string(), std::string("{"), std::string("[]"), std::string("5"), deep,
-          std::string("{\"a\":\"\xff\"}"), std::string("{}{}"), std::string("nul")}) {
+    for (const std::string& text : {std::string(), std::string("{"), std::string("[]"), deep,
+                                    std::string("{\"a\":\"\xff\"}"), std::string("{}{}")}) {
         std::string error;
         EXPECT_FALSE(parseRecord<Sample>(text, error));
         EXPECT_FALSE(error.empty());
     }
 }
 
-TEST(SharedStringTest, readsAsTheOptionalItStandsFor) {
-    SharedString none;
-    SharedString empty("");
+TEST(SharedStringTest, anEmptyTextIsNotAnAbsentOne) {
     SharedString text(std::string_view("a\0b", 3));
-    EXPECT_FALSE(none.has_value());
-    EXPECT_TRUE(empty.has_value());
-    EXPECT_TRUE(none.empty() && empty.empty());
-    EXPECT_NE(none, empty);
-    EXPECT_EQ(text.view().size(), 3U);
+    EXPECT_NE(SharedString(), SharedString(""));
     SharedString copy = text;
     EXPECT_EQ(copy.view().data(), text.view().data()) << "copies share one block";
     const SharedString& itself = copy;
@@ -121,8 +94,6 @@ TEST(SharedStringTest, readsAsTheOptionalItStandsFor) {
     text = std::move(copy);
     EXPECT_EQ(text, std::string_view("a\0b", 3));
     EXPECT_FALSE(copy.has_value());  // NOLINT(bugprone-use-after-move)
-    text.reset();
-    EXPECT_EQ(text, none);
 }
 
 TEST(SharedStringTest, copiesAreUsedOnManyThreads) {
