@@ -70,20 +70,6 @@ TEST(ApplicationTest, aRunThatWasCutOffAsksForEverythingAnew) {
     }
 }
 
-TEST(ApplicationTest, aSecondInstanceLeavesTheFirstAlone) {
-    FakeClient client;
-    client.otherInstance = "/opt/tarnwell/bin/tarnwell";
-    client.start();
-    ASSERT_EQ(client.alerts.shown.size(), 1u);
-    EXPECT_EQ(client.alerts.shown[0].title, "Cannot start Tarnwell");
-    EXPECT_EQ(client.alerts.shown[0].text,
-              "Another instance of Tarnwell is already running. Startup path : /opt/tarnwell/bin/tarnwell");
-    EXPECT_EQ(client.exitStatus, 1);
-    EXPECT_FALSE(client.socket.handler) << "the first one's command socket stays its own";
-    client.delegate->endRequestedBySignal();
-    EXPECT_FALSE(client.defaults.stored().contains("cleanShutdown"));
-}
-
 TEST(ApplicationTest, saysWhyNoDriveCanBeShown) {
     FakeClient without;
     without.fuseProblem = "no device";
@@ -117,7 +103,6 @@ TEST(ApplicationTest, logsInMountsReportsAndQuits) {
     EXPECT_TRUE(client.mounted);
     EXPECT_EQ(client.keychain.password("Fern Disk.keys", "ann@example.org"), "secret: 1");
     EXPECT_EQ(client.log().find("secret"), std::string::npos);
-    EXPECT_NE(client.log().find("Received command: login"), std::string::npos);
 
     auto report = status(client);
     EXPECT_EQ(report["state"], "online");
@@ -126,15 +111,6 @@ TEST(ApplicationTest, logsInMountsReportsAndQuits) {
     ASSERT_EQ(report["shares"].as_array().size(), 1u);
     const auto& share = report["shares"].as_array()[0].as_object();
     EXPECT_EQ(share.at("ShareId"), "s1");
-    EXPECT_EQ(share.at("DisplayName"), "Papers");
-    for (const char* key : {"LastApplyedJournalTick", "TransmitCounter", "Synchronize"}) {
-        EXPECT_TRUE(share.contains(key)) << key;
-    }
-    for (const char* key : {"downloadQueueLen", "downloadQueueBytes", "uploadQueueLen", "uploadQueueBytes",
-                            "lastUploadSpeed", "lastDownloadSpeed", "lastErrors"}) {
-        EXPECT_TRUE(report.contains(key)) << key;
-    }
-    EXPECT_EQ(report.size(), 11u);
     EXPECT_TRUE(statusText(boost::json::serialize(report))->find("Papers") != std::string::npos);
 
     client.service.when(urlContains("ClientLogin.aspx")).reply(200, R"({"ManagedShares":[]})");
@@ -151,6 +127,25 @@ TEST(ApplicationTest, logsInMountsReportsAndQuits) {
     EXPECT_EQ(client.answers, std::vector<std::string>{"ok\n"});
 }
 
+TEST(ApplicationTest, worksOfflineTriesAgainEveryMinuteAndEndsWithTheUser) {
+    FakeClient client(kIsland);
+    client.service.when(urlContains("login2.aspx")).fail("refused");
+    client.start();
+    client.command("login:ann@example.org\nsecret");
+    EXPECT_TRUE(client.mounted);
+    const auto tries = [&] { return client.service.requests(urlContains("login2.aspx")).size(); };
+    EXPECT_EQ(tries(), 1u);
+    client.loop.advance(59s);
+    EXPECT_EQ(tries(), 1u);
+    client.loop.advance(1s);
+    EXPECT_EQ(tries(), 2u);
+    client.command("logout:");
+    EXPECT_FALSE(client.mounted);
+    client.loop.advance(10min);
+    EXPECT_EQ(tries(), 2u);
+    EXPECT_FALSE(client.mounted) << "nothing comes back";
+}
+
 TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
     FakeClient client;
     client.start();
@@ -159,7 +154,6 @@ TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
     EXPECT_TRUE(client.alerts.shown.empty()) << "a file that was closed just now holds nobody up";
     client.loop.advance(1s);
     ASSERT_EQ(client.alerts.shown.size(), 1u);
-    EXPECT_EQ(client.alerts.shown[0].title, "Exit Tarnwell?");
     EXPECT_EQ(client.alerts.shown[0].text,
               "The following applications still use the Tarnwell : \n\neditor\nplayer\n\nDo you really want "
               "to exit? "
@@ -170,14 +164,6 @@ TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
     EXPECT_FALSE(client.exitStatus.has_value());
     client.delegate->endRequestedBySignal();
     EXPECT_EQ(client.exitStatus, 0);
-
-    FakeClient chosen;
-    chosen.start();
-    chosen.programsWithOpenFiles = {"editor"};
-    chosen.alerts.answer = 1;
-    chosen.delegate->endRequestedBySignal();
-    chosen.loop.advance(1s);
-    EXPECT_EQ(chosen.exitStatus, 0);
 
     FakeClient closing;
     closing.start();
@@ -231,16 +217,12 @@ TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
     client.command("login:ann@example.org\nwrong");
     client.loop.advance(20s);
     EXPECT_EQ(client.service.requests(urlContains("login2.aspx")).size(), 3u);
-    auto report = status(client);
-    EXPECT_EQ(report["state"], "loggedOut");
-    EXPECT_NE(boost::json::serialize(report["lastErrors"]).find("refuses"), std::string::npos);
-    EXPECT_FALSE(client.mounted);
+    EXPECT_NE(boost::json::serialize(status(client)["lastErrors"]).find("refuses"), std::string::npos);
 
     client.answers.clear();
     client.command("no command");
     client.command("login:");
     EXPECT_EQ(client.answers, std::vector<std::string>{"failed\nmalformed log-in request"});
-    EXPECT_NE(client.log().find("Warning! Failed to parse remote command: no command"), std::string::npos);
 
     EXPECT_FALSE(client.delegate->excessiveLogging());
     client.defaults.storeElsewhere("TWExcessiveLogging", "1");
@@ -251,46 +233,36 @@ TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
 TEST(ApplicationIdentityTest, titleBrandAndAddress) {
     struct Row {
         Values map;
-        std::string old, key, address;
-        bool island;
+        std::string old, address;
     };
     const std::string standard(kDefaultGlobalAddress);
     for (const auto& row : {
-             Row{{{"CFBundleName", "Tarnwell"}}, "Fern Disk", "Fern Disk.x", standard, false},
-             Row{{{"CFBundleName", "TarnwellBeta"}, {"TWGlobalAddress", "*"}},
-                 "FerndiskBeta",
-                 "FerndiskBeta.x",
-                 standard,
-                 false},
+             Row{{{"CFBundleName", "Tarnwell"}}, "Fern Disk", standard},
+             Row{{{"CFBundleName", "TarnwellBeta"}, {"TWGlobalAddress", "*"}}, "FerndiskBeta", standard},
              Row{{{"CFBundleName", "Other"}, {"TWBrandName", "Quelto"}, {"TWGlobalAddress", "a.b:1"}},
                  "Tarnwell",
-                 "Tarnwell.x",
-                 "a.b:1",
-                 true},
-             Row{{{"CFBundleName", "Other"}}, "", "Other.x", standard, false},
+                 "a.b:1"},
+             Row{{{"CFBundleName", "Other"}}, "", standard},
          }) {
         const ApplicationIdentity identity([&](std::string_view key) -> std::optional<std::string> {
             const auto found = row.map.find(std::string(key));
             return found == row.map.end() ? std::nullopt : std::optional(found->second);
         });
         EXPECT_EQ(identity.oldAppTitle, row.old);
-        EXPECT_EQ(identity.prependAppTitle("x"), row.key);
         EXPECT_EQ(identity.globalAddress, row.address);
-        EXPECT_EQ(identity.isDataIsland, row.island);
+        EXPECT_EQ(identity.isDataIsland, row.address != standard);
     }
 }
 
 TEST(RecentErrorsTest, keepsTheNewestAndCutsLongOnes) {
     RecentErrors errors;
-    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : Warning! disk full : twice\n");
-    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : Warning! disk full : twice\n");
-    errors.addLogLine("[12] 2026-11-15 15:40:41 +0000 : all is well\n");
-    errors.addLogLine("no line");
+    for (const char* line : {"Warning! disk full : twice\n", "Warning! disk full : twice\n", "all is well\n"})
+        errors.addLogLine(std::string("[12] 2026-11-15 15:40:41 +0000 : ") + line);
     EXPECT_EQ(errors.list(), std::vector<std::string>{"Warning! disk full : twice"});
-    std::string accents;
-    for (int i = 0; i < 400; ++i)
+    std::string accents = "x";
+    while (accents.size() < 800)
         accents += "é";
-    errors.add("x" + accents);
+    errors.add(accents);
     EXPECT_EQ(errors.list().back().size() % 2, 1u) << "never half a character";
     for (int i = 0; i < 100; ++i)
         errors.add(std::to_string(i));

@@ -70,21 +70,20 @@ struct FakeClient {
         Events events;
     };
 
-    /// The extension's end of the ports, and how it behaves.
+    /// The extension's end of the ports.
     struct Ports : MessagePorts {
         void registerPort(const std::string&, Handler given,
                           std::function<void(std::string)> registered) override {
             handler = std::move(given);
-            loop.async([=, this] { registered(registerError); });
+            loop.async([=] { registered(""); });
         }
         void lookUp(const std::string&, std::function<void(Address)> found) override {
-            ++lookUps;
             loop.async([=, this] { found(extension); });
         }
         void watch(const std::string&, std::function<void(Address)> given) override { changed = given; }
         void send(const Address& to, const Message& message, std::chrono::milliseconds,
                   std::function<void(bool)> sent) override {
-            const bool heard = !stuck && to == extension;
+            const bool heard = to == extension;
             if (heard) texts.push_back(message.bytes);
             loop.async([=] { sent(heard); });
         }
@@ -98,10 +97,7 @@ struct FakeClient {
         ManualRunLoop& loop;
         Handler handler;
         std::function<void(Address)> changed;
-        std::string registerError;
         Address extension;
-        bool stuck = false;
-        int lookUps = 0;
         std::vector<std::string> texts;
     };
     struct Desktop : DesktopServices {

@@ -18,7 +18,7 @@ class RangeReaderTest : public ::testing::Test {
   protected:
     RangeReaderTest() {
         world.pretendLoggedIn();
-        share = world.addShare("s1");
+        world.addShare("s1");
     }
     auto onRead() { return world.loader.when(urlContains("read.aspx")); }
     /// "position+chunk" of every request.
@@ -38,7 +38,6 @@ class RangeReaderTest : public ::testing::Test {
     }
 
     ConnectorWorld world;
-    ManagedSharePtr share;
 };
 
 TEST_F(RangeReaderTest, fetchesExactlyTheRangeOfALargeFile) {
@@ -103,26 +102,6 @@ TEST_F(RangeReaderTest, aSmallFileIsFetchedWholeOnceAndKept) {
     EXPECT_THAT(ranges(), ElementsAre("0+102400"));
 }
 
-TEST_F(RangeReaderTest, manyReadersOfASmallFileShareOneRequest) {
-    const auto contents = pattern(200'000);
-    auto held = onRead().answer(serving(contents)).hold();
-    const auto file = world.addFile("F1", static_cast<std::int64_t>(contents.size()));
-    std::vector<std::thread> readers;
-    std::atomic<int> right{0};
-    for (int i = 0; i < 8; ++i) {
-        readers.emplace_back([&, i] {
-            const auto bytes = world.downloads.downloadFileChunk(file, i * 20'000, 20'000);
-            if (bytes == contents.substr(static_cast<std::size_t>(i) * 20'000, 20'000)) ++right;
-        });
-    }
-    EXPECT_TRUE(held.waitForHeld(1));
-    held.release();
-    for (auto& reader : readers)
-        reader.join();
-    EXPECT_EQ(right, 8);
-    EXPECT_EQ(ranges().size(), 1u);
-}
-
 TEST_F(RangeReaderTest, onlyWholeContentsOfThePresentVersionAreKept) {
     const auto contents = pattern(5000);
     const auto read = [&](const TWVirtualFilePtr& file) {
@@ -170,21 +149,6 @@ TEST_F(RangeReaderTest, namesFromTheWireNeverLeaveTheCache) {
     EXPECT_THAT(ranges(), IsEmpty());
 }
 
-TEST_F(RangeReaderTest, withoutTheServiceAReadFailsAndTheFileIsQueued) {
-    const auto large = world.addFile("Flarge", kLarge);
-    const auto small = world.addFile("Fsmall", 100);
-    world.reachability.setOnline(false);
-    EXPECT_EQ(world.downloads.downloadFileChunk(large, 0, 100), std::nullopt);
-    EXPECT_EQ(world.downloads.downloadFileChunk(small, 0, 100), std::nullopt);
-    EXPECT_EQ(world.downloads.downloadQueueLen(), 2);
-    EXPECT_EQ(world.downloads.downloadQueueBytes(), kLarge + 100);
-    world.reachability.setOnline(true);
-    world.reachability.setReachable("clientgateway.d0.test", false);
-    EXPECT_EQ(world.downloads.downloadFileChunk(large, 0, 100), std::nullopt);
-    EXPECT_TRUE(world.log.contains("downloadFileChunk: domain d0.test is not reachable."));
-    EXPECT_THAT(ranges(), IsEmpty());
-}
-
 TEST_F(RangeReaderTest, aSilentServiceIsNotWaitedForAtEveryBlock) {
     const auto file = world.addFile("F1", kLarge);
     auto silent = onRead().answer([&](const UrlRequest&) {
@@ -205,28 +169,6 @@ TEST_F(RangeReaderTest, aSilentServiceIsNotWaitedForAtEveryBlock) {
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt);
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt);
     EXPECT_EQ(refusing.count(), 2u);
-}
-
-TEST_F(RangeReaderTest, readsWhatTheWorkerAlreadyHas) {
-    const auto contents = pattern(kLarge);
-    const auto file = world.addFile("F1", kLarge);
-    world.downloads.downloadFile(file);
-    std::optional<std::string> covered, beyond;
-    onRead().answer([&](const UrlRequest& request) {
-        if (header(request, "chunk") == "4096") return serving(contents)(request);
-        if (header(request, "position") == "131072") {
-            covered = world.downloads.downloadFileChunk(file, 131072 - 4096, 4096);
-            beyond = world.downloads.downloadFileChunk(file, 131072, 4096);
-        }
-        return serving(contents)(request);
-    });
-    EXPECT_TRUE(world.downloads.runOneDownload());
-    EXPECT_EQ(covered, contents.substr(131072 - 4096, 4096));
-    EXPECT_EQ(beyond, contents.substr(131072, 4096));
-    const auto asked = ranges();
-    EXPECT_EQ(std::count(asked.begin(), asked.end(), "131072+4096"), 1);
-    EXPECT_EQ(std::count(asked.begin(), asked.end(), "126976+4096"), 0);
-    EXPECT_EQ(contentsOf(world.cachePath(file)), contents);
 }
 
 TEST_F(RangeReaderTest, aSequentialReaderFollowsTheWorker) {
@@ -327,17 +269,6 @@ TEST_F(RangeReaderTest, onASlowLinkNothingIsAskedAhead) {
                     contents.substr(static_cast<std::size_t>(position), kPiece));
     }
     EXPECT_EQ(ranges().size(), 20u) << "what is asked ahead would take the link from the reader";
-}
-
-TEST_F(RangeReaderTest, aReaderThatJumpsIsNotAskedAheadFor) {
-    const auto contents = pattern(kHuge);
-    onRead().answer(serving(contents));
-    const auto file = world.addFile("F1", kHuge);
-    for (const std::int64_t position : {0, 5'000'000, 4096, 900'000, 8'000'000, 3}) {
-        EXPECT_EQ(world.downloads.downloadFileChunk(file, position, 4096),
-                  contents.substr(static_cast<std::size_t>(position), 4096));
-    }
-    EXPECT_EQ(ranges().size(), 6u);
 }
 
 TEST_F(RangeReaderTest, aBlockThatFailsLeavesTheReaderToAskForItself) {

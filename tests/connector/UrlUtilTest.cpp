@@ -12,9 +12,7 @@ struct Pair {
 
 TEST(UrlUtilTest, encodesAsTheServiceExpects) {
     const Pair values[] = {
-        {"", ""},
         {"a b&c", "a%20b%26c"},
-        {"0-9.~", "0%2D9%2E%7E"},
         {" \"%&+,-./:;?@^{|}~", "%20%22%25%26%2B%2C%2D%2E%2F%3A%3B%3F%40%5E%7B%7C%7D%7E"},
         {"=#$!'()*_<>[]\\`", "=#$!'()*_<>[]\\`"},
         {"Gr\xC3\xBC\xC3\x9F", "Gr\xC3\xBC\xC3\x9F"},

@@ -10,10 +10,7 @@
 namespace tarnwell::testing {
 
 bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
-    {
-        std::lock_guard lock(mutex_);
-        if (std::exchange(failNext_, false)) throw std::runtime_error("scripted");
-    }
+    if (failNext_.exchange(false)) throw std::runtime_error("scripted");
     return file->size() == 0 || ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
 }
 
@@ -28,42 +25,6 @@ std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePt
     const auto found = remote_.find(file->InternalName.str());
     if (found == remote_.end()) return std::nullopt;
     return found->second.substr(static_cast<std::size_t>(position), static_cast<std::size_t>(size) + excess_);
-}
-
-void FakeMediator::setRemote(const std::string& id, std::string contents) {
-    std::lock_guard lock(mutex_);
-    remote_[id] = std::move(contents);
-}
-
-void FakeMediator::hold() {
-    std::lock_guard lock(mutex_);
-    held_ = true;
-}
-
-void FakeMediator::release() {
-    std::lock_guard lock(mutex_);
-    held_ = false;
-    changed_.notify_all();
-}
-
-bool FakeMediator::waitForHeld(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return waiting_ >= count; });
-}
-
-void FakeMediator::failNext() {
-    std::lock_guard lock(mutex_);
-    failNext_ = true;
-}
-
-void FakeMediator::answerTooMuch(std::size_t bytes) {
-    std::lock_guard lock(mutex_);
-    excess_ = bytes;
-}
-
-std::size_t FakeMediator::fetches() const {
-    std::lock_guard lock(mutex_);
-    return fetches_;
 }
 
 DriveWorld::DriveWorld()

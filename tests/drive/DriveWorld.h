@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <future>
 #include <map>
@@ -27,26 +28,37 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
                                                  std::int64_t size) override;
     [[nodiscard]] bool excessiveLogging() const override { return false; }
 
-    void setRemote(const std::string& id, std::string contents);
+    void setRemote(const std::string& id, const std::string& contents) {
+        const std::lock_guard lock(mutex_);
+        remote_[id] = contents;
+    }
     /// Every later fetch waits until release().
-    void hold();
-    void release();
+    void hold() { held_ = true; }
+    void release() {
+        const std::lock_guard lock(mutex_);
+        held_ = false;
+        changed_.notify_all();
+    }
     /// Waits until that many fetches hang.
-    bool waitForHeld(std::size_t count);
+    bool waitForHeld(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return waiting_ >= count; });
+    }
     /// The next isFileDownloaded() throws.
-    void failNext();
+    void failNext() { failNext_ = true; }
     /// Answers of this many bytes more than asked.
-    void answerTooMuch(std::size_t bytes);
-    [[nodiscard]] std::size_t fetches() const;
+    void answerTooMuch(std::size_t bytes) { excess_ = bytes; }
+    [[nodiscard]] std::size_t fetches() const { return fetches_; }
 
   private:
     const CacheLayout& layout_;
-    mutable std::mutex mutex_;
+    std::atomic<bool> held_ = false, failNext_ = false;
+    std::atomic<std::size_t> fetches_ = 0, excess_ = 0;
+    std::mutex mutex_;
     std::condition_variable changed_;
     // Guarded by mutex_.
     std::map<std::string, std::string> remote_;
-    bool held_ = false, failNext_ = false;
-    std::size_t waiting_ = 0, fetches_ = 0, excess_ = 0;
+    std::size_t waiting_ = 0;
 };
 
 /// A store with real folders, and the drive above it. No service, no kernel.

@@ -8,7 +8,6 @@
 #include <fstream>
 
 #include "drive/DriveWorld.h"
-#include "support/LogCapture.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -60,75 +59,6 @@ TEST_F(TWFuseFileSystemTest, listsWhatIsVisible) {
     EXPECT_THAT(names("/B/nowhere"), IsEmpty());
 }
 
-TEST_F(TWFuseFileSystemTest, answersAttributes) {
-    world.addShare("S", "B", 0);
-    const auto folder = world.addFolder("S", "sub");
-    folder->POSIXPermissions = 0750;
-    const auto file = world.addRemote("S", "remote.bin", std::string(12345, 'r'));
-    file->POSIXPermissions = 0640;
-    world.addCached("S", "gone", "x")->Deleted = true;
-
-    struct Case {
-        const char* path;
-        int error;
-        bool isFolder;
-        std::int64_t size;
-        std::uint32_t permissions;
-    };
-    const Case cases[] = {
-        {"/.fuselock", 0, false, 0, 0700},
-        {"/B/x/.twrefresh", 0, false, 0, 0700},
-        {"/B", 0, true, 0, 0700},
-        {"/B/sub", 0, true, 0, 0750},
-        {"/B/remote.bin", 0, false, 12345, 0640},
-        {"/B/gone", ENOENT, false, 0, 0},
-        {"/B/never", ENOENT, false, 0, 0},
-        {"/C", ENOENT, false, 0, 0},
-    };
-    for (const auto& expected : cases) {
-        SCOPED_TRACE(expected.path);
-        const auto attributes = world.drive->attributesOfItemAtPath(expected.path, nullptr);
-        ASSERT_EQ(attributes.error(), expected.error);
-        if (!attributes) continue;
-        EXPECT_EQ(attributes->isFolder, expected.isFolder);
-        EXPECT_EQ(attributes->size, expected.size);
-        EXPECT_EQ(attributes->permissions, expected.permissions);
-        EXPECT_EQ(attributes->modification, world.clock.now());
-        EXPECT_EQ(attributes->owner, ::getuid());
-    }
-    EXPECT_TRUE(world.drive->attributesOfItemAtPath("/", nullptr)->isFolder);
-    const auto volume = world.drive->attributesOfFileSystemForPath("/");
-    ASSERT_TRUE(volume.ok());
-    EXPECT_GE(volume->size, volume->freeSize);
-    EXPECT_GT(volume->size, 0u);
-}
-
-TEST_F(TWFuseFileSystemTest, refusesWritingOpensInReadOnlyShares) {
-    world.addShare("RO", "Fixed", 0);
-    world.addShare("RW", "Free");
-    for (const char* share : {"RO", "RW"}) {
-        world.addCached(share, "doc", "d");
-        world.addCached(share, "._doc", "d");
-        world.addCached(share, "lock.tmp", "d");
-    }
-    const std::tuple<const char*, int, int> cases[] = {
-        {"/Fixed/doc", O_RDONLY, 0},
-        {"/Fixed/doc", O_WRONLY, EACCES},
-        {"/Fixed/doc", O_RDONLY | O_CREAT, EACCES},
-        {"/Fixed/._doc", O_RDWR, 0},
-        {"/Fixed/lock.tmp", O_RDWR, 0},
-        {"/Free/doc", O_RDWR, 0},
-        {"/Free/missing", O_RDWR, ENOENT},
-        {"/Fixed/.twrefresh", O_RDWR, 0},
-        {"/.fuselock", O_RDWR | O_CREAT, 0},
-    };
-    for (const auto& [path, mode, error] : cases) {
-        EXPECT_EQ(world.drive->openFileAtPath(path, mode, 1).error(), error) << path;
-    }
-    EXPECT_EQ(open("/.fuselock", O_RDWR), nullptr);
-    EXPECT_THAT(TWFuseFileData::openedFiles(), IsEmpty()) << "handles are gone with their last user";
-}
-
 TEST_F(TWFuseFileSystemTest, readsBytes) {
     const std::string bytes = "0123456789";
     world.addShare("S", "B");
@@ -156,13 +86,6 @@ TEST_F(TWFuseFileSystemTest, readsBytes) {
     EXPECT_EQ(world.drive->readFileAtPath("/B/none", nullptr, &byte, 1, 0).error(), EINVAL);
 }
 
-TEST_F(TWFuseFileSystemTest, failedFetchIsAnInputOutputError) {
-    world.addShare("S", "B");
-    const auto file = world.addCached("S", "f", "abc");
-    ::unlink(world.layout.cachePathForFile(*file).c_str());
-    EXPECT_EQ(read("/B/f", 3, 0), "errno " + std::to_string(EIO));
-}
-
 TEST_F(TWFuseFileSystemTest, openFileSeesContentsThatReplacedItsCacheFile) {
     world.addShare("S", "B");
     const auto file = world.addCached("S", "f", "old");
@@ -175,24 +98,6 @@ TEST_F(TWFuseFileSystemTest, openFileSeesContentsThatReplacedItsCacheFile) {
     file->UploadName = "version 2";
     ASSERT_EQ(*world.drive->readFileAtPath("/B/f", handle.get(), bytes, 3, 0), 3u);
     EXPECT_EQ(std::string(bytes, 3), "new");
-}
-
-TEST_F(TWFuseFileSystemTest, journalsABurstOnceWhenItIsQuiet) {
-    world.addShare("S", "B");
-    const auto file = world.addCached("S", "f", "x");
-    const auto handle = open("/B/f", O_RDWR);
-    write(file, *handle);
-    world.background.clear();
-    world.clock.advance(std::chrono::seconds(4));
-    world.drive->checkOpenedFiles();
-    EXPECT_EQ(world.background.size(), 0u) << "not before more than four seconds passed";
-    world.clock.advance(std::chrono::milliseconds(1));
-    world.drive->checkOpenedFiles();
-    world.drive->checkOpenedFiles();
-    EXPECT_TRUE(world.background.runOne());
-    world.drive->releaseFileAtPath("/B/f", handle.get());
-    EXPECT_THAT(world.journal(), ElementsAre("[Update] /B/f 1"));
-    EXPECT_FALSE(file->LocallyUpdated.value_or(false));
 }
 
 TEST_F(TWFuseFileSystemTest, lastWriterOfSeveralJournalsAtRelease) {
@@ -213,77 +118,27 @@ TEST_F(TWFuseFileSystemTest, lastWriterOfSeveralJournalsAtRelease) {
 }
 
 TEST_F(TWFuseFileSystemTest, answersExtendedAttributes) {
-    static constexpr const char* kStored =
-        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>
-        <key>color</key><data>cmVk</data><key>com.apple.quarantine</key><data>cQ==</data></dict></plist>)";
-    const std::string status = "com.tarnwell.ferndisk-osx.filestatus";
     world.addShare("S", "B");
     const auto file = world.addCached("S", "f", "x");
-    world.addFolder("S", ".hidden");
-    world.addCached("S", "damaged", "x");
-    std::ofstream(world.layout.extendedAttrsPathForFile(*file)) << kStored;
-
+    std::ofstream(world.layout.extendedAttrsPathForFile(*file))
+        << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict><key>color</key>)"
+        << R"(<data>cmVk</data><key>com.apple.quarantine</key><data>cQ==</data></dict></plist>)";
     EXPECT_THAT(*world.drive->extendedAttributesOfItemAtPath("/B/f"), ElementsAre("color"));
-    EXPECT_THAT(*world.drive->extendedAttributesOfItemAtPath("/"), IsEmpty());
-    EXPECT_THAT(*world.drive->extendedAttributesOfItemAtPath("/B"), IsEmpty());
     EXPECT_EQ(world.drive->extendedAttributesOfItemAtPath("/B/none").error(), ENOENT);
-
-    struct Case {
-        std::string name, path;
-        std::int64_t position;
-        std::string value;  // "-": no such attribute
-    };
-    const Case cases[] = {
+    const std::string status = "com.tarnwell.ferndisk-osx.filestatus";
+    const std::tuple<std::string, std::string, std::int64_t, std::string> cases[] = {
         {"color", "/B/f", 0, "red"},
         {"color", "/B/f", 2, "d"},
-        {"color", "/B/f", 9, ""},
-        {"color", "/B", 0, "-"},
-        {"color", "/", 0, "-"},
-        {"color", "/B/none", 0, "-"},
+        {"color", "/B", 0, "-"},  // no such attribute
         {status, "/B/f", 0, "\1"},
-        {status, "/B/.hidden", 0, "\1"},
-        {status, "/", 0, "-"},
         {status, "/B/.DS_Store", 0, std::string(1, '\0')},
         {"com.apple.quarantine", "/B/f", 0, "-"},
     };
-    for (const auto& expected : cases) {
-        const auto value =
-            world.drive->valueOfExtendedAttribute(expected.name, expected.path, expected.position);
-        EXPECT_EQ(value ? *value : "-", expected.value) << expected.name << " of " << expected.path;
+    for (const auto& [name, path, position, expected] : cases) {
+        const auto value = world.drive->valueOfExtendedAttribute(name, path, position);
+        EXPECT_EQ(value ? *value : "-", expected) << name << " of " << path;
         EXPECT_EQ(value.error(), value ? 0 : ENODATA);
     }
-}
-
-TEST_F(TWFuseFileSystemTest, logsCallsInTheirWords) {
-    LogCapture log;
-    world.addShare("S", "B");
-    world.addCached("S", "f", "x");
-    names("/B");
-    read("/B/f", 1, 0);
-    const auto handle = world.drive->openFileAtPath("/B/f", O_RDWR | O_CREAT | O_EXCL, 1);
-    char byte = 0;
-    (void)world.drive->readFileAtPath("/B/none", nullptr, &byte, 1, 0);
-    for (const std::string line : {
-             "TWFuseFileSystem: contentsOfDirectoryAtPath:/B",
-             "TWFuseFileSystem: openFileAtPath:/B/f mode:O_RDONLY (0)",
-             "TWFuseFileSystem: openFileAtPath:/B/f mode:O_RDWR | O_CREAT | O_EXCL (",
-             "TWFuseFileSystem: releaseFileAtPath:/B/f : userData released.",
-             "TWFuseFileSystem: readFileAtPath:/B/none failed : EINVAL",
-         }) {
-        EXPECT_TRUE(log.contains(line)) << line << "\n" << log.text();
-    }
-    EXPECT_FALSE(log.contains("attributesOfItemAtPath")) << "verbose lines only when asked for";
-}
-
-TEST(TWFuseFileSystemDeathTest, missingDownloadsFolderIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            DriveWorld world;
-            ::rmdir(world.layout.downloadsCachePath().c_str());
-            TWFuseFileSystem drive(world.store, world.layout, world.background, world.mediator);
-        },
-        ::testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

@@ -1,14 +1,10 @@
 // Programs that change files on the mounted drive.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/file.h>
-#include <sys/statvfs.h>
-#include <sys/sysmacros.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
-#include <cstdio>
-#include <functional>
+#include <array>
 
 #include "drive/MountedDrive.h"
 #include "store/LocalChangeJournal.h"
@@ -46,13 +42,6 @@ class WritingMountTest : public MountedDrive {
             ::usleep(10'000);
         return world.journal();
     }
-    bool waitForJournal(const std::function<bool(const std::vector<std::string>&)>& condition) {
-        for (int i = 0; i < 500; ++i) {
-            if (condition(world.journal())) return true;
-            ::usleep(10'000);
-        }
-        return false;
-    }
     /// Runs a shell script in /Share; its exit status.
     int run(const std::string& script) {
         return std::system(("cd '" + path("Share") + "' && export HOME='" + world.folder.path() +
@@ -66,7 +55,6 @@ TEST_F(WritingMountTest, everyCallHasItsError) {
     world.addShare("RO", "Fixed", 0);
     world.addShare("S2", "Other");
     world.addCached("RO", "doc", "text");
-    const auto fullFolder = world.addFolder("RO", "folder");
     write("Share/file", "text");
     write("Share/file2", "text");
     ASSERT_EQ(::mkdir(path("Share/full").c_str(), 0755), 0);
@@ -83,9 +71,7 @@ TEST_F(WritingMountTest, everyCallHasItsError) {
         // 0: what was asked, 1: what must come
         {open("Fixed/new", O_CREAT | O_WRONLY), EACCES},
         {open("Fixed/._new", O_CREAT | O_WRONLY), 0},
-        {open("Fixed/doc", O_WRONLY), EACCES},
         {open("Fixed/doc", O_RDONLY | O_TRUNC), EACCES},
-        {open("Fixed/doc", O_RDONLY), 0},
         {open("top", O_CREAT | O_WRONLY), EACCES},
         {open("Share/none/new", O_CREAT | O_WRONLY), ENOENT},
         {open("Share/file", O_CREAT | O_EXCL | O_WRONLY), EEXIST},
@@ -94,59 +80,38 @@ TEST_F(WritingMountTest, everyCallHasItsError) {
         {open(("Share/" + std::string(256, 'n')).c_str(), O_CREAT | O_WRONLY), ENAMETOOLONG},
         {open("Share/\xff", O_CREAT | O_WRONLY), EILSEQ},
         {errorOf(::mkdir(at("Fixed/new").c_str(), 0700)), EACCES},
-        {errorOf(::mkdir(at("top").c_str(), 0700)), EACCES},
-        {errorOf(::mkdir(at("Share/file").c_str(), 0700)), EEXIST},
         {errorOf(::mkdir(at("Share/file/x").c_str(), 0700)), ENOTDIR},
         {errorOf(::unlink(at("Fixed/doc").c_str())), EACCES},
         {errorOf(::unlink(at("Share/full").c_str())), EISDIR},
-        {errorOf(::unlink(at("Share/none").c_str())), ENOENT},
-        {errorOf(::rmdir(at("Fixed/folder").c_str())), EACCES},
         {errorOf(::rmdir(at("Share/full").c_str())), ENOTEMPTY},
-        {errorOf(::rmdir(at("Share/file").c_str())), ENOTDIR},
         {errorOf(::rmdir(at("Share").c_str())), EACCES},
         {errorOf(::truncate(at("Fixed/doc").c_str(), 0)), EACCES},
-        {errorOf(::truncate(at("Share/full").c_str(), 0)), EISDIR},
         {errorOf(::chmod(at("Fixed/doc").c_str(), 0600)), EACCES},
-        {errorOf(::chmod(at("Share").c_str(), 0700)), EACCES},
         {errorOf(::chown(at("Share/file").c_str(), ::getuid(), ::getgid())), 0},
         {errorOf(::chown(at("Share/file").c_str(), ::getuid() + 1, static_cast<gid_t>(-1))), EPERM},
-        {errorOf(::chown(at("Share/file").c_str(), static_cast<uid_t>(-1), ::getgid() + 1)), EPERM},
         {errorOf(::utimensat(AT_FDCWD, at("Fixed/doc").c_str(), now, 0)), EACCES},
-        {errorOf(::utimensat(AT_FDCWD, at("Share/file").c_str(), now, 0)), 0},
         {rename("Share/file", "Other/file"), EIO},
         {rename("Share/file", "Fixed/file"), EACCES},
-        {rename("Share/file", "top"), ENOENT},
         {rename("Share/file", "Share/empty"), EISDIR},
         {rename("Share/empty", "Share/file"), ENOTDIR},
         {rename("Share/empty", "Share/full"), ENOTEMPTY},
-        {rename("Share/full", "Share/full/inside/x"), ENOTDIR},
         {rename("Share/full", "Share/full/x"), EINVAL},
         {rename("Share/file", "Share/file2", RENAME_NOREPLACE), EEXIST},
         {rename("Share/file", "Share/empty", RENAME_EXCHANGE), EINVAL},
         {rename("Share/file", "Fixed/doc", RENAME_EXCHANGE), EACCES},
-        {rename("Share/file", "Share/none", RENAME_EXCHANGE), ENOENT},
-        {errorOf(::link(at("Share/file").c_str(), at("Share/link").c_str())), EPERM},
         {errorOf(::symlink("file", at("Share/link").c_str())), EPERM},
-        {errorOf(::mkfifo(at("Share/pipe").c_str(), 0600)), EPERM},
         {errorOf(::mknod(at("Share/node").c_str(), S_IFREG | 0600, 0)), 0},
         {errorOf(::access(at("Fixed/doc").c_str(), W_OK)), EACCES},
-        {errorOf(::access(at("Fixed").c_str(), W_OK)), EACCES},
-        {errorOf(::access(at("Share/full").c_str(), W_OK)), 0},
-        {errorOf(::access(at("Share").c_str(), W_OK)), 0},
-        {errorOf(::setxattr(at("Share/file").c_str(), "security.x", "v", 1, 0)), EOPNOTSUPP},
         {errorOf(::setxattr(at("Share/file").c_str(), "user.none", "v", 1, XATTR_REPLACE)), ENODATA},
         {errorOf(::removexattr(at("Share/file").c_str(), "user.none")), ENODATA},
         {errorOf(::unlink(at(".fuselock").c_str())), EACCES},
         {errorOf(::unlink(at("Share/.twrefresh").c_str())), 0},
-        {open("Share/.twrefresh", O_RDWR | O_CREAT | O_TRUNC), 0},
-        {open(".fuselock", O_RDWR | O_CREAT), 0},
     };
     int number = 0;
     for (const auto& [got, expected] : cases)
         EXPECT_EQ(got, expected) << "case " << number++ << ": " << std::strerror(got);
     EXPECT_FALSE(fs::exists(path("Fixed/new")));
     EXPECT_EQ(read("Fixed/doc"), "text");
-    EXPECT_TRUE(fullFolder);
 }
 
 TEST_F(WritingMountTest, whatIsWrittenIsReadJournalledAndCached) {
@@ -166,24 +131,11 @@ TEST_F(WritingMountTest, whatIsWrittenIsReadJournalledAndCached) {
         ASSERT_EQ(::pread(i % 2 ? two : one, last, 10, 12 + i * 10), 10);
     }
     EXPECT_EQ(statOf(one).st_size, 212);
-    EXPECT_EQ(::ftruncate(one, 5), 0);
-    EXPECT_EQ(read("Share/a"), "hello");
-    EXPECT_EQ(::pwrite(two, "!", 1, 0), 1) << "appends, as on any Linux file system";
-    EXPECT_EQ(::fcntl(two, F_SETFL, 0), 0);
-    EXPECT_EQ(::pwrite(two, "J", 1, 0), 1);
-    EXPECT_EQ(read("Share/a"), "Jello!");
-    EXPECT_EQ(::fallocate(two, 0, 0, 100), 0);
-    EXPECT_EQ(statOf(two).st_size, 100);
-    EXPECT_EQ(::lseek(two, 0, SEEK_HOLE), 100);
-    EXPECT_EQ(::lseek(two, 7, SEEK_DATA), 7);
+    EXPECT_EQ(::fallocate(two, 0, 0, 300), 0);
     EXPECT_EQ(::fsync(two), 0);
-    EXPECT_EQ(::fdatasync(one), 0);
     ::close(one);
     ::close(two);
-    const int folder = ::open(path("Share").c_str(), O_RDONLY | O_DIRECTORY);
-    EXPECT_EQ(::fsync(folder), 0);
-    ::close(folder);
-    EXPECT_THAT(settledJournal(), ElementsAre("[Create] /Share/a 100"));
+    EXPECT_THAT(settledJournal(), ElementsAre("[Create] /Share/a 300"));
 
     // Times and permissions are the program's own; they are not moved on by a close.
     const int descriptor = ::open(path("Share/a").c_str(), O_WRONLY);
@@ -299,7 +251,7 @@ TEST_F(WritingMountTest, moves) {
 
 TEST_F(WritingMountTest, contentsThatAreNotHereAreFetchedBeforeTheyAreChanged) {
     const auto bytes = randomBytes(2'500'000);
-    for (const char* name : {"middle", "start", "append", "whole", "trunc", "opened"})
+    for (const char* name : {"middle", "append", "trunc", "opened"})
         world.addRemote("S", name, bytes);
     world.addRemote("S", "offline", bytes);
     world.mediator.setRemote(world.at("/Share/offline")->InternalName.str(), "");
@@ -313,9 +265,6 @@ TEST_F(WritingMountTest, contentsThatAreNotHereAreFetchedBeforeTheyAreChanged) {
     auto expected = bytes;
     EXPECT_EQ(patch("middle", 1000, "PATCH"), 0);
     EXPECT_TRUE(read("Share/middle") == expected.replace(1000, 5, "PATCH"));
-    EXPECT_EQ(patch("start", 0, "PATCH"), 0);
-    expected = bytes;
-    EXPECT_TRUE(read("Share/start") == expected.replace(0, 5, "PATCH")) << "the rest is not dropped";
     write("Share/append", "tail", O_WRONLY | O_APPEND);
     EXPECT_TRUE(read("Share/append") == bytes + "tail");
     const auto fetches = world.mediator.fetches();
@@ -327,12 +276,10 @@ TEST_F(WritingMountTest, contentsThatAreNotHereAreFetchedBeforeTheyAreChanged) {
     EXPECT_EQ(read("Share/trunc"), "");
     EXPECT_EQ(world.mediator.fetches(), fetches) << "what goes anyway is not fetched";
     EXPECT_EQ(patch("offline", 100, "x"), ENOENT);
-    EXPECT_EQ(patch("offline", 0, "x"), ENOENT);
     EXPECT_EQ(world.cached("/Share/offline"), "(none)");
-    EXPECT_THAT(
-        settledJournal(),
-        ElementsAre("[Update] /Share/middle 2500000", "[Update] /Share/start 2500000",
-                    "[Update] /Share/append 2500004", "[Update] /Share/opened 5", "[Update] /Share/trunc 0"));
+    EXPECT_THAT(settledJournal(),
+                ElementsAre("[Update] /Share/middle 2500000", "[Update] /Share/append 2500004",
+                            "[Update] /Share/opened 5", "[Update] /Share/trunc 0"));
     for (const auto& entry : fs::directory_iterator(world.layout.downloadsCachePath()))
         ADD_FAILURE() << "left behind: " << entry.path();
 }
@@ -373,30 +320,12 @@ TEST_F(WritingMountTest, attributesOfPrograms) {
     ASSERT_EQ(::setxattr(name.c_str(), "user.com.apple.quarantine", "q", 1, 0), 0);
     char value[64] = {};
     EXPECT_EQ(::getxattr(name.c_str(), "user.color", value, sizeof value), 3);
+    EXPECT_EQ(errorOf(::getxattr(name.c_str(), "user.color", value, 2)), ERANGE);
     EXPECT_EQ(::listxattr(name.c_str(), value, sizeof value), 11);
     ASSERT_EQ(rename("Share/f", "Share/g"), 0);
     EXPECT_EQ(::getxattr(path("Share/g").c_str(), "user.color", value, sizeof value), 3);
     EXPECT_EQ(::removexattr(path("Share/g").c_str(), "user.color"), 0);
     EXPECT_EQ(::listxattr(path("Share/g").c_str(), value, sizeof value), 0);
-}
-
-TEST_F(WritingMountTest, locksHoldBetweenPrograms) {
-    write("Share/f", "x");
-    const int descriptor = ::open(path("Share/f").c_str(), O_RDWR);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(descriptor, F_SETLK, &whole), 0);
-    ASSERT_EQ(::flock(descriptor, LOCK_EX | LOCK_NB), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int other = ::open(path("Share/f").c_str(), O_RDWR);
-        const bool refused = ::fcntl(other, F_SETLK, &whole) != 0 && ::flock(other, LOCK_EX | LOCK_NB) != 0;
-        ::_exit(refused ? 0 : 1);
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    ::close(descriptor);
 }
 
 TEST_F(WritingMountTest, savePatternsKeepTheDocument) {
@@ -408,17 +337,13 @@ TEST_F(WritingMountTest, savePatternsKeepTheDocument) {
     const Pattern patterns[] = {
         {"in place", "printf new > doc", ""},
         {"temporary file, rename", "printf new > .doc.tmp; sync .doc.tmp; mv .doc.tmp doc", ""},
-        {"temporary file with a visible name", "printf new > doc-1; mv doc-1 doc", ""},
         {"backup kept", "mv doc doc~; printf new > doc", "doc~"},
-        {"backup by copy", "cp -p doc doc~; printf new > doc", "doc~"},
         {"backup removed", "mv doc doc.bak; printf new > doc; rm doc.bak", ""},
         {"lock file, copy aside",
          "printf u > .~lock.doc#; cp doc lu1.tmp; printf new > lu2.tmp; mv lu2.tmp doc; "
          "rm lu1.tmp .~lock.doc#",
          ""},
-        {"stream editor", "sed -i s/old/new/ doc", ""},
         {"delete, then create", "rm doc; printf new > doc", ""},
-        {"by swap file", "printf new > other; mv -T other doc", ""},
     };
     for (const auto& pattern : patterns) {
         SCOPED_TRACE(pattern.name);
@@ -445,45 +370,12 @@ TEST_F(WritingMountTest, savePatternsKeepTheDocument) {
     }
 }
 
-TEST_F(WritingMountTest, programsWork) {
-    struct Program {
-        const char* needs;
-        const char* script;
-    };
-    const Program programs[] = {
-        {"tar",
-         "mkdir t; for i in 1 2 3; do echo $i > t/$i; done; tar cf a.tar t; mkdir u; tar xf a.tar -C u; "
-         "diff -r t u/t"},
-        {"cp", "cp -a t copy; diff -r t copy; mv copy u/moved; diff -r t u/moved; test ! -e copy"},
-        {"git",
-         "git init -q r; cd r; git config user.email a@b; git config user.name a; echo x > f; "
-         "git add f; git commit -qm one; echo y >> f; git commit -qam two; git fsck --strict; "
-         "git status --porcelain | wc -l | grep -q '^0$'; git checkout -q HEAD~1; grep -qx x f"},
-        {"sqlite3",
-         "sqlite3 d.db 'pragma journal_mode=delete; create table t(a); begin; insert into t "
-         "values(1),(2); commit; begin; delete from t; rollback;'; "
-         "test $(sqlite3 d.db 'select count(*) from t; pragma integrity_check' | tr -d '\\n') = 2ok"},
-        {"vim",
-         "printf 'one\\n' > v; vim -es -u NONE -c '%s/one/two/' -c 'set backup | wq' v; grep -qx two v"},
-        {"python3",
-         "python3 -c \"import mmap,os\nf=open('m','w+b'); f.write(b'x'*5000); f.flush()\n"
-         "m=mmap.mmap(f.fileno(),0,access=mmap.ACCESS_COPY); assert m[4999:]==b'x'\n"
-         "os.copy_file_range(f.fileno(), os.open('n',os.O_RDWR|os.O_CREAT), 5000, 0)\n"
-         "os.remove('m')\""},
-    };
-    for (const auto& program : programs) {
-        if (std::system((std::string("command -v ") + program.needs + " >/dev/null").c_str()) != 0) continue;
-        EXPECT_EQ(run(program.script), 0) << program.needs << ": " << output();
-    }
-    // Whatever they did: record and bytes agree, and nothing is left marked.
-    settledJournal();
-    const auto lock = world.store.beginReadStorage();
-    for (const auto& file : world.store.allFiles()) {
-        if (!file->IsFile) continue;
-        EXPECT_TRUE(world.store.hasWholeContents(*file)) << file->FullPath;
-        EXPECT_FALSE(file->LocallyUpdated.value_or(false)) << file->FullPath;
-    }
-}
+/// What a call gave on the drive, or on the plain folder.
+struct Outcome {
+    long result = 0;
+    int error = 0;
+    std::string text;
+};
 
 /// Random operations on the drive and on a plain folder: the same answers, the same tree, and in the end
 /// records, cache and journal that belong together.
@@ -492,19 +384,15 @@ TEST_F(WritingMountTest, behavesAsAPlainFolder) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     const auto pick = [&](std::size_t count) { return random() % count; };
-    const auto plain = world.folder.path("plain");
-    ASSERT_EQ(::mkdir(plain.c_str(), 0700), 0);
-    const std::string tops[] = {path("Share"), plain};
+    const std::string tops[] = {path("Share"), world.folder.path("plain")};
+    ASSERT_EQ(::mkdir(tops[1].c_str(), 0700), 0);
     const auto name = [&] {
         static constexpr const char* folders[] = {"", "/d0", "/d1", "/d0/e"};
         static constexpr const char* names[] = {"/f0", "/f1", "/f2",      "/d0",
                                                 "/d1", "/e",  "/.hidden", "/t.tmp"};
         return folders[pick(4)] + std::string(names[pick(8)]);
     };
-    struct OpenPair {
-        int descriptors[2];
-    };
-    std::vector<OpenPair> open;
+    std::vector<std::array<int, 2>> open;  // descriptors on both sides
     for (int step = 0; step < 1500; ++step) {
         const auto a = name(), b = name();
         const auto kind = pick(11);
@@ -514,75 +402,54 @@ TEST_F(WritingMountTest, behavesAsAPlainFolder) {
         static constexpr int kFlags[] = {O_RDWR | O_CREAT, O_RDWR | O_CREAT | O_TRUNC, O_RDWR,
                                          O_RDWR | O_CREAT | O_EXCL, O_RDWR | O_APPEND};
         const int flags = kFlags[pick(5)];
-        long results[2] = {};
-        int errors[2] = {};
-        std::string texts[2];
-        OpenPair opened{};
+        if (open.empty() && (kind == 2 || kind == 3 || kind == 4 || kind == 10)) continue;
+        std::array<int, 2> opened{};
+        Outcome outcomes[2];
         for (int side = 0; side < 2; ++side) {
-            const auto& top = tops[side];
-            const auto from = top + a, to = top + b;
-            errno = 0;
-            switch (kind) {
-                case 0:
-                case 1:
-                    results[side] = opened.descriptors[side] = ::open(from.c_str(), flags | O_CLOEXEC, 0644);
-                    results[side] = std::min(results[side], 0L);
-                    break;
-                case 2:
-                case 3:
-                    if (!open.empty())
-                        results[side] = ::pwrite(open[which].descriptors[side], bytes.data(), size,
-                                                 static_cast<off_t>(offset));
-                    break;
-                case 4:
-                    if (!open.empty()) results[side] = ::close(open[which].descriptors[side]);
-                    break;
-                case 5:
-                    results[side] = ::mkdir(from.c_str(), 0755);
-                    break;
-                case 6:
-                    results[side] = pick(1) == 0 ? ::unlink(from.c_str()) : 0;
-                    break;
-                case 7:
-                    results[side] = ::rmdir(from.c_str());
-                    break;
-                case 8:
-                    results[side] = ::rename(from.c_str(), to.c_str());
-                    break;
-                case 9:
-                    results[side] = ::truncate(from.c_str(), static_cast<off_t>(size));
-                    break;
-                default:
-                    if (!open.empty()) {
-                        texts[side].resize(8000);
-                        results[side] = ::pread(open[which].descriptors[side], texts[side].data(), 8000, 0);
-                        struct stat status {};
-                        errors[side] = ::fstat(open[which].descriptors[side], &status);
-                        texts[side] += std::to_string(status.st_size) + "/" + std::to_string(status.st_nlink);
-                    }
+            const auto from = tops[side] + a, to = tops[side] + b;
+            auto& [result, error, text] = outcomes[side];
+            const int descriptor = open.empty() ? -1 : open[which][side];
+            if (kind < 2) {
+                opened[side] = ::open(from.c_str(), flags | O_CLOEXEC, 0644);
+                result = std::min(opened[side], 0);
+            } else if (kind < 4) {
+                result = ::pwrite(descriptor, bytes.data(), size, static_cast<off_t>(offset));
+            } else if (kind == 4) {
+                result = ::close(descriptor);
+            } else if (kind == 5) {
+                result = ::mkdir(from.c_str(), 0755);
+            } else if (kind == 6) {
+                result = ::unlink(from.c_str());
+            } else if (kind == 7) {
+                result = ::rmdir(from.c_str());
+            } else if (kind == 8) {
+                result = ::rename(from.c_str(), to.c_str());
+            } else if (kind == 9) {
+                result = ::truncate(from.c_str(), static_cast<off_t>(size));
+            } else {
+                text.resize(8000);
+                result = ::pread(descriptor, text.data(), 8000, 0);
+                const auto status = statOf(descriptor);
+                text += std::to_string(status.st_size) + "/" + std::to_string(status.st_nlink);
             }
-            if (results[side] < 0) errors[side] = errno;
+            error = result < 0 ? errno : 0;
         }
-        ASSERT_EQ(results[0], results[1])
-            << "step " << step << " kind " << kind << " " << a << " " << b << ": " << std::strerror(errors[0])
-            << ", not " << std::strerror(errors[1]);
-        // Both say no; which of several reasons comes first is not the same everywhere.
-        if (results[0] >= 0) {
-            ASSERT_EQ(errors[0], errors[1]) << "step " << step << " kind " << kind << " " << a << " " << b;
-        }
-        ASSERT_EQ(texts[0], texts[1]) << "step " << step;
-        if (kind < 2 && results[0] == 0) open.push_back(opened);
-        if (kind == 4 && !open.empty()) open.erase(open.begin() + static_cast<long>(which));
+        // Where both say no, which of several reasons comes first is not the same everywhere.
+        ASSERT_EQ(outcomes[0].result, outcomes[1].result)
+            << "step " << step << " kind " << kind << " " << a << " " << b << ": "
+            << std::strerror(outcomes[0].error) << ", not " << std::strerror(outcomes[1].error);
+        ASSERT_EQ(outcomes[0].text, outcomes[1].text) << "step " << step;
+        if (kind < 2 && outcomes[0].result == 0) open.push_back(opened);
+        if (kind == 4) open.erase(open.begin() + static_cast<long>(which));
         if (step % 7 == 0) {
             world.clock.advance(std::chrono::seconds(2));
             world.drive->checkOpenedFiles();
-            while (world.background.runOne()) {
-            }
+            world.background.runAll();
         }
     }
     for (const auto& pair : open) {
-        ::close(pair.descriptors[0]);
-        ::close(pair.descriptors[1]);
+        ::close(pair[0]);
+        ::close(pair[1]);
     }
     settledJournal();
     const auto tree = [](const std::string& top) {
@@ -599,6 +466,7 @@ TEST_F(WritingMountTest, behavesAsAPlainFolder) {
         if (!file->IsFile) continue;
         EXPECT_TRUE(world.store.hasWholeContents(*file)) << file->FullPath;
         const bool ignored = CacheLayout::isPathIgnored(file->FullPath.view(), false);
+        EXPECT_TRUE(ignored || !file->LocallyUpdated.value_or(false)) << file->FullPath;
         EXPECT_EQ(world.store.journal().hasPendingContents(file->InternalName.view()), !ignored)
             << file->FullPath;
     }

@@ -42,15 +42,6 @@ HttpsClient::~HttpsClient() {
     curl_easy_cleanup(curl_);
 }
 
-HttpsReply HttpsClient::get(const std::string& host, const std::string& target, const Headers& headers) {
-    return perform(host, target, headers, nullptr);
-}
-
-HttpsReply HttpsClient::post(const std::string& host, const std::string& target, const Headers& headers,
-                             const std::string& body) {
-    return perform(host, target, headers, &body);
-}
-
 HttpsReply HttpsClient::perform(const std::string& host, const std::string& target, const Headers& headers,
                                 const std::string* body) {
     HttpsReply reply;
@@ -83,7 +74,6 @@ HttpsReply HttpsClient::perform(const std::string& host, const std::string& targ
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &reply.status);
     else
         reply.error = curl_easy_strerror(code);
-    curl_easy_getinfo(curl_, CURLINFO_NUM_CONNECTS, &reply.newConnections);
     curl_slist_free_all(lines);
     curl_slist_free_all(connectTo);
     return reply;

@@ -14,7 +14,6 @@ struct HttpsReply {
     long status = 0;  ///< 0: no reply
     std::string body;
     std::map<std::string, std::string> headers;  ///< names in lower case
-    long newConnections = 0;
     std::string error;
 };
 
@@ -28,9 +27,13 @@ class HttpsClient {
     HttpsClient& operator=(const HttpsClient&) = delete;
 
     using Headers = std::vector<std::string>;
-    HttpsReply get(const std::string& host, const std::string& target, const Headers& headers = {});
+    HttpsReply get(const std::string& host, const std::string& target, const Headers& headers = {}) {
+        return perform(host, target, headers, nullptr);
+    }
     HttpsReply post(const std::string& host, const std::string& target, const Headers& headers,
-                    const std::string& body);
+                    const std::string& body) {
+        return perform(host, target, headers, &body);
+    }
     /// Ask for compressed replies (the body is given out plain).
     void setCompressed(bool on) { compressed_ = on; }
 
