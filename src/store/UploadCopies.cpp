@@ -13,7 +13,6 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/PrivateFile.h"
 #include "store/FileCopy.h"
 #include "store/TWMetadataStorage.h"
 #include "util/RecordMapping.h"
@@ -34,6 +33,20 @@ constexpr std::chrono::seconds kStopDeadline{60};
 
 std::string sideFile(const std::string& copy) {
     return copy + ".inf";
+}
+
+/// Not synced: nothing depends on it. 0 or errno.
+int writeSideFile(const std::string& path, std::string_view text) {
+    const OwnedDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) return errno;
+    while (!text.empty()) {
+        const auto count = ::write(file.get(), text.data(), text.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count < 0 ? errno : ENOSPC;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return 0;
 }
 
 /// What an earlier run did not finish.
@@ -166,7 +179,7 @@ void UploadCopies::run(Job& job) {
         FileCopyResult result;
         result.error = std::error_code(errno, std::generic_category());
         for (int attempt = 0; source && attempt < kMostTries; ++attempt) {
-            ::unlink(job.temporary.c_str());
+            if (attempt > 0) ::unlink(job.temporary.c_str());
             result = copyFileContents(source.get(), job.temporary, cancelled);
             if (result.error || !result.sourceChanged) break;
         }
@@ -176,14 +189,14 @@ void UploadCopies::run(Job& job) {
             size = result.size;
             // Old bytes beside new ones are nobody's version; what changed them is journalled in its turn.
             if (result.sourceChanged) job.cancelled = true;
-            const int error = replacePrivateFile(sideFile(job.temporary), job.text);
+            const int error = writeSideFile(sideFile(job.temporary), job.text);
             if (error != 0) problem = std::generic_category().message(error);
         }
     } catch (const std::exception& error) {
         problem = error.what();
     }
     finish(job, problem, size);
-    if (size >= 0) syncFolder(store_.layout().uploadsCachePath());
+    if (size >= kSyncedCopy) syncFolder(store_.layout().uploadsCachePath());
 }
 
 /// The cache file as it is called now: an exchange may have given the bytes another identity. Once open they
@@ -211,21 +224,24 @@ bool UploadCopies::place(Job& job, std::string& problem) const {
 void UploadCopies::finish(Job& job, std::string_view problem, std::int64_t size) {
     const auto lock = store_.beginReadStorage();
     std::string reason(problem);
+    bool placed = false;
     if (job.cancelled) {
         TWLog(kLogMain, "File %@ was changed during copying to upload location %@ - deleting it",
               job.internalName, job.uploadName);
         size = -1;
     } else if (gate_->closed) {
         size = -1;
-    } else if (reason.empty() && place(job, reason)) {
+    } else if (reason.empty() && (placed = place(job, reason))) {
         TWLog(kLogMain, "File %@ copied to upload location.", job.publicName);
     } else {
         TWLog(kLogMain, "Warning! Cannot copy file %@ to upload path %@. Error %@", job.internalName,
               job.target, reason);
         size = -1;
     }
-    ::unlink(job.temporary.c_str());
-    ::unlink(sideFile(job.temporary).c_str());
+    if (!placed) {
+        ::unlink(job.temporary.c_str());
+        ::unlink(sideFile(job.temporary).c_str());
+    }
     job.entry->CopyingFile.reset();
     if (const auto it = jobs_.find(job.uploadName); it != jobs_.end() && it->second.get() == &job)
         jobs_.erase(it);

@@ -17,9 +17,9 @@ class TWMetadataStorage;
 /// Copies of changed files in the upload area, so that later writes do not change what is being sent.
 ///
 /// A copy is made on the background executor, without the store's lock, under a shutdown block. It gets its
-/// name, `cachePathForUpload`, only when it is whole and on the disk; beside it stands the side file ".inf"
-/// with the entry's JSON text. What a crash leaves behind bears a temporary name and is removed at the next
-/// start. A copy that is released while it is being made stops.
+/// name, `cachePathForUpload`, only when it is whole, and on the disk from kSyncedCopy on; beside it stands
+/// the side file ".inf" with the entry's JSON text. What a crash leaves behind bears a temporary name and is
+/// removed at the next start. A copy that is released while it is being made stops.
 ///
 /// Operations REQUIRE LOCK, the store's; the destructor does not, and waits for running copies, which stop at
 /// once.
@@ -40,7 +40,8 @@ class UploadCopies {
     UploadCopies(const UploadCopies&) = delete;
     UploadCopies& operator=(const UploadCopies&) = delete;
 
-    /// Begins to copy the cache file of the entry's file to its upload name. REQUIRES: that name is new.
+    /// Begins to copy the cache file of the entry's file to its upload name, in the place of what an earlier
+    /// run left there. REQUIRES: this run has no copy of that name.
     void start(const LocalJournalPtr& entry);
     /// Removes the copy with its side file, or stops it. Nothing for an empty name.
     void release(const TWVirtualFile& file);
