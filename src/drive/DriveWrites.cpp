@@ -437,7 +437,7 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
     }
     // After the size, which moves the time on.
     if (!(attributes.permissions || attributes.modification || attributes.access)) return Done{};
-    const auto change = store_.beginLocalChange();
+    const auto lock = store_.beginWriteStorage();
     if (!detached)
         file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(ofItemAtPath);
     if (!file) return Done{};
@@ -446,6 +446,12 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
     if (attributes.modification) file->LastWriteTime = *attributes.modification;
     if (attributes.access) file->LastAccessTime = *attributes.access;
     if (detached) return Done{};
+    // As what is written: programs that unpack set three attributes of each file before they close it.
+    if (file->LocallyUpdated.value_or(false) && TWFuseFileData::joinBurst(file->InternalName.view())) {
+        store_.noteWriteProgress(*file);
+        return Done{};
+    }
+    const auto change = store_.beginLocalChange();
     store_.noteAttributesChanged(*file);
     store_.journal().attributesChanged(*file);
     return Done{};

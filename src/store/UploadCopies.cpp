@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -68,6 +69,34 @@ struct UploadCopies::Job {
     std::string internalName, shareId, publicName, uploadName;
     std::string temporary, target, text;
     std::atomic<bool> cancelled{false};
+    std::shared_ptr<void> block;  ///< of the shutdown, until the job is done or dropped
+};
+
+/// Jobs that wait for one task. Belongs to that task: they go with it.
+struct UploadCopies::Line {
+    explicit Line(std::shared_ptr<Job> first) { waiting.push_back(std::move(first)); }
+
+    /// False when the task is at its end.
+    bool join(std::shared_ptr<Job> job) {
+        const std::lock_guard lock(mutex);
+        if (ended) return false;
+        waiting.push_back(std::move(job));
+        return true;
+    }
+    /// Null at the end.
+    std::shared_ptr<Job> next() {
+        const std::lock_guard lock(mutex);
+        ended = waiting.empty();
+        if (ended) return nullptr;
+        auto job = std::move(waiting.front());
+        waiting.pop_front();
+        return job;
+    }
+
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::deque<std::shared_ptr<Job>> waiting;
+    bool ended = false;
 };
 
 /// Lets tasks reach the owner while it lives.
@@ -141,21 +170,21 @@ void UploadCopies::start(const LocalJournalPtr& entry) {
     job->text = toJsonText(*entry);
     jobs_[job->uploadName] = job;
 
-    // Unblocks when the task is done or dropped.
-    struct Block {
-        std::shared_ptr<Gate> gate;
-        Block(std::shared_ptr<Gate> entered, TWMetadataStorage& store) : gate(std::move(entered)) {
-            store.blockShutdown();
-        }
-        Block(const Block&) = delete;
-        Block& operator=(const Block&) = delete;
-        ~Block() {
-            gate->enter([](UploadCopies& owner) { owner.store_.unblockShutdown(); });
-        }
-    };
-    auto block = std::make_shared<Block>(gate_, store_);
-    background_.async([gate = gate_, job = std::move(job), block = std::move(block)] {
-        gate->enter([&](UploadCopies& owner) { owner.run(*job); });
+    store_.blockShutdown();
+    job->block = std::shared_ptr<void>(nullptr, [gate = gate_](void*) {
+        gate->enter([](UploadCopies& owner) { owner.store_.unblockShutdown(); });
+    });
+    if (file.size() >= kSyncedCopy) {
+        background_.async(
+            [gate = gate_, job] { gate->enter([&](UploadCopies& owner) { owner.run(*job); }); });
+        return;
+    }
+    if (const auto line = line_.lock(); line && line->join(job)) return;
+    const auto line = std::make_shared<Line>(job);
+    line_ = line;
+    background_.async([gate = gate_, line] {
+        while (const auto next = line->next())
+            gate->enter([&](UploadCopies& owner) { owner.run(*next); });
     });
 }
 
@@ -246,6 +275,7 @@ void UploadCopies::finish(Job& job, std::string_view problem, std::int64_t size)
     if (const auto it = jobs_.find(job.uploadName); it != jobs_.end() && it->second.get() == &job)
         jobs_.erase(it);
     host_.copyEnded(job.uploadName, size);
+    job.block.reset();
 }
 
 }  // namespace tarnwell
