@@ -115,9 +115,12 @@ ErrnoOr<TWFuseFileDataPtr> TWFuseFileSystem::createNewFile(const std::string& pa
     handle->noteCreation();
     // Whatever the permissions on the drive: its own cache file must stay open to the client.
     const auto cachePath = layout_.cachePathForFile(*file);
-    const int descriptor = ::open(cachePath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int descriptor = ::open(cachePath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     struct stat status {};
-    if (descriptor >= 0 && ::fstat(descriptor, &status) == 0) {
+    // The store made it empty. Truncating it once more would have some disks write it out when it is closed.
+    const bool isThere = descriptor >= 0 && ::fstat(descriptor, &status) == 0 &&
+                         (status.st_size == 0 || ::ftruncate(descriptor, 0) == 0);
+    if (isThere) {
         handle->setCacheFile(std::make_shared<const CacheFile>(descriptor, status.st_dev, status.st_ino));
     } else {
         TWLog(kLogFuse, "Warning! Cannot create file in path %@ : error %d", cachePath, errno);
@@ -434,7 +437,7 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
     }
     // After the size, which moves the time on.
     if (!(attributes.permissions || attributes.modification || attributes.access)) return Done{};
-    const auto change = store_.beginLocalChange();
+    const auto lock = store_.beginWriteStorage();
     if (!detached)
         file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(ofItemAtPath);
     if (!file) return Done{};
@@ -443,6 +446,12 @@ ErrnoOr<Done> TWFuseFileSystem::setAttributes(const AttributeChanges& attributes
     if (attributes.modification) file->LastWriteTime = *attributes.modification;
     if (attributes.access) file->LastAccessTime = *attributes.access;
     if (detached) return Done{};
+    // As what is written: programs that unpack set three attributes of each file before they close it.
+    if (file->LocallyUpdated.value_or(false) && TWFuseFileData::joinBurst(file->InternalName.view())) {
+        store_.noteWriteProgress(*file);
+        return Done{};
+    }
+    const auto change = store_.beginLocalChange();
     store_.noteAttributesChanged(*file);
     store_.journal().attributesChanged(*file);
     return Done{};

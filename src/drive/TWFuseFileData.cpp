@@ -233,6 +233,17 @@ bool TWFuseFileData::takeQuietBurst(Date now, std::chrono::milliseconds quiet) {
     return true;
 }
 
+bool TWFuseFileData::joinBurst(std::string_view fileId) {
+    bool found = false;
+    for (const auto& handle : openedFiles(fileId)) {
+        std::lock_guard lock(handle->mutex_);
+        found = found || handle->modified_;
+        // Whichever is synced or closed first.
+        handle->progress_ = true;
+    }
+    return found;
+}
+
 bool TWFuseFileData::takeProgress() {
     std::lock_guard lock(mutex_);
     return std::exchange(progress_, false);

@@ -123,6 +123,9 @@ class TWFuseFileData {
     [[nodiscard]] bool claimQuietBurst(Date now, std::chrono::milliseconds quiet);
     /// Ends the burst, unless it went on meanwhile. The caller holds the store's lock.
     [[nodiscard]] bool takeQuietBurst(Date now, std::chrono::milliseconds quiet);
+    /// The attributes of a file moved on. True when an open has a burst: its end, or the close, brings them
+    /// into the change log and the journal. The caller holds the store's lock.
+    [[nodiscard]] static bool joinBurst(std::string_view fileId);
     /// Writes moved the record on, and that is not in the change log yet: true once.
     [[nodiscard]] bool takeProgress();
 

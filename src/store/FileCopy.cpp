@@ -19,6 +19,8 @@ namespace {
 /// Between two questions whether the copy is still wanted.
 constexpr std::int64_t kPiece = std::int64_t{16} << 20U;
 constexpr std::size_t kBuffer = std::size_t{1} << 20U;
+/// Up to here a read and a write cost less than asking the kernel to share or move blocks.
+constexpr std::int64_t kSmall = std::int64_t{64} << 10U;
 
 std::error_code systemError(int code) {
     return {code, std::generic_category()};
@@ -43,6 +45,10 @@ class Copy {
 
     /// 0 or errno.
     int run(std::int64_t size) {
+        if (size <= kSmall) {
+            plain_ = true;
+            return copyRange(0, size);
+        }
         if (::ioctl(target_, FICLONE, source_) == 0) return 0;
         for (std::int64_t at = 0; at < size;) {
             const std::int64_t data = ::lseek(source_, at, SEEK_DATA);
@@ -83,8 +89,8 @@ class Copy {
     }
 
     ssize_t copyPlain(std::int64_t at, std::size_t size) {
-        buffer_.resize(kBuffer);
-        const ssize_t count = ::pread(source_, buffer_.data(), std::min(size, kBuffer), at);
+        buffer_.resize(std::min(size, kBuffer));
+        const ssize_t count = ::pread(source_, buffer_.data(), buffer_.size(), at);
         if (count <= 0) return count;
         return ::pwrite(target_, buffer_.data(), static_cast<std::size_t>(count), at);
     }
@@ -116,10 +122,10 @@ FileCopyResult copyFileContents(int source, const std::string& target,
         return result;
     }
     int code = Copy(source, out.get(), cancelled).run(before.st_size);
-    if (code == 0 && ::fsync(out.get()) != 0) code = errno;
     struct stat after {};
     struct stat made {};
     if (code == 0 && (::fstat(source, &after) != 0 || ::fstat(out.get(), &made) != 0)) code = errno;
+    if (code == 0 && made.st_size >= kSyncedCopy && ::fsync(out.get()) != 0) code = errno;
     if (code != 0) {
         ::unlink(target.c_str());
         result.error = systemError(code);

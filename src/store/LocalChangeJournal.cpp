@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/PrivateFile.h"
+#include "store/FileCopy.h"
 #include "store/TWMetadataStorage.h"
 #include "util/PropertyList.h"
 #include "util/RecordMapping.h"
@@ -243,21 +244,26 @@ void LocalChangeJournal::recover(const std::vector<TWVirtualFilePtr>& changed) {
         recoverUpload(entry);
 }
 
-/// What was being copied when the last run ended is copied again, while the cache has that very version.
+/// What was being copied when the last run ended is copied again, while the cache has that very version; so
+/// is what was not synced and may not have all its bytes.
 void LocalChangeJournal::recoverUpload(const LocalJournalPtr& entry) {
     const TWVirtualFile& file = *entry->File;
     const bool hasCopy = bringsContents(*entry) && file.IsFile && file.size() > 0 && !file.UploadName.empty();
     if (!hasCopy || entry->CopyingFile.value_or(false)) return;
-    struct stat status {};
-    if (::lstat(store_.layout().cachePathForUpload(file).c_str(), &status) == 0) {
-        copyEnded(file.UploadName.str(), status.st_size);
+    struct stat copy {};
+    const bool isThere = ::lstat(store_.layout().cachePathForUpload(file).c_str(), &copy) == 0;
+    if (isThere && copy.st_size >= kSyncedCopy) {
+        copyEnded(file.UploadName.str(), copy.st_size);
         return;
     }
     const auto record = store_.fileWithId(file.InternalName.view());
     const bool isThat = record && record->UploadName == file.UploadName && record->size() == file.size() &&
                         store_.hasWholeContents(*record);
     if (!isThat) {
+        // A newer version is queued behind it, or everything of this one is lost.
+        if (isThere && copy.st_size == file.size()) return;
         TWLog(kLogMain, "Warning! The contents of %@ that wait to be sent are gone.", entry->CurrentPath);
+        copies_.release(file);
         return;
     }
     entry->CopyingFile = true;

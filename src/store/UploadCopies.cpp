@@ -8,12 +8,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
 #include <utility>
 
-#include "platform/PrivateFile.h"
 #include "store/FileCopy.h"
 #include "store/TWMetadataStorage.h"
 #include "util/RecordMapping.h"
@@ -36,6 +36,20 @@ std::string sideFile(const std::string& copy) {
     return copy + ".inf";
 }
 
+/// Not synced: nothing depends on it. 0 or errno.
+int writeSideFile(const std::string& path, std::string_view text) {
+    const OwnedDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) return errno;
+    while (!text.empty()) {
+        const auto count = ::write(file.get(), text.data(), text.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count < 0 ? errno : ENOSPC;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return 0;
+}
+
 /// What an earlier run did not finish.
 void removeLeftovers(const std::string& uploads, const std::string& runId) {
     std::error_code error;
@@ -55,6 +69,34 @@ struct UploadCopies::Job {
     std::string internalName, shareId, publicName, uploadName;
     std::string temporary, target, text;
     std::atomic<bool> cancelled{false};
+    std::shared_ptr<void> block;  ///< of the shutdown, until the job is done or dropped
+};
+
+/// Jobs that wait for one task. Belongs to that task: they go with it.
+struct UploadCopies::Line {
+    explicit Line(std::shared_ptr<Job> first) { waiting.push_back(std::move(first)); }
+
+    /// False when the task is at its end.
+    bool join(std::shared_ptr<Job> job) {
+        const std::lock_guard lock(mutex);
+        if (ended) return false;
+        waiting.push_back(std::move(job));
+        return true;
+    }
+    /// Null at the end.
+    std::shared_ptr<Job> next() {
+        const std::lock_guard lock(mutex);
+        ended = waiting.empty();
+        if (ended) return nullptr;
+        auto job = std::move(waiting.front());
+        waiting.pop_front();
+        return job;
+    }
+
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::deque<std::shared_ptr<Job>> waiting;
+    bool ended = false;
 };
 
 /// Lets tasks reach the owner while it lives.
@@ -128,21 +170,21 @@ void UploadCopies::start(const LocalJournalPtr& entry) {
     job->text = toJsonText(*entry);
     jobs_[job->uploadName] = job;
 
-    // Unblocks when the task is done or dropped.
-    struct Block {
-        std::shared_ptr<Gate> gate;
-        Block(std::shared_ptr<Gate> entered, TWMetadataStorage& store) : gate(std::move(entered)) {
-            store.blockShutdown();
-        }
-        Block(const Block&) = delete;
-        Block& operator=(const Block&) = delete;
-        ~Block() {
-            gate->enter([](UploadCopies& owner) { owner.store_.unblockShutdown(); });
-        }
-    };
-    auto block = std::make_shared<Block>(gate_, store_);
-    background_.async([gate = gate_, job = std::move(job), block = std::move(block)] {
-        gate->enter([&](UploadCopies& owner) { owner.run(*job); });
+    store_.blockShutdown();
+    job->block = std::shared_ptr<void>(nullptr, [gate = gate_](void*) {
+        gate->enter([](UploadCopies& owner) { owner.store_.unblockShutdown(); });
+    });
+    if (file.size() >= kSyncedCopy) {
+        background_.async(
+            [gate = gate_, job] { gate->enter([&](UploadCopies& owner) { owner.run(*job); }); });
+        return;
+    }
+    if (const auto line = line_.lock(); line && line->join(job)) return;
+    const auto line = std::make_shared<Line>(job);
+    line_ = line;
+    background_.async([gate = gate_, line] {
+        while (const auto next = line->next())
+            gate->enter([&](UploadCopies& owner) { owner.run(*next); });
     });
 }
 
@@ -166,7 +208,7 @@ void UploadCopies::run(Job& job) {
         FileCopyResult result;
         result.error = std::error_code(errno, std::generic_category());
         for (int attempt = 0; source && attempt < kMostTries; ++attempt) {
-            ::unlink(job.temporary.c_str());
+            if (attempt > 0) ::unlink(job.temporary.c_str());
             result = copyFileContents(source.get(), job.temporary, cancelled);
             if (result.error || !result.sourceChanged) break;
         }
@@ -176,14 +218,14 @@ void UploadCopies::run(Job& job) {
             size = result.size;
             // Old bytes beside new ones are nobody's version; what changed them is journalled in its turn.
             if (result.sourceChanged) job.cancelled = true;
-            const int error = replacePrivateFile(sideFile(job.temporary), job.text);
+            const int error = writeSideFile(sideFile(job.temporary), job.text);
             if (error != 0) problem = std::generic_category().message(error);
         }
     } catch (const std::exception& error) {
         problem = error.what();
     }
     finish(job, problem, size);
-    if (size >= 0) syncFolder(store_.layout().uploadsCachePath());
+    if (size >= kSyncedCopy) syncFolder(store_.layout().uploadsCachePath());
 }
 
 /// The cache file as it is called now: an exchange may have given the bytes another identity. Once open they
@@ -211,25 +253,29 @@ bool UploadCopies::place(Job& job, std::string& problem) const {
 void UploadCopies::finish(Job& job, std::string_view problem, std::int64_t size) {
     const auto lock = store_.beginReadStorage();
     std::string reason(problem);
+    bool placed = false;
     if (job.cancelled) {
         TWLog(kLogMain, "File %@ was changed during copying to upload location %@ - deleting it",
               job.internalName, job.uploadName);
         size = -1;
     } else if (gate_->closed) {
         size = -1;
-    } else if (reason.empty() && place(job, reason)) {
+    } else if (reason.empty() && (placed = place(job, reason))) {
         TWLog(kLogMain, "File %@ copied to upload location.", job.publicName);
     } else {
         TWLog(kLogMain, "Warning! Cannot copy file %@ to upload path %@. Error %@", job.internalName,
               job.target, reason);
         size = -1;
     }
-    ::unlink(job.temporary.c_str());
-    ::unlink(sideFile(job.temporary).c_str());
+    if (!placed) {
+        ::unlink(job.temporary.c_str());
+        ::unlink(sideFile(job.temporary).c_str());
+    }
     job.entry->CopyingFile.reset();
     if (const auto it = jobs_.find(job.uploadName); it != jobs_.end() && it->second.get() == &job)
         jobs_.erase(it);
     host_.copyEnded(job.uploadName, size);
+    job.block.reset();
 }
 
 }  // namespace tarnwell

@@ -17,9 +17,11 @@ class TWMetadataStorage;
 /// Copies of changed files in the upload area, so that later writes do not change what is being sent.
 ///
 /// A copy is made on the background executor, without the store's lock, under a shutdown block. It gets its
-/// name, `cachePathForUpload`, only when it is whole and on the disk; beside it stands the side file ".inf"
-/// with the entry's JSON text. What a crash leaves behind bears a temporary name and is removed at the next
-/// start. A copy that is released while it is being made stops.
+/// name, `cachePathForUpload`, only when it is whole, and on the disk from kSyncedCopy on; beside it stands
+/// the side file ".inf" with the entry's JSON text. What a crash leaves behind bears a temporary name and is
+/// removed at the next start. A copy that is released while it is being made stops. Small files are copied
+/// one after the other by one task, so that a tree that is unpacked does not keep all processors busy with
+/// its copies.
 ///
 /// Operations REQUIRE LOCK, the store's; the destructor does not, and waits for running copies, which stop at
 /// once.
@@ -40,7 +42,8 @@ class UploadCopies {
     UploadCopies(const UploadCopies&) = delete;
     UploadCopies& operator=(const UploadCopies&) = delete;
 
-    /// Begins to copy the cache file of the entry's file to its upload name. REQUIRES: that name is new.
+    /// Begins to copy the cache file of the entry's file to its upload name, in the place of what an earlier
+    /// run left there. REQUIRES: this run has no copy of that name.
     void start(const LocalJournalPtr& entry);
     /// Removes the copy with its side file, or stops it. Nothing for an empty name.
     void release(const TWVirtualFile& file);
@@ -48,6 +51,7 @@ class UploadCopies {
   private:
     struct Job;
     struct Gate;
+    struct Line;
 
     void run(Job& job);
     [[nodiscard]] OwnedDescriptor openSource(const Job& job) const;
@@ -60,6 +64,7 @@ class UploadCopies {
     /// Part of this run's temporary names.
     const std::string runId_;
     const std::shared_ptr<Gate> gate_;
+    std::weak_ptr<Line> line_;  // the task that copies small files; guarded by the store's lock
     std::map<std::string, std::shared_ptr<Job>> jobs_;  // by upload name; guarded by the store's lock
 };
 

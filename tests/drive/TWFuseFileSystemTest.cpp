@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "drive/DriveWorld.h"
+#include "store/StorePersistence.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -98,6 +99,37 @@ TEST_F(TWFuseFileSystemTest, openFileSeesContentsThatReplacedItsCacheFile) {
     file->UploadName = "version 2";
     ASSERT_EQ(*world.drive->readFileAtPath("/B/f", handle.get(), bytes, 3, 0), 3u);
     EXPECT_EQ(std::string(bytes, 3), "new");
+}
+
+/// Attributes that are set while a file is written outlive the process as soon as any open of it is closed or
+/// the burst ends.
+TEST_F(TWFuseFileSystemTest, attributesOfAFileThatIsWrittenLastWithItsClose) {
+    world.addShare("S", "B");
+    const auto set = [&](const std::string& path, std::uint32_t permissions) {
+        TWFuseFileSystem::AttributeChanges attributes;
+        attributes.permissions = permissions;
+        EXPECT_TRUE(world.drive->setAttributes(attributes, path, nullptr).ok());
+    };
+    std::vector<TWFuseFileDataPtr> writers;
+    for (const std::string name : {"f", "g", "h"}) {
+        const auto file = world.addCached("S", name, "x");
+        writers.push_back(open("/B/" + name, O_RDWR));
+        write(file, *writers.back());
+    }
+    const auto reader = open("/B/f", O_RDONLY);
+    set("/B/f", 0751);
+    world.drive->flushFileAtPath("/B/f", reader.get());
+    set("/B/g", 0640);
+    world.drive->releaseFileAtPath("/B/g", writers[1].get());
+    world.drive->releaseFileAtPath("/B/h", writers[2].get());
+    set("/B/h", 0600);
+
+    TWMetadataStorage next(
+        {world.layout, world.clock, world.background, [] { return std::string(); }, [] {}});
+    next.persistence().load();
+    EXPECT_EQ(next.fileWithPath("/B/f")->POSIXPermissions, 0751);
+    EXPECT_EQ(next.fileWithPath("/B/g")->POSIXPermissions, 0640);
+    EXPECT_EQ(next.fileWithPath("/B/h")->POSIXPermissions, 0600);
 }
 
 TEST_F(TWFuseFileSystemTest, lastWriterOfSeveralJournalsAtRelease) {

@@ -181,6 +181,33 @@ TEST_F(UploadCopiesTest, leftoversOfACrashGoAndTheStoreMayGoFirst) {
     EXPECT_EQ(bytesOf(uploads + "/U2"), "whole");
 }
 
+/// A loss of power leaves small copies with the right size and no bytes, or with neither.
+TEST_F(UploadCopiesTest, aStartMakesSmallCopiesAgainAndTrustsSyncedOnes) {
+    const std::string small = "XYZ", large(kSyncedCopy, 'X');
+    const struct {
+        std::string contents, left;
+        bool isCached;
+        std::string expected;
+    } cases[] = {{small, std::string(3, '\0'), true, small},
+                 {small, "", true, small},
+                 {small, "ABC", false, "ABC"},
+                 {small, "", false, ""},
+                 {large, std::string(kSyncedCopy, 'Y'), true, std::string(kSyncedCopy, 'Y')}};
+    for (const auto& c : cases) {
+        world.write("a", c.contents);
+        world.background.runAll();
+        const auto copy = copyPath(first());
+        std::ofstream(copy) << c.left;
+        if (!c.isCached) ::unlink(world.layout.cachePathForFile(*world.item("a")).c_str());
+        world.journal().recover({});
+        world.background.runAll();
+        EXPECT_TRUE(bytesOf(copy) == c.expected) << c.contents.size() << " " << c.left.size();
+        EXPECT_FALSE(first()->CopyingFile);
+        EXPECT_EQ(std::filesystem::exists(copy), !c.expected.empty());
+        EXPECT_FALSE(world.store.shutdownBlocked());
+    }
+}
+
 TEST_F(UploadCopiesTest, copiesRunWhileTheDriveGoesOn) {
     BackgroundQueue queue(3);
     {
