@@ -155,10 +155,12 @@ void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
 
 void LocalChangeJournal::deleteJournalEntry(const LocalJournalPtr& entry) {
     const auto change = store_.beginLocalChange();
-    if (!queue_.remove(*entry)) return;
+    // The caller's reference may be the one in the queue.
+    const LocalJournalPtr removed = entry;
+    if (!queue_.remove(*removed)) return;
     // What the service answered stands in the record.
-    store_.changes_.noteFile(entry->File->InternalName);
-    store_.noteJournalChanged(entry->File->InternalName.view());
+    store_.changes_.noteFile(removed->File->InternalName);
+    store_.noteJournalChanged(removed->File->InternalName.view());
 }
 
 void LocalChangeJournal::setTransmitting(const LocalJournalPtr& entry, bool transmitting) {
