@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,14 +57,15 @@ class PrivateBus {
         if (error != 0) pid_ = -1;
         setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
         const auto end = std::chrono::steady_clock::now() + 10s;
-        while (pid_ > 0 && !folder_.exists("bus") && std::chrono::steady_clock::now() < end)
+        // Its socket is there a moment before it listens.
+        while (pid_ > 0 && !answers() && std::chrono::steady_clock::now() < end)
             usleep(1000);
     }
     ~PrivateBus() {
         stop(SIGKILL);
         unsetenv("DBUS_SESSION_BUS_ADDRESS");
     }
-    [[nodiscard]] bool started() const { return pid_ > 0 && folder_.exists("bus"); }
+    [[nodiscard]] bool started() const { return pid_ > 0 && answers(); }
     void stop(int signal) {
         if (pid_ <= 0) return;
         kill(pid_, signal);
@@ -72,6 +75,17 @@ class PrivateBus {
     }
 
   private:
+    [[nodiscard]] bool answers() const {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        folder_.path("bus").copy(address.sun_path, sizeof address.sun_path - 1);
+        const int client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool connected =
+            ::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(client);
+        return connected;
+    }
+
     static constexpr const char* kConfiguration =
         "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"

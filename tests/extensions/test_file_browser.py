@@ -5,6 +5,7 @@ Usage: test_file_browser.py FOLDER_OF_PROGRAMS
 import os
 import pathlib
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -159,8 +160,13 @@ class ClientTest(unittest.TestCase):
         pathlib.Path(self.folder, "bus.conf").write_text(BUS)
         self.start("dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + self.folder + "/bus.conf",
                    "--address=" + self.environment["DBUS_SESSION_BUS_ADDRESS"])
-        self.wait(lambda: os.path.exists(self.folder + "/bus"))
+        self.wait(self.bus_answers)
         os.environ.update(self.environment)
+
+    def bus_answers(self):
+        """Its socket is there a moment before it listens."""
+        with socket.socket(socket.AF_UNIX) as client:
+            return client.connect_ex(self.folder + "/bus") == 0
 
     def start(self, *command):
         process = subprocess.Popen(command, env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

@@ -62,7 +62,12 @@ class PrivateSecretService {
             dbus-daemon --nofork --nopidfile --config-file=bus.conf --address=unix:path=$PWD/bus \
                 >/dev/null 2>&1 &
             echo $! >processes
-            for i in $(seq 1000); do [ -S bus ] && break; sleep 0.01; done
+            # Its socket is there a moment before it listens.
+            for i in $(seq 500); do
+                dbus-send --bus=unix:path=$PWD/bus --dest=org.freedesktop.DBus --print-reply / \
+                    org.freedesktop.DBus.GetId >/dev/null 2>&1 && break
+                sleep 0.01
+            done
             gnome-keyring-daemon --foreground --unlock --components=secrets <password >/dev/null 2>&1 &
             echo $! >>processes
         )");
