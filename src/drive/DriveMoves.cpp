@@ -163,10 +163,14 @@ ErrnoOr<Done> TWFuseFileSystem::replaceFile(const TWVirtualFilePtr& source, cons
     if (source->size() == 0 && !exists(sourcePath)) {
         if (const int error = makeSureOfFile(sourcePath)) return Errno{error};
     }
-    detachOpens(target);
     const auto change = store_.beginLocalChange();
     // What the target had goes with the source's record.
     if (!store_.exchangeCachedFiles(*source, *target)) return Errno{EIO};
+    // Not before: the opens of a target that stays would write what nobody hears of. They keep the record as
+    // it was, by which contents that are not here can still be fetched.
+    const auto former = std::make_shared<TWVirtualFile>(*target);
+    for (const auto& handle : TWFuseFileData::openedFiles(target->InternalName.view()))
+        handle->detach(former, sourcePath);
     target->LocallyUpdated = true;
     setSize(*target, source->size());
     target->LastWriteTime = source->LastWriteTime;

@@ -29,7 +29,7 @@ class SessionBus {
     void whenConnected(std::function<void(QDBusConnection& connection)> task,
                        std::function<void(const std::string& error)> failed);
 
-    /// Where this session's bus listens; empty: there is none.
+    /// Address at which the user's bus listens; empty: there is none.
     [[nodiscard]] static std::string address();
 
   private:
