@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -90,8 +91,12 @@ bool ChangeRecorder::append(const std::vector<CacheExchange>& exchanges) {
     return true;
 }
 
-void ChangeRecorder::appendNow() {
-    append({});
+int ChangeRecorder::appendNow() {
+    return append({}) ? 0 : EIO;
+}
+
+int ChangeRecorder::admitChange() {
+    return 0;
 }
 
 bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std::string>>& pairs,

@@ -62,7 +62,10 @@ class ChangeRecorder {
         if (!suspended_) pend(pending_.entries, order);
     }
     /// Appends what is noted so far: what is done next must not be on the disk before it.
-    void appendNow();
+    /// 0 or errno.
+    int appendNow();
+    /// 0 when the log can take another change; else the error that would be met.
+    [[nodiscard]] int admitChange();
     /// Pairs of files of the cache trade places, or one of a pair gets the name of the other: does it by
     /// `exchange`, all or none. A run that ends before the changes that belong to it are appended is undone
     /// by the next one; so those changes are complete before the next exchange or appendNow().

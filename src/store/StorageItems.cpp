@@ -7,6 +7,7 @@
 #include <system_error>
 #include <unordered_set>
 
+#include "store/ContentVersion.h"
 #include "store/Enums.h"
 #include "store/JournalExchange.h"
 #include "store/LocalChangeJournal.h"
@@ -236,6 +237,14 @@ void TWMetadataStorage::deleteFileData(const TWVirtualFile& file) const {
 void TWMetadataStorage::deleteFileDataLater(const TWVirtualFile& file) {
     changes_.deleteLater(layout().cachePathForFile(file));
     changes_.deleteLater(layout().extendedAttrsPathForFile(file));
+}
+
+bool TWMetadataStorage::holdsContents(const TWVirtualFile& file) const {
+    if (file.size() == 0) return true;
+    const auto version = ContentVersion::of(layout().cachePathForFile(file));
+    if (!version) return false;
+    if (version->isEdited()) return file.LocallyUpdated.value_or(false);
+    return version->isOf(file.UploadName.view());
 }
 
 bool TWMetadataStorage::exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b) {

@@ -50,6 +50,15 @@ LocalChange::~LocalChange() {
     changes_.endChange();
 }
 
+int LocalChange::commit() {
+    return changes_.appendNow();
+}
+
+int TWMetadataStorage::admitChange() {
+    const auto lock = beginWriteStorage();
+    return changes_.admitChange();
+}
+
 void TWMetadataStorage::blockShutdown() {
     const auto lock = beginWriteStorage();
     ++shutdownBlocks_;

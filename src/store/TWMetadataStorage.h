@@ -72,6 +72,9 @@ class TWMetadataStorage {
 
     /// For changes made by the user on the drive; see LocalChange.
     [[nodiscard]] LocalChange beginLocalChange() { return LocalChange(*this); }
+    /// Asked before a change of the user is begun: 0 when the change log can take it, else errno (ENOSPC on a
+    /// full disk), which is the answer then.
+    [[nodiscard]] int admitChange();
 
     void blockShutdown();
     void unblockShutdown();
@@ -182,6 +185,9 @@ class TWMetadataStorage {
     bool exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b);
     /// The cache holds the file's bytes, as many as the record says.
     [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
+    /// The cache holds the file's present contents, and they say so themselves (ContentVersion): those of its
+    /// `UploadName`, or what the user made of them. True for an empty file. REQUIRES LOCK.
+    [[nodiscard]] bool holdsContents(const TWVirtualFile& file) const;
 
     [[nodiscard]] RemoteChanges& remoteChanges() { return *remoteChanges_; }
     [[nodiscard]] LocalChangeJournal& journal() const { return *journal_; }
