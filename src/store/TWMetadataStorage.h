@@ -15,6 +15,7 @@
 #include "store/CacheLayout.h"
 #include "store/ContentVersion.h"
 #include "store/DirectoryItems.h"
+#include "store/KeptFiles.h"
 #include "store/LocalChange.h"
 #include "store/ManagedShare.h"
 #include "store/StoreDelegates.h"
@@ -217,6 +218,8 @@ class TWMetadataStorage {
     [[nodiscard]] RemoteChanges& remoteChanges() { return *remoteChanges_; }
     [[nodiscard]] LocalChangeJournal& journal() const { return *journal_; }
     [[nodiscard]] StorePersistence& persistence() { return *persistence_; }
+    /// Where unsent contents go that the program itself has to let go.
+    [[nodiscard]] KeptFiles& keptFiles() { return keptFiles_; }
     [[nodiscard]] const CacheLayout& layout() const { return environment_.layout; }
     [[nodiscard]] const Clock& clock() const { return environment_.clock; }
     /// REQUIRES LOCK.
@@ -247,6 +250,7 @@ class TWMetadataStorage {
     DownloadScheduler* downloads_ = nullptr;
     FolderRefresher* refresher_ = nullptr;
 
+    KeptFiles keptFiles_{environment_.layout, environment_.clock};  // own lock
     StoreIndex index_;        // guarded by storageLock_
     ChangeRecorder changes_;  // guarded by storageLock_, its sync() excepted
     mutable StoreMutex storageLock_{changes_};
