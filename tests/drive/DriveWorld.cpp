@@ -5,13 +5,18 @@
 #include <filesystem>
 #include <fstream>
 
+#include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
 
 namespace tarnwell::testing {
 
 bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
     if (failNext_.exchange(false)) throw std::runtime_error("scripted");
-    return file->size() == 0 || ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
+    const auto path = layout_.cachePathForFile(*file);
+    if (file->size() == 0) return true;
+    if (::access(path.c_str(), F_OK) != 0) return false;
+    const auto version = ContentVersion::of(path);
+    return !version || version->isEdited() || version->isOf(file->UploadName.view());
 }
 
 std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePtr& file,
@@ -22,7 +27,8 @@ std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePt
     changed_.notify_all();
     changed_.wait(lock, [this] { return !held_; });
     --waiting_;
-    const auto found = remote_.find(file->InternalName.str());
+    const auto version = remote_.find(file->InternalName.str() + "/" + file->UploadName.str());
+    const auto found = version != remote_.end() ? version : remote_.find(file->InternalName.str());
     if (found == remote_.end()) return std::nullopt;
     return found->second.substr(static_cast<std::size_t>(position), static_cast<std::size_t>(size) + excess_);
 }

@@ -100,6 +100,10 @@ class DriveWorld {
         void identitiesExchanged(std::string_view a, std::string_view b) override {
             TWFuseFileData::identitiesExchanged(a, b);
         }
+        void contentsRenamed(std::string_view id, std::string_view from, std::string_view to) override {
+            TWFuseFileData::contentsRenamed(id, from, to);
+        }
+        bool isOpen(std::string_view id) const override { return TWFuseFileData::isOpen(id); }
     } openFiles;
     std::promise<void> driveGone;
     std::shared_ptr<TWFuseFileSystem> drive;
