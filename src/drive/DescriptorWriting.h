@@ -12,8 +12,8 @@ namespace tarnwell {
 
 /// Writes all of it. The number of bytes that were written before an error, or the error of the first. With
 /// `append` at the end of the file, as one step against every other writer.
-inline ErrnoOr<std::size_t> writeAll(int descriptor, const char* buffer, std::size_t size, std::int64_t offset,
-                              bool append) {
+inline ErrnoOr<std::size_t> writeAll(int descriptor, const char* buffer, std::size_t size,
+                                     std::int64_t offset, bool append) {
     std::size_t done = 0;
     while (done < size) {
         iovec piece{const_cast<char*>(buffer) + done, size - done};  // NOLINT: writev reads only

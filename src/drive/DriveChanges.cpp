@@ -74,8 +74,7 @@ ErrnoOr<DriveOperations::Entry> DriveOperations::mkdir(std::uint64_t parent, std
     if (!folder) return Errno{folder.error()};
     TWFuseFileSystem::AttributeChanges attributes;
     attributes.permissions = mode & 07777;
-    const auto made =
-        fileSystem_->createDirectoryAtPath(appendPathComponent(folder->path, name), attributes);
+    const auto made = fileSystem_->createDirectoryAtPath(appendPathComponent(folder->path, name), attributes);
     if (!made) return Errno{made.error()};
     return entryIn(*folder, name);
 }

@@ -28,9 +28,9 @@ int setVersion(const ContentVersion& version, int descriptor) {
 
 /// All by which a record names its contents and the state of the service that they are of.
 void takeVersion(TWVirtualFile& record, const TWVirtualFile& from) {
-    for (const auto field : {&TWVirtualFile::UploadName, &TWVirtualFile::UploadUrl, &TWVirtualFile::User,
-                             &TWVirtualFile::LastUploadName, &TWVirtualFile::ArchivedFullName,
-                             &TWVirtualFile::FilehHash}) {
+    for (const auto field :
+         {&TWVirtualFile::UploadName, &TWVirtualFile::UploadUrl, &TWVirtualFile::User,
+          &TWVirtualFile::LastUploadName, &TWVirtualFile::ArchivedFullName, &TWVirtualFile::FilehHash}) {
         record.*field = from.*field;
     }
     for (const auto field : {&TWVirtualFile::Tick, &TWVirtualFile::ShareTick, &TWVirtualFile::UpdateTick,
@@ -69,6 +69,8 @@ int TWFuseFileSystem::stamp(const TWVirtualFile& file, TWFuseFileData& userData,
         if (const int error = setVersion(version, cacheFile.descriptor())) return error;
     }
     userData.noteStamp(!isEdited);
+    // An open that holds a file of the same version that has been dropped from the cache since.
+    if (isFirst) TWFuseFileData::cacheFileChanged(file.InternalName.view());
     return 0;
 }
 
@@ -117,7 +119,10 @@ ErrnoOr<Done> TWFuseFileSystem::bringBack(TWFuseFileData& userData, const TWVirt
     if (!held && !extent.replacesAll(version->size())) return Errno{ESTALE};
     Temporary copy{layout_.downloadsCachePath() + "/" + std::string(kFetchedPrefix) + generateGUID()};
     std::int64_t size = 0;
+    auto kind = ContentVersion::clean(version->UploadName.view());
     if (held) {
+        const auto former = ContentVersion::of(held->descriptor());
+        if (former && !former->isEdited() && former->isOf(version->UploadName.view())) kind = *former;
         // Opened to write only, perhaps; the descriptor's own file can be read all the same.
         const auto source = "/proc/self/fd/" + std::to_string(held->descriptor());
         const OwnedDescriptor bytes(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
@@ -128,9 +133,8 @@ ErrnoOr<Done> TWFuseFileSystem::bringBack(TWFuseFileData& userData, const TWVirt
     }
     const OwnedDescriptor out(::open(copy.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!out) return Errno{errno};
-    // Clean: it is stamped as edited by the burst that begins now.
-    if (const int error = setVersion(ContentVersion::clean(version->UploadName.view()), out.get()))
-        return Errno{error};
+    // It is stamped as edited by the burst that begins now.
+    if (const int error = setVersion(kind, out.get())) return Errno{error};
     if (::fsync(out.get()) != 0) return Errno{errno};
 
     LocalChange change(store_);

@@ -328,8 +328,7 @@ ErrnoOr<Done> TWFuseFileSystem::removeDirectoryAtPath(const std::string& path) {
     if (const int error = refusal()) return Errno{error};
     for (const auto& handle : TWFuseFileData::openedFiles()) {
         const auto file = store_.fileWithId(handle->fileId().view());
-        if (file && file->FullPath.view().starts_with(folder->FullPath.str() + "/"))
-            detachOpens(file);
+        if (file && file->FullPath.view().starts_with(folder->FullPath.str() + "/")) detachOpens(file);
     }
     store_.removeFolderRecursively(folder);
     return answered(change);

@@ -117,8 +117,7 @@ ErrnoOr<DriveOperations::Entry> DriveOperations::lookup(std::uint64_t parent, st
 }
 
 ErrnoOr<DriveOperations::Entry> DriveOperations::entryIn(const Place& folder, std::string_view name) {
-    const auto item =
-        fileSystem_->attributesOfItemAtPath(appendPathComponent(folder.path, name), nullptr);
+    const auto item = fileSystem_->attributesOfItemAtPath(appendPathComponent(folder.path, name), nullptr);
     if (!item) return Errno{item.error()};
     NodeIdentity identity;
     if (name == kRefreshName) {

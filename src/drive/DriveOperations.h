@@ -162,7 +162,8 @@ class DriveOperations final : public DriveObserver {
 
     /// ESTALE: the item is gone.
     [[nodiscard]] ErrnoOr<Place> placeOf(std::uint64_t node) const;
-    /// Of the item `name` in a folder, to be made or removed; an error for names that are none of the drive's.
+    /// Of the item `name` in a folder, to be made or removed; an error for names that are none of the
+    /// drive's.
     [[nodiscard]] ErrnoOr<Place> placeOfChild(std::uint64_t parent, std::string_view name, bool isNew) const;
     /// Empty: the item is gone. REQUIRES LOCK.
     [[nodiscard]] std::string pathOf(const NodeIdentity& identity) const;

@@ -25,7 +25,8 @@ constexpr int kFetchTries = 3;
 
 int TWFuseFileSystem::refusal() const {
     const int error = store_.admitChange();
-    if (error != 0) TWLog(kLogFuse, "TWFuseFileSystem: a change is refused, the change log answers %d", error);
+    if (error != 0)
+        TWLog(kLogFuse, "TWFuseFileSystem: a change is refused, the change log answers %d", error);
     return error;
 }
 
@@ -76,7 +77,8 @@ ErrnoOr<TWFuseFileSystem::WriteTarget> TWFuseFileSystem::tryToBeginWriting(TWFus
         return WriteTarget{std::move(held), false,
                            userData.stampUnsynced() && extent.overwrites(file->size())};
     }
-    if (isNamed) userData.repin(*file);
+    if (isNamed && (userData.usesVersion(file->UploadName) || mediator_.isFileDownloaded(file)))
+        userData.repin(*file);
     if (!userData.usesVersion(file->UploadName)) {
         // Of two versions that were both changed here only one can be the item's.
         if (!store_.hasUnsentContents(*file)) obstacle.outdated = userData.pinned();

@@ -104,6 +104,13 @@ void TWFuseFileData::contentsRenamed(std::string_view id, std::string_view from,
     }
 }
 
+void TWFuseFileData::cacheFileChanged(std::string_view fileId) {
+    for (const auto& handle : openedFiles(fileId)) {
+        std::lock_guard lock(handle->mutex_);
+        handle->verified_ = {};
+    }
+}
+
 bool TWFuseFileData::isOpen(std::string_view fileId) {
     return !openedFiles(fileId).empty();
 }

@@ -105,8 +105,9 @@ class TWFuseFileData : public std::enable_shared_from_this<TWFuseFileData> {
     [[nodiscard]] CacheFilePtr freshCacheFile(const SharedString& version) const;
     /// The cache file at `path`, opened on first use with the access mode of this open and `extraFlags` (mode
     /// 0600). A descriptor whose file no longer has that name is exchanged: the caller has made sure that the
-    /// contents at `path` are of the version that this open uses (usesVersion()). EBADF once closed; otherwise
-    /// the error of open(2). The caller holds the store's lock, so that `path` is the one of `fileId`.
+    /// contents at `path` are of the version that this open uses (usesVersion()). EBADF once closed;
+    /// otherwise the error of open(2). The caller holds the store's lock, so that `path` is the one of
+    /// `fileId`.
     ErrnoOr<CacheFilePtr> openCacheFile(const std::string& path, const SharedString& version,
                                         int extraFlags = 0);
     /// Pins the handle to the contents of `record`, unless it is pinned. False: it is, to other contents. The
@@ -116,6 +117,8 @@ class TWFuseFileData : public std::enable_shared_from_this<TWFuseFileData> {
     /// As pin(), for a handle whose cache file is that of the record: its contents are the record's, whatever
     /// they were named before.
     void repin(const TWVirtualFile& record);
+    /// Another cache file holds the contents of the item now: handles look again before they read.
+    static void cacheFileChanged(std::string_view fileId);
     /// The record as of pin(); null before.
     [[nodiscard]] TWVirtualFilePtr pinned() const;
     /// Whether the contents of that name are those that this open may use.

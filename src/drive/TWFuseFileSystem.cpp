@@ -280,7 +280,7 @@ ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::fetchedRange(const TWVirt
     if (offset >= length) return range;
     const auto asked = std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset);
     auto bytes = mediator_.downloadFileChunk(file, offset, asked);
-    if (!bytes) return Errno{EIO};
+    if (!bytes || bytes->empty()) return Errno{EIO};
     range.data = std::move(*bytes);
     range.size = std::min(range.data.size(), static_cast<std::size_t>(asked));
     return range;
@@ -307,7 +307,8 @@ ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfFileAtPath(const s
                 const auto cachePath = layout_.cachePathForFile(*file);
                 const auto held = userData ? userData->cacheFile() : nullptr;
                 const bool isNamed = held && held->isAt(cachePath);
-                if (isNamed) userData->repin(*file);
+                if (isNamed && (userData->usesVersion(file->UploadName) || mediator_.isFileDownloaded(file)))
+                    userData->repin(*file);
                 if (!userData || userData->usesVersion(file->UploadName)) {
                     if (range.size == 0) return range;
                     if (isNamed || mediator_.isFileDownloaded(file)) {
@@ -416,9 +417,9 @@ void TWFuseFileSystem::endBurst(const TWVirtualFilePtr& file, bool wrote, const 
     if (!file->LocallyUpdated.value_or(false)) return;
     if (TWFuseFileData::isWritten(file->InternalName.view(), by)) return;
     const bool isIgnored = CacheLayout::isPathIgnored(file->PublicName.view(), false);
-    // Nobody gives a new name to what is not sent. Before the mark goes: only one of the two proves the bytes.
-    if (isIgnored)
-        (void)ContentVersion::clean(file->UploadName.view()).set(layout_.cachePathForFile(*file));
+    // Nobody gives a new name to what is not sent. Before the mark goes: only one of the two proves the
+    // bytes.
+    if (isIgnored) (void)ContentVersion::clean(file->UploadName.view()).set(layout_.cachePathForFile(*file));
     file->LocallyUpdated.reset();
     store_.markChanged(*file);
     if (wrote && !isIgnored) journalUpdate(file);

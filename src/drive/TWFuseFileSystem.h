@@ -132,8 +132,8 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     ErrnoOr<TWFuseFileDataPtr> openFileAtPath(const std::string& path, int mode, pid_t caller);
     /// The same without the truncation, which beginResize() does. REQUIRES LOCK.
     ErrnoOr<TWFuseFileDataPtr> openItem(const std::string& path, int mode, pid_t caller);
-    /// Reads into `buffer`; 0 at the end of the file. Never past the record's size. ESTALE: the open has begun
-    /// with another version than the present one, and its bytes cannot be had any more.
+    /// Reads into `buffer`; 0 at the end of the file. Never past the record's size. ESTALE: the open has
+    /// begun with another version than the present one, and its bytes cannot be had any more.
     ErrnoOr<std::size_t> readFileAtPath(const std::string& path, TWFuseFileData* userData, char* buffer,
                                         std::size_t size, std::int64_t offset);
     /// The last close of one open.
@@ -151,8 +151,8 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
         TWFuseFileDataPtr handle;
         bool empties = false;
     };
-    /// createFileAtPath() in two steps. The first REQUIRES LOCK. After an error of the second the handle is to
-    /// be released.
+    /// createFileAtPath() in two steps. The first REQUIRES LOCK. After an error of the second the handle is
+    /// to be released.
     ErrnoOr<Creation> createItem(const std::string& path, const AttributeChanges& attributes, pid_t caller,
                                  int mode);
     ErrnoOr<Done> finishCreation(const Creation& creation, const AttributeChanges& attributes);
@@ -313,8 +313,7 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     // Without the lock; all may take a while.
     ErrnoOr<Done> syncChangeLog();
     ErrnoOr<WriteTarget> beginWriting(const std::string& path, TWFuseFileData& userData, Extent extent);
-    ErrnoOr<WriteTarget> tryToBeginWriting(TWFuseFileData& userData, Extent extent,
-                                           Obstacle& obstacle);
+    ErrnoOr<WriteTarget> tryToBeginWriting(TWFuseFileData& userData, Extent extent, Obstacle& obstacle);
     void endWriting(TWFuseFileData& userData, const WriteTarget& target, bool failed);
     ErrnoOr<Done> resize(const std::string& path, TWFuseFileData& userData, std::int64_t size);
     ErrnoOr<Done> bringBack(TWFuseFileData& userData, const TWVirtualFilePtr& version, Extent extent);

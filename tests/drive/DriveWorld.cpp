@@ -1,5 +1,6 @@
 #include "drive/DriveWorld.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -7,16 +8,13 @@
 
 #include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
+#include "store/RemoteChanges.h"
 
 namespace tarnwell::testing {
 
 bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
     if (failNext_.exchange(false)) throw std::runtime_error("scripted");
-    const auto path = layout_.cachePathForFile(*file);
-    if (file->size() == 0) return true;
-    if (::access(path.c_str(), F_OK) != 0) return false;
-    const auto version = ContentVersion::of(path);
-    return !version || version->isEdited() || version->isOf(file->UploadName.view());
+    return file->size() == 0 || ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
 }
 
 std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePtr& file,
@@ -74,6 +72,7 @@ TWVirtualFilePtr DriveWorld::add(const std::string& parentId, const std::string&
     file->CreationTime = file->LastWriteTime = file->LastAccessTime = clock.now();
     if (isFile) file->AllocationSize = file->EndOfFile = size;
     store.addFileMetadata(file);
+    if (isFile) file->UploadName = "version 1";
     return file;
 }
 
@@ -84,7 +83,9 @@ TWVirtualFilePtr DriveWorld::addFolder(const std::string& parentId, const std::s
 TWVirtualFilePtr DriveWorld::addCached(const std::string& parentId, const std::string& name,
                                        const std::string& contents) {
     auto file = add(parentId, name, true, static_cast<std::int64_t>(contents.size()));
-    std::ofstream(layout.cachePathForFile(*file), std::ios::binary) << contents;
+    const auto path = layout.cachePathForFile(*file);
+    std::ofstream(path, std::ios::binary) << contents;
+    EXPECT_EQ(ContentVersion::clean(file->UploadName.view()).set(path), 0);
     return file;
 }
 
@@ -101,6 +102,24 @@ void DriveWorld::rename(const TWVirtualFilePtr& file, const std::string& name) {
     file->PublicName = name;
     file->FullPath.reset();
     store.addFileMetadata(file);
+}
+
+void DriveWorld::changeRemotely(const std::string& path, const std::string& version,
+                                const std::string& contents) {
+    TWVirtualFilePtr incoming;
+    ManagedSharePtr share;
+    {
+        const auto lock = store.beginReadStorage();
+        const auto file = at(path);
+        incoming = std::make_shared<TWVirtualFile>(*file);
+        share = store.shareWithId(file->ShareId.view());
+    }
+    mediator.setRemote(incoming->InternalName.str() + "/" + version, contents);
+    incoming->UploadName = version;
+    incoming->LocallyUpdated.reset();
+    incoming->AllocationSize = incoming->EndOfFile = static_cast<std::int64_t>(contents.size());
+    incoming->Tick = incoming->UpdateTick = share->LastApplyedJournalTick + 1;
+    store.remoteChanges().updateFiles({incoming}, incoming->Tick, share);
 }
 
 std::vector<std::string> DriveWorld::journal() const {
