@@ -123,7 +123,6 @@ class ConversationTest(unittest.TestCase):
         self.take()
         for items, names in (
                 ([], []),
-                ([("/etc", True)], []),
                 ([("/m", True)], []),
                 ([("/m/S/far", False), ("/etc", True)], []),
                 ([("/m/S", True)], ["shareashare", "togglesync", "download"]),
