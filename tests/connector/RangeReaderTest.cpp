@@ -1,10 +1,8 @@
-#include <gmock/gmock.h>
-
 #include <filesystem>
 #include <thread>
 
-#include "connector/ConnectorWorld.h"
 #include "connector/RangeReadAhead.h"
+#include "connector/ReadFixture.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -14,21 +12,8 @@ using ::testing::IsEmpty;
 
 constexpr std::int64_t kLarge = 1'000'000;
 
-class RangeReaderTest : public ::testing::Test {
+class RangeReaderTest : public ReadFixture {
   protected:
-    RangeReaderTest() {
-        world.pretendLoggedIn();
-        world.addShare("s1");
-    }
-    auto onRead() { return world.loader.when(urlContains("read.aspx")); }
-    /// "position+chunk" of every request.
-    std::vector<std::string> ranges() {
-        std::vector<std::string> found;
-        for (const auto& request : world.loader.requests(urlContains("read.aspx"))) {
-            found.push_back(header(request, "position").value() + "+" + header(request, "chunk").value());
-        }
-        return found;
-    }
     std::vector<std::string> downloadsFolder() {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(world.layout.downloadsCachePath())) {
@@ -36,8 +21,6 @@ class RangeReaderTest : public ::testing::Test {
         }
         return names;
     }
-
-    ConnectorWorld world;
 };
 
 TEST_F(RangeReaderTest, fetchesExactlyTheRangeOfALargeFile) {
@@ -79,7 +62,7 @@ TEST_F(RangeReaderTest, aReplyThatIsNotTheRangeIsNeverTakenForIt) {
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "no bytes";
     onRead().reply(404, std::string(4096, 'x'));
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "an error page";
-    onRead().cut(200, contents.substr(0, 4096));
+    onRead().answer([&](const auto&) { return UrlReply{200, "cut", contents.substr(0, 4096)}; });
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "cut off";
     EXPECT_FALSE(contentsOf(world.cachePath(file)));
 }
