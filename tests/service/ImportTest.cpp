@@ -120,7 +120,7 @@ TEST_F(ImportTest, aFailedImportLeavesNothing) {
     source_.write("a", "a");
     source_.write("b/c", "c");
     EXPECT_THROW(import("no such share"), ServiceError);
-    const std::filesystem::recursive_directory_iterator blobs(folder_.path("data/contents"));
+    const std::filesystem::recursive_directory_iterator blobs(folder_.path("data/contents/blobs"));
     EXPECT_TRUE(
         std::none_of(begin(blobs), end(blobs), [](const auto& one) { return one.is_regular_file(); }));
     EXPECT_THROW(importFolder(metadata(), data_->contents(), docs_.id, source_.path("a"), [](const auto&) {}),
