@@ -70,12 +70,15 @@ TWVirtualFilePtr conflictCopyBehind(ShareView& view, const TWVirtualFile& item, 
     return copy && !copy->Deleted && copy->UploadName == record.LastUploadName ? copy : nullptr;
 }
 
+bool isWhereAsked(const TWVirtualFile& item, const TWVirtualFile& record) {
+    return !item.Deleted && (!record.ParrentId || item.ParrentId == record.ParrentId) &&
+           (!record.PublicName || item.PublicName == record.PublicName);
+}
+
 /// See the header: a new tick where the answer is not what was asked for. `former` is the item's tick before.
 void tellIfDifferent(ShareChange& change, TWVirtualFile& item, const TWVirtualFile& record,
                      std::int32_t former) {
-    const bool same = !item.Deleted && (!record.ParrentId || item.ParrentId == record.ParrentId) &&
-                      (!record.PublicName || item.PublicName == record.PublicName);
-    if (!same && item.Tick == former) touchItem(change, item);
+    if (item.Tick == former && !isWhereAsked(item, record)) touchItem(change, item);
 }
 
 std::string conflictName(std::string_view name) {
@@ -233,6 +236,11 @@ EventResult applyFile(ShareChange& change, const Author& author, const FilePlan&
     item = std::make_shared<TWVirtualFile>(version);
     insertItem(change, *item, author.device);
     return {plan.code, item};
+}
+
+void tellAgain(ShareChange& change, const TWVirtualFile& record) {
+    const auto item = change.find(record.InternalName.view());
+    if (item && !(isWhereAsked(*item, record) && hasSameContents(*item, record))) touchItem(change, *item);
 }
 
 EventResult placeFolder(ShareChange& change, const Author& author, const TWVirtualFile& record) {

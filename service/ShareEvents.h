@@ -63,6 +63,10 @@ FilePlan planFile(ShareView& view, const Author& author, bool create, const TWVi
 EventResult applyFile(ShareChange& change, const Author& author, const FilePlan& plan,
                       const TWVirtualFile& record, const ContentsInfo* contents);
 
+/// For the repetition of a file's change that was done before: a new tick, unless the item is what the record
+/// asks for.
+void tellAgain(ShareChange& change, const TWVirtualFile& record);
+
 /// Creates the folder, or gives the one of that identity its name and place.
 EventResult placeFolder(ShareChange& change, const Author& author, const TWVirtualFile& record);
 /// Renames and moves to the record's name and folder.

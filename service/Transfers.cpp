@@ -101,6 +101,7 @@ TWFileChunkUploadResponse Transfers::take(const Chunk& chunk, const std::string&
     const std::lock_guard lock(live->lock);
     if (live->ended) return reply;
     if (live->info.done) {
+        store_.change(live->info.shareId, [&](ShareChange& change) { tellAgain(change, live->record); });
         reply.Position = sizeOf(live->record);
         reply.ResponseCode = kComplete;
         return reply;
