@@ -81,10 +81,17 @@ TWVirtualFilePtr TWMetadataStorage::createFile(std::string_view name, const Mana
             existing && existing != inFolder) {
             if (existing->IsFile) {
                 // Said before the bytes go: they may exist nowhere else.
+                const auto before = *existing;
                 existing->AllocationSize = existing->EndOfFile = 0;
                 existing->LocallyUpdated = true;
                 noteContentsChanged(*existing);
-                changes_.appendNow();
+                if (changes_.appendNow() != 0) {
+                    existing->AllocationSize = before.AllocationSize;
+                    existing->EndOfFile = before.EndOfFile;
+                    existing->LocallyUpdated = before.LocallyUpdated;
+                    noteContentsChanged(*existing);
+                    return nullptr;
+                }
                 deleteFileData(*existing);
             }
             return existing;

@@ -95,10 +95,10 @@ void StorePersistence::saveOrJoin() {
     }
 }
 
-bool StorePersistence::syncChanges() {
-    if (store_.changes_.sync()) return true;
-    saveAtOnce();
-    return false;
+int StorePersistence::flushChanges() {
+    const int error = store_.changes_.sync();
+    if (error != 0) saveAtOnce();
+    return error;
 }
 
 void StorePersistence::clear() {

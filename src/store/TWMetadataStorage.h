@@ -150,7 +150,8 @@ class TWMetadataStorage {
     void markChanged(const TWVirtualFile& file);
 
     /// Creates an item, or returns the one that stands there already, a file without its old cached contents.
-    /// `inFolder` null: the share's root. Null only for a null share.
+    /// `inFolder` null: the share's root. Null for a null share, and where the change log cannot take that
+    /// old contents go.
     TWVirtualFilePtr createFile(std::string_view name, const ManagedSharePtr& inShare,
                                 const TWVirtualFilePtr& inFolder, bool isDirectory);
     /// False when the name cannot be a folder's or another share has it.
@@ -251,7 +252,7 @@ class TWMetadataStorage {
     FolderRefresher* refresher_ = nullptr;
 
     KeptFiles keptFiles_{environment_.layout, environment_.clock};  // own lock
-    StoreIndex index_;        // guarded by storageLock_
+    StoreIndex index_;                                              // guarded by storageLock_
     ChangeRecorder changes_;  // guarded by storageLock_, its sync() excepted
     mutable StoreMutex storageLock_{changes_};
     const std::unique_ptr<RemoteChanges> remoteChanges_;
