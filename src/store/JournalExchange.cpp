@@ -90,6 +90,13 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     if (!store_.hasWholeContents(*first) || !store_.hasWholeContents(*second)) return false;
     if (!store_.exchangeCachedFiles(*first, *second)) return false;
 
+    const bool hadContents = a.LocalJournalType == kJournalUpdate;
+    if (!hadContents) {
+        // The new contents replace those that are put aside now, which may have come after the move.
+        a.File->LastUploadName = first->UploadName;
+        a.File->Tick = first->Tick;
+        a.File->UpdateTick = first->UpdateTick;
+    }
     store_.deleteFileMetadata(first);
     store_.deleteFileMetadata(second);
     swapSomeFields(*first, *second);
@@ -97,7 +104,6 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     store_.addFileMetadata(second);
     store_.noteIdentitiesExchanged(*first, *second);
 
-    const bool hadContents = a.LocalJournalType == kJournalUpdate;
     swapSomeFields(*a.File, *b.File);
     std::swap(a.CurrentPath, b.CurrentPath);
     std::swap(a.JournalCreate, b.JournalCreate);

@@ -55,6 +55,7 @@ LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr&
     if (auto user = store_.userName(); !user.empty()) entry->File->User = std::move(user);
     entry->LocalJournalType = eventType;
     entry->CurrentPath = file->FullPath;
+    entry->File->LastUploadName = file->UploadName;
     if (file->IsFile && bringsContents(*entry)) {
         if (isEmpty) {
             // Nothing to copy; the name of former contents would lead to them.
@@ -76,9 +77,8 @@ void LocalChangeJournal::copyForUpload(const LocalJournalPtr& entry, TWVirtualFi
     entry->File->UploadName = TWMetadataStorage::generateFileUploadName();
     store_.stampEdited(record);
     store_.noteContentsRenamed(record, std::exchange(record.UploadName, entry->File->UploadName));
-    store_.changes_.afterAppend([this, id = record.InternalName, name = record.UploadName] {
-        stampContents(id, name, false);
-    });
+    store_.changes_.afterAppend(
+        [this, id = record.InternalName, name = record.UploadName] { stampContents(id, name, false); });
     copies_.start(entry);
 }
 
@@ -172,12 +172,35 @@ LocalChangeJournal::Backlog LocalChangeJournal::backlog() const {
 
 void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
     const auto lock = store_.beginWriteJournal();
-    store_.changes_.afterAppend(
-        [this, id = entry.File->InternalName, name = entry.File->UploadName] { stampContents(id, name, true); });
-    for (const auto& other : queue_.ofItem(entry.File->InternalName.view())) {
-        if (other.get() == &entry || !bringsContents(*other)) continue;
-        other->File->LastUploadName = entry.File->UploadName;
-        entryChanged(other);
+    store_.changes_.afterAppend([this, id = entry.File->InternalName, name = entry.File->UploadName] {
+        stampContents(id, name, true);
+    });
+    auto& item = sent_[entry.File->InternalName.str()];
+    item.when = ++sendings_;
+    item.replaced.push_back(entry.File->LastUploadName);
+}
+
+std::uint64_t LocalChangeJournal::sendings() const {
+    const auto lock = store_.beginReadJournal();
+    return sendings_;
+}
+
+bool LocalChangeJournal::replacedSince(std::uint64_t sendings, const TWVirtualFile& file) const {
+    const auto it = sent_.find(file.InternalName.str());
+    if (it == sent_.end() || it->second.when <= sendings) return false;
+    const auto& replaced = it->second.replaced;
+    return std::find(replaced.begin(), replaced.end(), file.UploadName) != replaced.end();
+}
+
+void LocalChangeJournal::forgetSent(std::string_view internalName) {
+    if (!sent_.empty()) sent_.erase(std::string(internalName));
+}
+
+void LocalChangeJournal::putOff(std::string_view internalName, std::int32_t tick) {
+    for (const auto& entry : queue_.ofItem(internalName)) {
+        if (entry->ForeignTick.value_or(tick - 1) >= tick) continue;
+        entry->ForeignTick = tick;
+        queue_.noteChanged(*entry);
     }
 }
 
@@ -395,6 +418,7 @@ void LocalChangeJournal::deleteShareEntries(std::string_view shareId) {
 void LocalChangeJournal::clear() {
     const auto lock = store_.beginWriteJournal();
     queue_.clear();
+    sent_.clear();
 }
 
 std::optional<std::string> LocalChangeJournal::journalText(std::uint64_t order) const {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "store/Enums.h"
@@ -66,8 +67,18 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change. The
     /// entry alone is kept, whatever the length of the journal.
     void entryChanged(const LocalJournalPtr& entry);
-    /// The service has the contents of the entry: newer contents of the item are a version of these.
+    /// The service has the contents of the entry. What they replaced may still come once more, with a page
+    /// that was asked for before.
     void contentsSent(const LocalJournal& entry);
+    /// How many contents were sent by now, for replacedSince().
+    [[nodiscard]] std::uint64_t sendings() const;
+    /// Whether contents that were sent since then replaced those of `file`. REQUIRES LOCK.
+    [[nodiscard]] bool replacedSince(std::uint64_t sendings, const TWVirtualFile& file) const;
+    /// The service told of the item as it is since. REQUIRES LOCK.
+    void forgetSent(std::string_view internalName);
+    /// The service has something else of the item at `tick`, which cannot be taken while entries wait: the
+    /// share is asked again from there when they are sent. REQUIRES LOCK.
+    void putOff(std::string_view internalName, std::int32_t tick);
     /// The user changed times or permissions: what still waits to bring the item takes them along. By
     /// themselves they are nothing to send.
     void attributesChanged(const TWVirtualFile& file);
@@ -134,6 +145,13 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     JournalExchange exchange_;
     /// The record that an exchange put in the place of what was created.
     TWVirtualFilePtr takenOver_;
+    /// What was sent lately, by item; of this run only.
+    struct Sent {
+        std::uint64_t when = 0;
+        std::vector<SharedString> replaced;
+    };
+    std::unordered_map<std::string, Sent> sent_;
+    std::uint64_t sendings_ = 0;
     // Last: its end waits for copies that use the others.
     UploadCopies copies_;
 };

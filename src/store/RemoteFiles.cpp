@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <filesystem>
 #include <optional>
@@ -21,8 +22,8 @@ namespace tarnwell {
 /// The state of one page. apply() takes each record, finish() settles what only the whole page can tell.
 class RemoteChanges::FilesMerge {
   public:
-    FilesMerge(TWMetadataStorage& store, const ManagedShare& share)
-        : store_(store), shareId_(share.ShareId.value_or("")) {}
+    FilesMerge(TWMetadataStorage& store, const ManagedShare& share, std::optional<std::uint64_t> sendings)
+        : store_(store), shareId_(share.ShareId.value_or("")), sendings_(sendings) {}
 
     void apply(const TWVirtualFilePtr& incoming);
     void finish();
@@ -40,7 +41,6 @@ class RemoteChanges::FilesMerge {
     [[nodiscard]] bool hasCacheFile(const TWVirtualFile& file);
     void releaseContents(const TWVirtualFile& file, const std::optional<ContentVersion>& version);
     void takeContents(TWVirtualFile& incoming, const TWVirtualFilePtr& stored, bool downloading);
-    void takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored);
     void settleOrphans();
     void settlePathes();
     void noteFolder(const SharedString& id) {
@@ -56,6 +56,7 @@ class RemoteChanges::FilesMerge {
 
     TWMetadataStorage& store_;
     const SharedString shareId_;
+    const std::optional<std::uint64_t> sendings_;
     Ids orphans_, pathNeeded_, changedFolders_;
     std::vector<SharedString> deletedFolders_;
     std::vector<std::string> lines_;
@@ -75,6 +76,7 @@ void RemoteChanges::FilesMerge::apply(const TWVirtualFilePtr& incoming) {
                 log("updateFile: %@ was deleted here, which the service has not heard of. Leaving it "
                     "deleted.",
                     incoming->PublicName);
+                store_.journal().putOff(incoming->InternalName.view(), incoming->Tick);
             } else {
                 add(incoming);
             }
@@ -209,6 +211,10 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
     noteFolder(stored->ParrentId);
     stored->OnlyLocal.reset();
     if (stored->Tick >= incoming->Tick && stored->UploadUrl) return;
+    if (sendings_ && store_.journal().replacedSince(*sendings_, *incoming)) {
+        log("updateFile: %@ was sent since this page was asked for. Leaving our data.", stored->FullPath);
+        return;
+    }
 
     const bool downloading = store_.downloads_ && store_.downloads_->isFileDownloading(*stored, false);
     incoming->POSIXPermissions = stored->POSIXPermissions;
@@ -225,9 +231,11 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
         takeContents(*incoming, stored, downloading);
     }
     if (store_.hasUnsentContents(*stored)) {
-        if (!stored->LocallyUpdated.value_or(false)) takeTicks(*incoming, *stored);
+        // The record keeps its ticks: they say which contents the user has seen.
+        store_.journal().putOff(stored->InternalName.view(), incoming->Tick);
         return;
     }
+    store_.journal().forgetSent(stored->InternalName.view());
 
     store_.addFileMetadata(incoming);
     if (incoming->FullPath.empty()) pathNeeded_.insert(incoming->InternalName);
@@ -259,15 +267,6 @@ void RemoteChanges::FilesMerge::takeContents(TWVirtualFile& incoming, const TWVi
         incoming.DownloadDate.reset();
     }
     if (downloading) store_.downloads_->deleteFileDownload(stored);
-}
-
-/// A record that keeps what is not sent yet is as new as the page all the same.
-void RemoteChanges::FilesMerge::takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored) {
-    stored.Tick = incoming.Tick;
-    stored.ShareTick = incoming.ShareTick;
-    stored.UpdateTick = incoming.UpdateTick;
-    stored.CreateTick = incoming.CreateTick;
-    store_.markChanged(stored);
 }
 
 void RemoteChanges::FilesMerge::finish() {
@@ -330,7 +329,7 @@ std::vector<std::string> RemoteChanges::FilesMerge::changedFolders() const {
 }
 
 void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std::int32_t largestTick,
-                                const ManagedSharePtr& forShare) {
+                                const ManagedSharePtr& forShare, const std::optional<Asked>& asked) {
     const ShutdownBlock block(store_);
     {
         auto lock = store_.beginReadStorage();
@@ -343,7 +342,7 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         }
     }
 
-    FilesMerge merge(store_, *forShare);
+    FilesMerge merge(store_, *forShare, asked ? std::optional(asked->sendings) : std::nullopt);
     for (const auto& file : files) {
         merge.apply(file);
     }
@@ -359,7 +358,9 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         for (const auto& share : {forShare, stored}) {
             if (!share) continue;
             if (!files.empty()) share->ModificationDate = store_.clock().now();
-            share->LastApplyedJournalTick = largestTick;
+            // What is to be asked for again since is below this page.
+            const bool again = asked && share->LastApplyedJournalTick < asked->tick;
+            if (!again) share->LastApplyedJournalTick = largestTick;
         }
         if (stored && !files.empty() && store_.observer_) {
             store_.observer_->attributesChanged(*stored->ShareId);
@@ -367,6 +368,19 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         store_.storageEmpty_ = false;
     }
     store_.saveDelayed();
+}
+
+RemoteChanges::Asked RemoteChanges::asking(const ManagedShare& share) const {
+    const auto lock = store_.beginReadStorage();
+    return {share.LastApplyedJournalTick, store_.journal().sendings()};
+}
+
+void RemoteChanges::askAgain(std::string_view shareId, std::int32_t after) {
+    const auto change = store_.beginLocalChange();
+    const auto share = store_.shareWithId(shareId);
+    if (!share || share->LastApplyedJournalTick <= after) return;
+    share->LastApplyedJournalTick = std::max(after, -1);
+    store_.noteShareChanged(*share);
 }
 
 }  // namespace tarnwell
