@@ -213,6 +213,9 @@ class TWMetadataStorage {
     /// Before fetched contents take the place of what is there and is not the record's version: unsent bytes
     /// are put aside. False when that failed. REQUIRES LOCK.
     bool makeRoomForContents(const TWVirtualFile& file);
+    /// The cached bytes are the user's own, from the contents that the record names: what was another version,
+    /// exactly, is about to get a name of its own. REQUIRES LOCK.
+    void stampEdited(const TWVirtualFile& file) const;
     /// Whether a program has the file open on the drive. REQUIRES LOCK.
     [[nodiscard]] bool isOpen(std::string_view internalName) const;
 
@@ -237,7 +240,6 @@ class TWMetadataStorage {
     [[nodiscard]] bool isVersionOf(const TWVirtualFile& file, std::int64_t size,
                                    const std::optional<ContentVersion>& version) const;
     [[nodiscard]] bool isStillVersion(int descriptor, const TWVirtualFile& file) const;
-    bool putContentsAside(const TWVirtualFile& file, std::string_view reason);
     void deleteFileDataLater(const TWVirtualFile& file);
     void noteEntryChanged(std::string_view parentId, std::string_view name) const;
     void noteRemoved(const TWVirtualFile& file) const;

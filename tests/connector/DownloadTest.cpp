@@ -11,9 +11,6 @@ using ::testing::IsEmpty;
 class DownloadTest : public ReadFixture {
   protected:
     bool runOne() { return world.downloads.runOneDownload(); }
-    void writeAt(const std::string& path, std::string_view bytes) {
-        world.folder.write(path.substr(world.folder.path().size() + 1), bytes);
-    }
 };
 
 TEST_F(DownloadTest, takesUserRequestsFirstAndInOrder) {
@@ -52,6 +49,10 @@ TEST_F(DownloadTest, onlyContentsThatTheServiceHasAreQueued) {
     EXPECT_TRUE(world.downloads.isFileDownloaded(*hidden)) << "it is only here";
     const auto cached = world.addFile("Fcached", 4);
     writeAt(world.cachePath(cached), "here");
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*cached)) << "whose bytes they are is not known";
+    ASSERT_EQ(ContentVersion::clean("Uolder").set(world.cachePath(cached)), 0);
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*cached)) << "they are of another version";
+    ASSERT_EQ(ContentVersion::clean("UFcached").set(world.cachePath(cached)), 0);
     world.downloads.downloadFile(cached);
     EXPECT_FALSE(world.downloads.hasDownloads());
 }
@@ -185,6 +186,7 @@ TEST_F(DownloadTest, oldContentsExpireUnlessTheyAreNeeded) {
         const auto add = [&, age = ageHours](const char* id) {
             const auto file = world.addFile(id, 4);
             writeAt(world.cachePath(file), "data");
+            EXPECT_EQ(ContentVersion::clean("U" + std::string(id)).set(world.cachePath(file)), 0);
             file->DownloadDate = world.clock.now() - std::chrono::hours(age);
             return file;
         };
@@ -193,13 +195,15 @@ TEST_F(DownloadTest, oldContentsExpireUnlessTheyAreNeeded) {
         synchronized->Synchronize = true;
         const auto unsent = add("Funsent");
         unsent->LocallyUpdated = true;
+        const auto own = add("Fown");
+        EXPECT_EQ(ContentVersion::unsent("UFown").set(world.cachePath(own)), 0);
         const auto undated = add("Fundated");
         undated->DownloadDate.reset();
         world.downloads.performCheckDownloadsToDelete();
         world.settle();
         EXPECT_EQ(contentsOf(world.cachePath(plain)).has_value(), stays) << setting << " " << ageHours;
         EXPECT_EQ(plain->DownloadDate.has_value(), stays);
-        for (const auto& file : {synchronized, unsent, undated}) {
+        for (const auto& file : {synchronized, unsent, own, undated}) {
             EXPECT_TRUE(contentsOf(world.cachePath(file))) << file->PublicName;
         }
     }

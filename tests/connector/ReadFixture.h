@@ -23,6 +23,9 @@ class ReadFixture : public ::testing::Test {
     }
     /// "position+chunk" of every read.
     std::vector<std::string> ranges() { return asked("position", "chunk"); }
+    void writeAt(const std::string& path, std::string_view bytes) {
+        world.folder.write(path.substr(world.folder.path().size() + 1), bytes);
+    }
 
     ConnectorWorld world;
 };
