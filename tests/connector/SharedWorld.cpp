@@ -217,10 +217,14 @@ void SharedClient::beginEdit(const TWVirtualFilePtr& file, const std::string& by
     file->AllocationSize = file->EndOfFile = static_cast<std::int64_t>(bytes.size());
 }
 
-void SharedClient::endEdit(const std::string& id) {
+void SharedClient::endEdits() {
+    for (const auto& file : files()) {
+        if (file->LocallyUpdated.value_or(false)) endEdit(file);
+    }
+}
+
+void SharedClient::endEdit(const TWVirtualFilePtr& file) {
     const auto change = store->beginLocalChange();
-    const auto file = store->fileWithId(id);
-    if (!file || !file->LocallyUpdated.value_or(false)) return;
     file->LocallyUpdated = false;
     auto& journal = store->journal();
     if (const auto now = journal.addChangeToJournal(journal.createJournalForFile(file, kJournalUpdate)))
@@ -258,7 +262,8 @@ std::string SharedClient::journalText() const {
     std::string text;
     const auto lock = store->beginReadJournal();
     for (const auto& entry : store->journal().journalItems())
-        text += std::string(journalEventName(entry->LocalJournalType)) + " " + entry->CurrentPath.str() + "; ";
+        text +=
+            std::string(journalEventName(entry->LocalJournalType)) + " " + entry->CurrentPath.str() + "; ";
     return text;
 }
 

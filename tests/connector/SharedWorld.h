@@ -89,12 +89,12 @@ class SharedClient {
     TWVirtualFilePtr create(const std::string& name);
     /// The first and the last part of a burst of writes.
     void beginEdit(const TWVirtualFilePtr& file, const std::string& bytes);
-    void endEdit(const std::string& id);
+    void endEdit(const TWVirtualFilePtr& file);
     void save(const TWVirtualFilePtr& file, const std::string& bytes) {
-        const std::string id = file->InternalName.str();
         beginEdit(file, bytes);
-        endEdit(id);
+        endEdit(file);
     }
+    void endEdits();
     /// Replaces what stands there.
     bool rename(const TWVirtualFilePtr& file, const std::string& to);
     void remove(const TWVirtualFilePtr& file) { store->removeFile(file); }
