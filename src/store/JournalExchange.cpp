@@ -86,7 +86,8 @@ TWVirtualFilePtr JournalExchange::liveItem(const LocalJournal& entry) const {
 bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     const auto first = liveItem(a);
     const auto second = liveItem(b);
-    if (!first || !second || !store_.hasWholeContents(*first)) return false;
+    if (!first || !second) return false;
+    if (!store_.hasWholeContents(*first) || !store_.hasWholeContents(*second)) return false;
     if (!store_.exchangeCachedFiles(*first, *second)) return false;
 
     const bool hadContents = a.LocalJournalType == kJournalUpdate;
@@ -118,7 +119,7 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     if (!hadContents) {
         // The name is that of a version that the service has under the other identity.
         b.File->UploadName.reset();
-        second->UploadName.reset();
+        store_.noteContentsRenamed(*second, std::exchange(second->UploadName, {}));
     }
     return true;
 }

@@ -91,6 +91,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
 
     /// Whether an entry brings contents of the file that the service has not got yet.
     [[nodiscard]] bool hasPendingContents(std::string_view internalName) const;
+    /// Whether contents of that name wait to be sent. REQUIRES LOCK.
+    [[nodiscard]] bool isPending(const SharedString& uploadName) const;
     /// Whether the item's Create is still in the journal: nothing that names the item can be sent before.
     [[nodiscard]] bool hasPendingCreate(std::string_view internalName) const;
     /// That Create; null when there is none.
@@ -128,6 +130,7 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     void copyEnded(const std::string& uploadName, std::int64_t size) override;
 
     void copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record);
+    void stampContents(const SharedString& internalName, const SharedString& uploadName, bool sent) const;
     [[nodiscard]] bool isScreenshot(const TWVirtualFile& file) const;
     void adopt(const LocalJournalPtr& entry, std::uint64_t order);
     void journalModified(const TWVirtualFilePtr& file);

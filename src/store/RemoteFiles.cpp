@@ -1,14 +1,21 @@
 // One catch-up page, record by record.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <boost/unordered/unordered_flat_set.hpp>
+#include <filesystem>
+#include <optional>
+#include <system_error>
 #include <utility>
 
+#include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
 #include "store/RemoteChanges.h"
 #include "store/TWMetadataStorage.h"
 #include "util/Format.h"
 #include "util/TWLogger.h"
+#include "util/TWUtils.h"
 
 namespace tarnwell {
 
@@ -31,6 +38,8 @@ class RemoteChanges::FilesMerge {
     void markOrphans(const SharedString& folderId);
     void add(const TWVirtualFilePtr& incoming);
     void update(const TWVirtualFilePtr& incoming, const TWVirtualFilePtr& stored);
+    [[nodiscard]] bool hasCacheFile(const TWVirtualFile& file);
+    void releaseContents(const TWVirtualFile& file, const std::optional<ContentVersion>& version);
     void takeContents(TWVirtualFile& incoming, const TWVirtualFilePtr& stored, bool downloading);
     void settleOrphans();
     void settlePathes();
@@ -51,6 +60,7 @@ class RemoteChanges::FilesMerge {
     Ids orphans_, pathNeeded_, changedFolders_;
     std::vector<SharedString> deletedFolders_;
     std::vector<std::string> lines_;
+    std::optional<bool> anyCacheFiles_;  ///< of the share; most pages of a first catch-up find none
 };
 
 void RemoteChanges::FilesMerge::apply(const TWVirtualFilePtr& incoming) {
@@ -102,6 +112,29 @@ bool RemoteChanges::FilesMerge::accepts(TWVirtualFile& incoming) {
     return true;
 }
 
+/// Files that come into the cache while the page is merged do not matter: they are stamped as what they are.
+bool RemoteChanges::FilesMerge::hasCacheFile(const TWVirtualFile& file) {
+    const auto path = store_.layout().cachePathForFile(file);
+    if (!anyCacheFiles_) {
+        std::error_code error;
+        anyCacheFiles_ = !std::filesystem::is_empty(deletingLastPathComponent(path), error) || error;
+    }
+    struct stat status {};
+    return *anyCacheFiles_ && ::lstat(path.c_str(), &status) == 0;
+}
+
+/// Removes cached bytes, which are no longer the record's, when the record that says so is in the change log.
+/// Bytes that only this machine has are put aside instead.
+void RemoteChanges::FilesMerge::releaseContents(const TWVirtualFile& file,
+                                                const std::optional<ContentVersion>& version) {
+    const bool isOnlyHere = version && version->isEdited();
+    if (isOnlyHere &&
+        !store_.putContentsAside(file, "The service has newer contents of a file that was changed here.")) {
+        return;
+    }
+    store_.deleteFileDataLater(file);
+}
+
 void RemoteChanges::FilesMerge::remove(const TWVirtualFile& incoming) {
     noteFolder(incoming.ParrentId);
     orphans_.erase(incoming.InternalName);
@@ -121,7 +154,9 @@ void RemoteChanges::FilesMerge::remove(const TWVirtualFile& incoming) {
     }
     log("updateFile: deleting %@", stored->FullPath);
     if (stored->IsFile && store_.downloads_) store_.downloads_->deleteFileDownload(stored);
-    store_.deleteFileDataLater(*stored);
+    std::optional<LocalChange> change;
+    if (stored->IsFile && hasCacheFile(*stored)) change.emplace(store_);
+    releaseContents(*stored, ContentVersion::of(store_.layout().cachePathForFile(*stored)));
     store_.deleteFileMetadata(stored);
 }
 
@@ -143,6 +178,19 @@ void RemoteChanges::FilesMerge::markOrphans(const SharedString& folderId) {
 
 void RemoteChanges::FilesMerge::add(const TWVirtualFilePtr& incoming) {
     noteFolder(incoming->ParrentId);
+    std::optional<LocalChange> change;
+    if (incoming->IsFile && hasCacheFile(*incoming)) {
+        // The record was lost, or went while its bytes could not. They count if they are of this version.
+        change.emplace(store_);
+        const auto version = ContentVersion::of(store_.layout().cachePathForFile(*incoming));
+        if (version && !version->isEdited() && version->isOf(incoming->UploadName.view())) {
+            incoming->DownloadDate = store_.clock().now();
+        } else if (version && version->isOwn()) {
+            store_.putContentsAside(*incoming, "The record of a file that was changed here was lost.");
+        } else {
+            store_.deleteFileDataLater(*incoming);
+        }
+    }
     store_.addFileMetadata(incoming);
     if (incoming->IsFile && store_.downloads_ && store_.isFileSynchronized(incoming)) {
         store_.downloads_->addFileDownloadTask(incoming, true);
@@ -175,8 +223,11 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
         incoming->PublicName = stored->PublicName;
         incoming->ParrentId = stored->ParrentId;
     }
-    if (stored->IsFile && incoming->UploadName != stored->UploadName)
+    std::optional<LocalChange> change;
+    if (stored->IsFile && incoming->UploadName != stored->UploadName) {
+        if (hasCacheFile(*stored)) change.emplace(store_);
         takeContents(*incoming, stored, downloading);
+    }
     if (store_.hasUnsentContents(*stored)) {
         // The record keeps its ticks: they say which contents the user has seen.
         store_.journal().putOff(stored->InternalName.view(), incoming->Tick);
@@ -201,13 +252,15 @@ void RemoteChanges::FilesMerge::takeContents(TWVirtualFile& incoming, const TWVi
             "data.");
         return;
     }
-    if (stored->LastUploadName && stored->LastUploadName == incoming.UploadName) {
-        // What we sent ourselves comes back: the cached bytes are these.
-        stored->LastUploadName.reset();
-    } else {
+    if (stored->LastUploadName == incoming.UploadName) stored->LastUploadName.reset();
+    const auto version = ContentVersion::of(store_.layout().cachePathForFile(*stored));
+    // What we sent ourselves comes back: the cached bytes are these.
+    const bool isThat = version && !version->isEdited() && version->isOf(incoming.UploadName.view());
+    if (!isThat) {
         log("updateFile: %@ : deleting file data because of newer data.",
             incoming.FullPath.empty() ? incoming.PublicName : incoming.FullPath);
-        store_.deleteFileData(*stored);
+        // Open files keep their descriptors.
+        releaseContents(*stored, version);
         store_.noteContentsChanged(*stored);
         incoming.DownloadDate.reset();
     }
