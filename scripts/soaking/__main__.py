@@ -43,7 +43,7 @@ def report(world, seed):
                      or path and path in (event.get("path"), event.get("to"))]
         last = max((event["t"] for event in concerned if event.get("v") == token), default=0)
         concerned = [event for event in events if event in concerned or
-                     event["who"] == "weather" and -2 < event["t"] - last < 30]
+                     last and event["who"] == "weather" and -2 < event["t"] - last < 30]
         for event in concerned[-40:]:
             say("    " + json.dumps(event, ensure_ascii=False))
         if path:

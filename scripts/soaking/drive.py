@@ -8,10 +8,10 @@ CALL_LIMIT = 15.0  # seconds
 #: A drive answers these when its client is killed, the file is elsewhere by now, or the service cannot be asked.
 ALLOWED = {errno.ENOENT, errno.ESTALE, errno.EIO, errno.ENOTCONN, errno.ECONNABORTED, errno.EACCES, errno.EEXIST,
            errno.ENOTEMPTY, errno.EISDIR, errno.ENOTDIR, errno.EPERM, errno.EROFS, errno.ETIMEDOUT, errno.ENODEV,
-           errno.EINVAL, errno.ENXIO, errno.EBUSY}
+           errno.EINVAL, errno.ENXIO, errno.EBUSY, errno.EFBIG}
 #: After these nothing was changed. A request that was under way when its client died gets ECONNABORTED instead.
 REFUSED = {errno.ENOTCONN, errno.ENOENT, errno.EACCES, errno.EEXIST, errno.ENOTEMPTY, errno.EISDIR, errno.ENOTDIR, errno.EPERM,
-           errno.EROFS, errno.EINVAL, errno.ESTALE, errno.EBUSY}
+           errno.EROFS, errno.EINVAL, errno.ESTALE, errno.EBUSY, errno.EFBIG}
 AT_FDCWD, RENAME_NOREPLACE = -100, 1
 _libc = ctypes.CDLL(None, use_errno=True)
 
