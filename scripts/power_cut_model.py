@@ -35,6 +35,7 @@ class Version:
 class File:
     """The contents that one file had, oldest first; the first is empty, as it was created."""
     count = 0
+    torn_after_sent = 0  # versions that the service had, torn here by a later edit that was not synced
 
     def __init__(self):
         File.count += 1
@@ -70,6 +71,9 @@ class File:
             return None
         if first == len(self.versions) - 1 or whole or len(versions) == 1:
             return f"{self}: {describe(shown)} instead of {[describe(v) for v in versions]}"
+        if first < 0 and self.versions[0].sent:
+            File.torn_after_sent += 1
+            versions.append(b"")
         sizes = [len(v) for v in versions]
         if not min(sizes) <= len(shown) <= max(sizes):
             return f"{self}: {len(shown)} bytes, its versions have {sizes}"
@@ -166,26 +170,24 @@ class Model:
             nearest = min(trees, key=lambda t: len(set(t) ^ set(names)))
             raise Fault(f"names: none of the {len(trees)} possible trees; nearest lacks "
                         f"{sorted(set(names) - set(nearest))}, shows too little of {sorted(set(nearest) - set(names))}")
-        faults = []
-        for tree in fitting:
-            fault = self.fault_of_contents(tree, shown, cut, nothing_lost)
-            if not fault:
-                return
-            faults.append(fault)
-        raise Fault("contents: " + faults[-1])
+        faults = min((self.faults_of_contents(t, shown, cut, nothing_lost) for t in fitting), key=len)
+        if faults:
+            raise Fault("contents: " + "; ".join(faults))
 
-    def fault_of_contents(self, tree, shown, cut, nothing_lost):
+    @staticmethod
+    def faults_of_contents(tree, shown, cut, nothing_lost):
+        faults = []
         for path, file in tree.items():
             if file is FOLDER:
                 continue
             first = file.promised(cut, "closed" if nothing_lost else "synced")
             if shown[path] is None:
                 if first > 0 or nothing_lost:
-                    return f"{path} cannot be read; {file} version {first} was promised"
+                    faults.append(f"{path} cannot be read; {file} version {first} was promised")
                 continue
             if fault := file.fault(shown[path], first, cut, False):
-                return f"{path}: {fault}"
-        return None
+                faults.append(f"{path}: {fault}")
+        return faults
 
     def check_service(self, shown, cut):
         """Every version that the service acknowledged and nobody replaced is on the service."""

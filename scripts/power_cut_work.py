@@ -16,6 +16,11 @@ def exchange(one, other):
         raise OSError(error, os.strerror(error), one)
 
 
+def parent(path):
+    """"" for what lies at the top."""
+    return path.rpartition("/")[0]
+
+
 def below(path, folder):
     return path.startswith(folder + "/")
 
@@ -138,7 +143,7 @@ class Work:
         self.create(temporary, size, synced)
         self.rename(temporary, path)
         if synced:
-            self.sync_folder(os.path.dirname(path))
+            self.sync_folder(parent(path))
 
     def save_by_backup(self, path, size, synced):
         self.rename(path, path + ".bak")
@@ -178,7 +183,7 @@ class Work:
             self.change(pick(files), synced, kind)
         elif kind == "temporary":
             path = pick(files)
-            hidden = os.path.dirname(path) + "/." + os.path.basename(path) + ".tmp"
+            hidden = parent(path) + "/." + os.path.basename(path) + ".tmp"
             self.save_by_temporary(path, size, synced, pick([None, hidden]))
         elif kind == "backup":
             path = pick(files)
@@ -205,4 +210,4 @@ class Work:
         elif kind == "attributes":
             self.set_attributes(pick(files))
         elif kind == "sync":
-            self.sync_folder(os.path.dirname(pick(files)))
+            self.sync_folder(parent(pick(files)))

@@ -287,7 +287,7 @@ class Campaign:
 def report(campaign, seed, life, fault, verbose):
     say(f"FAULT seed {seed} life {life}: {fault}")
     if campaign.work:
-        for line in campaign.work.log[-(60 if verbose else 12):]:
+        for line in campaign.work.log[-(60 if verbose else 25):]:
             say("    " + line)
 
 
@@ -344,7 +344,7 @@ def main():
         seed += 1
     spent = time.monotonic() - begun
     say(f"{done} states of {seed - options.seed} clients, {lives} of them continued online, {len(failed)} faults "
-        f"{failed}, {spent:.0f} s, {spent / done:.2f} s each")
+        f"{failed}, {File.torn_after_sent} sent versions torn by a later edit, {spent:.0f} s, {spent / done:.2f} s each")
     return 1 if failed else 0
 
 

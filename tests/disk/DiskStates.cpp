@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <limits>
 #include <system_error>
 
 #include "disk/ForgetfulDisk.h"
@@ -148,8 +149,10 @@ void ForgetfulDisk::writeCut(std::uint64_t seed, const std::string& folder) cons
     } else {
         after.commitSome([&](const Operation&) { return random() % 2 == 0; });
     }
+    const auto position =
+        mode_ == Mode::kOrdered ? noted_ - after.journal_.size() : std::numeric_limits<std::uint64_t>::max();
     for (auto& [id, file] : after.files_)
-        file.contents.cut(random, anyContents ? pick() : contents);
+        file.contents.cut(random, anyContents ? pick() : contents, position);
     fs::create_directories(folder);
     after.writeFolder(kRoot, folder, true);
 }

@@ -1,6 +1,7 @@
 #include "disk/FileContents.h"
 
 #include <algorithm>
+#include <limits>
 #include <set>
 
 namespace tarnwell::testing {
@@ -18,10 +19,12 @@ void thinOut(Versions& versions) {
     if (!middle->isTruncation) versions.erase(middle);
 }
 
+/// The versions that can be on the disk without a later truncation, or more of the metadata journal.
 template <class Versions>
-std::size_t countBeforeTruncation(const Versions& versions) {
-    const auto first =
-        std::find_if(versions.begin(), versions.end(), [](const auto& v) { return v.isTruncation; });
+std::size_t countPossible(const Versions& versions, std::uint64_t position) {
+    const auto first = std::find_if(versions.begin(), versions.end(), [position](const auto& v) {
+        return v.isTruncation || v.position > position;
+    });
     return static_cast<std::size_t>(first - versions.begin());
 }
 
@@ -51,13 +54,13 @@ void FileContents::setPage(std::int64_t index, Page page, bool byTruncation) {
     store(now_, index, page);
     auto& versions = versions_[index];
     thinOut(versions);
-    versions.push_back({std::move(page), truncations_, byTruncation});
+    versions.push_back({std::move(page), truncations_, byTruncation, position_});
 }
 
 void FileContents::setSize(std::int64_t size, bool byTruncation) {
     size_ = size;
     thinOut(sizes_);
-    sizes_.push_back({size, truncations_, byTruncation});
+    sizes_.push_back({size, truncations_, byTruncation, position_});
 }
 
 void FileContents::patch(std::int64_t index, std::int64_t from, std::string_view bytes, bool byTruncation) {
@@ -165,13 +168,21 @@ void FileContents::commitTruncation(std::uint64_t number) {
     takeTruncated(sizes_, number, durableSize_);
 }
 
-void FileContents::cut(Random& random, Keep keep) {
+bool FileContents::hasGrown() const {
+    return !sizes_.empty() || std::any_of(versions_.begin(), versions_.end(), [this](const auto& page) {
+        return !durable_.contains(page.first);
+    });
+}
+
+void FileContents::cut(Random& random, Keep keep, std::uint64_t position) {
     const auto choose = [&](std::size_t most) {
         if (keep == Keep::kNothing) return std::size_t{0};
         return keep == Keep::kAll ? most : static_cast<std::size_t>(random() % (most + 1));
     };
     for (const auto& [index, versions] : versions_) {
-        const auto chosen = choose(countBeforeTruncation(versions));
+        const bool isInPlace = durable_.contains(index);
+        const auto chosen =
+            choose(countPossible(versions, isInPlace ? std::numeric_limits<std::uint64_t>::max() : position));
         if (chosen == 0) continue;
         auto page = versions[chosen - 1].value;
         // Sectors are what a disk writes whole.
@@ -187,7 +198,7 @@ void FileContents::cut(Random& random, Keep keep) {
         }
         store(durable_, index, page);
     }
-    if (const auto chosen = choose(countBeforeTruncation(sizes_)); chosen > 0)
+    if (const auto chosen = choose(countPossible(sizes_, position)); chosen > 0)
         durableSize_ = sizes_[chosen - 1].value;
     // What lies beyond the size is no part of the file, should it grow again.
     std::erase_if(durable_, [this](const auto& page) { return page.first * kPage >= durableSize_; });

@@ -13,7 +13,8 @@ namespace tarnwell::testing {
 /// The bytes of one file behind a disk cache: what programs see now, what is durable, and the versions of each
 /// page in between. A power cut leaves of each page any one of its versions since the last sync, whatever
 /// became of the other pages; a truncation is part of the metadata, and the versions that follow it exist on the
-/// disk only when it does.
+/// disk only when it does. Growth and new blocks are metadata as well: they become durable in the order of the
+/// metadata journal, so each version notes its position there.
 ///
 /// Not thread-safe. Copies are cheap: pages are shared.
 class FileContents {
@@ -30,6 +31,8 @@ class FileContents {
     [[nodiscard]] std::int64_t newPages(std::int64_t offset, std::int64_t count) const;
     [[nodiscard]] std::int64_t pages() const { return static_cast<std::int64_t>(now_.size()); }
 
+    /// How far the metadata journal has come; holds for all changes until the next call.
+    void setPosition(std::uint64_t position) { position_ = position; }
     void write(std::int64_t offset, std::string_view bytes);
     void allocate(std::int64_t offset, std::int64_t count, bool keepSize);
     /// Zeros; whole pages are given back.
@@ -44,8 +47,11 @@ class FileContents {
     void loseUnsynced();
     /// The truncation and those before it are durable.
     void commitTruncation(std::uint64_t number);
-    /// A cut: what is durable becomes one of the possible states.
-    void cut(Random& random, Keep keep);
+    /// Size or blocks are not durable yet.
+    [[nodiscard]] bool hasGrown() const;
+    /// A cut: what is durable becomes one of the possible states when the metadata journal was kept up to
+    /// `position`.
+    void cut(Random& random, Keep keep, std::uint64_t position);
 
     /// Each durable page below the durable size, by offset, cut at the size.
     template <class Each>
@@ -65,6 +71,7 @@ class FileContents {
         T value;
         std::uint64_t truncation = 0;  ///< the last one before it
         bool isTruncation = false;     ///< was made by that one
+        std::uint64_t position = 0;
     };
 
     template <class Each>
@@ -86,7 +93,7 @@ class FileContents {
     // Since the last sync, oldest first.
     std::map<std::int64_t, std::vector<Version<Page>>> versions_;
     std::vector<Version<std::int64_t>> sizes_;
-    std::uint64_t truncations_ = 0;
+    std::uint64_t truncations_ = 0, position_ = 0;
 };
 
 }  // namespace tarnwell::testing

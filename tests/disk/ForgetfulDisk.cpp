@@ -139,6 +139,7 @@ int ForgetfulDisk::write(Id id, std::int64_t offset, std::string_view bytes) {
     File& written = files_.at(id);
     if (!hasSpace(written.contents.newPages(offset, std::ssize(bytes)))) return ENOSPC;
     const auto before = written.contents.pages();
+    written.contents.setPosition(noted_);
     written.contents.write(offset, bytes);
     addPages(before, written);
     written.attributes.modified = written.changed = now();
@@ -148,6 +149,7 @@ int ForgetfulDisk::write(Id id, std::int64_t offset, std::string_view bytes) {
 int ForgetfulDisk::truncate(Id id, std::int64_t size) {
     File& cut = files_.at(id);
     const auto before = cut.contents.pages();
+    cut.contents.setPosition(noted_);
     note({.file = id, .truncation = cut.contents.truncate(size)});
     addPages(before, cut);
     cut.attributes.modified = cut.changed = now();
@@ -158,6 +160,7 @@ int ForgetfulDisk::allocate(Id id, int mode, std::int64_t offset, std::int64_t c
     if ((mode & ~(FALLOC_FL_KEEP_SIZE | FALLOC_FL_PUNCH_HOLE)) != 0) return EOPNOTSUPP;
     FileContents& contents = files_.at(id).contents;
     const auto before = contents.pages();
+    contents.setPosition(noted_);
     if ((mode & FALLOC_FL_PUNCH_HOLE) != 0) {
         contents.punch(offset, count);
     } else {
@@ -231,6 +234,7 @@ void ForgetfulDisk::sweep() {
 
 void ForgetfulDisk::note(Operation operation) {
     journal_.push_back(std::move(operation));
+    ++noted_;
 }
 
 void ForgetfulDisk::commit(const Operation& operation) {
@@ -295,7 +299,10 @@ void ForgetfulDisk::commitSome(const std::function<bool(const Operation&)>& want
 void ForgetfulDisk::sync(Id id, bool dataOnly) {
     File& synced = files_.at(id);
     const bool isFolder = S_ISDIR(synced.attributes.mode);
-    if (mode_ == Mode::kOrdered) {
+    if (mode_ == Mode::kOrdered && synced.contents.hasGrown()) {
+        // Its new size is written after the bytes, as the latest operation of the journal.
+        commitFirst(journal_.size());
+    } else if (mode_ == Mode::kOrdered) {
         const auto concerns = [&](const Operation& operation) {
             if (isFolder && std::any_of(operation.entries.begin(), operation.entries.end(),
                                         [id](const auto& entry) { return entry.folder == id; }))
