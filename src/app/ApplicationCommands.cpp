@@ -50,6 +50,8 @@ StatusReport TWApplicationDelegate::statusReport() {
     report.lastUploadSpeed = connector.session().lastUploadSpeed();
     report.lastDownloadSpeed = connector.session().lastDownloadSpeed();
     report.lastErrors = recentErrors_.list();
+    report.keptFiles = static_cast<std::int64_t>(KeptFiles::count(environment_.store.layout()));
+    if (report.keptFiles > 0) report.keptFolder = KeptFiles::folderIn(environment_.store.layout());
     return report;
 }
 

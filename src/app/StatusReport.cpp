@@ -9,7 +9,8 @@ BOOST_DESCRIBE_STRUCT(ShareStatus, (),
                       (ShareId, DisplayName, LastApplyedJournalTick, TransmitCounter, Synchronize))
 BOOST_DESCRIBE_STRUCT(StatusReport, (),
                       (state, mountPath, user, shares, downloadQueueLen, downloadQueueBytes, uploadQueueLen,
-                       uploadQueueBytes, lastUploadSpeed, lastDownloadSpeed, lastErrors))
+                       uploadQueueBytes, lastUploadSpeed, lastDownloadSpeed, lastErrors, keptFiles,
+                       keptFolder))
 
 std::string statusJson(const StatusReport& report) {
     return toJsonText(report) + "\n";
@@ -30,6 +31,10 @@ std::optional<std::string> statusText(std::string_view json) {
         text += format("  %@ (tick %d%@%@)\n", share.DisplayName, share.LastApplyedJournalTick,
                        share.Synchronize ? ", kept locally" : "",
                        share.TransmitCounter > 0 ? ", in transfer" : "");
+    }
+    if (report->keptFiles > 0) {
+        text += format("Kept:       %d files that the service has not got, in %@\n", report->keptFiles,
+                       report->keptFolder);
     }
     for (const auto& line : report->lastErrors)
         text += "Error:      " + line + "\n";

@@ -31,6 +31,8 @@ struct StatusReport {
     double lastUploadSpeed = 0;    ///< bytes per second
     double lastDownloadSpeed = 0;  ///< bytes per second
     std::vector<std::string> lastErrors;
+    std::int64_t keptFiles = 0;  ///< files in the folder of kept files
+    std::string keptFolder;      ///< empty when there are none
 };
 
 std::string statusJson(const StatusReport& report);

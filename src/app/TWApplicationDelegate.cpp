@@ -36,6 +36,7 @@ DriveController::Settings driveSettings(const TWApplicationDelegate::Environment
 
 TWApplicationDelegate::TWApplicationDelegate(Environment environment)
     : environment_(std::move(environment)),
+      keptNotices_(environment_.store.keptFiles(), environment_.mainLoop, environment_.userInterface),
       fileBrowser_({environment_.store, environment_.connector, environment_.mainLoop,
                     environment_.background, environment_.notifications, environment_.ports,
                     environment_.desktop, environment_.clipboard}),

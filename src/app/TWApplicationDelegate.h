@@ -9,6 +9,7 @@
 #include "app/CommandRequests.h"
 #include "app/DriveController.h"
 #include "app/FileBrowser.h"
+#include "app/KeptNotices.h"
 #include "app/LoginCoordinator.h"
 #include "app/RecentErrors.h"
 #include "app/StatusReport.h"
@@ -168,6 +169,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     Timer openedFilesTimer_;
     Timer exitCheck_;
 
+    KeptNotices keptNotices_;
     FileBrowser fileBrowser_;
     DriveController drive_;
     LoginCoordinator login_;

@@ -33,6 +33,11 @@ CacheFile::~CacheFile() {
     ::close(descriptor_);
 }
 
+bool CacheFile::isAt(const std::string& path) const {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && isSameFile(status.st_dev, status.st_ino);
+}
+
 TWFuseFileData::TWFuseFileData(int openFlags, pid_t openProcess, SharedString fileId)
     : openFlags_(openFlags), openProcess_(openProcess), fileId_(std::move(fileId)) {}
 
@@ -88,6 +93,28 @@ void TWFuseFileData::identitiesExchanged(std::string_view a, std::string_view b)
     }
 }
 
+void TWFuseFileData::contentsRenamed(std::string_view id, std::string_view from, std::string_view to) {
+    if (from == to) return;
+    for (const auto& handle : openedFiles(id)) {
+        std::lock_guard lock(handle->mutex_);
+        if (!handle->pinned_ || !(handle->pinned_->UploadName == from)) continue;
+        const auto renamed = std::make_shared<TWVirtualFile>(*handle->pinned_);
+        renamed->UploadName = to;
+        handle->pinned_ = renamed;
+    }
+}
+
+void TWFuseFileData::cacheFileChanged(std::string_view fileId) {
+    for (const auto& handle : openedFiles(fileId)) {
+        std::lock_guard lock(handle->mutex_);
+        handle->verified_ = {};
+    }
+}
+
+bool TWFuseFileData::isOpen(std::string_view fileId) {
+    return !openedFiles(fileId).empty();
+}
+
 /// An absent `to` detaches.
 void TWFuseFileData::changeFileId(std::string_view from, const SharedString& to) {
     std::lock_guard lock(mutex_);
@@ -106,6 +133,7 @@ void TWFuseFileData::close() {
     closed_ = true;
     file.swap(file_);
     formerRecord_.reset();
+    pinned_.reset();
     fileId_.reset();
     modified_ = created_ = false;
     lastWrite_.reset();
@@ -145,7 +173,7 @@ ErrnoOr<CacheFilePtr> TWFuseFileData::openCacheFile(const std::string& path, con
     version_ = version;
     verified_ = std::chrono::steady_clock::now();
     struct stat now {};
-    if (file_ && (::stat(path.c_str(), &now) != 0 || file_->isSameFile(now.st_dev, now.st_ino))) return file_;
+    if (file_ && file_->isAt(path)) return file_;
 
     // The access mode alone: O_APPEND would defeat positioned writes, O_DIRECT asks for aligned buffers, and
     // creation and truncation are the drive's own decisions.
@@ -171,9 +199,35 @@ CacheFilePtr TWFuseFileData::cacheFile() const {
     return file_;
 }
 
+bool TWFuseFileData::pin(const TWVirtualFile& record) {
+    std::lock_guard lock(mutex_);
+    if (!pinned_) pinned_ = std::make_shared<TWVirtualFile>(record);
+    return pinned_->UploadName == record.UploadName;
+}
+
+void TWFuseFileData::repin(const TWVirtualFile& record) {
+    std::lock_guard lock(mutex_);
+    if (pinned_ && pinned_->UploadName == record.UploadName && pinned_->Tick == record.Tick) return;
+    pinned_ = std::make_shared<TWVirtualFile>(record);
+}
+
+TWVirtualFilePtr TWFuseFileData::pinned() const {
+    std::lock_guard lock(mutex_);
+    return pinned_;
+}
+
+bool TWFuseFileData::usesVersion(const SharedString& version) const {
+    std::lock_guard lock(mutex_);
+    return !pinned_ || pinned_->UploadName == version;
+}
+
 void TWFuseFileData::detach(TWVirtualFilePtr record, const std::string& path) {
     // Without a cache file there is nothing to open, and nothing to keep.
-    (void)openCacheFile(path, record->UploadName);
+    if (usesVersion(record->UploadName)) {
+        if (!path.empty()) (void)openCacheFile(path, record->UploadName);
+    } else {
+        record = pinned();
+    }
     std::lock_guard lock(mutex_);
     detached_ = true;
     fileId_.reset();
@@ -247,6 +301,35 @@ bool TWFuseFileData::joinBurst(std::string_view fileId) {
 bool TWFuseFileData::takeProgress() {
     std::lock_guard lock(mutex_);
     return std::exchange(progress_, false);
+}
+
+void TWFuseFileData::noteProgress() {
+    std::lock_guard lock(mutex_);
+    progress_ = true;
+}
+
+void TWFuseFileData::dropBurst() {
+    std::lock_guard lock(mutex_);
+    modified_ = progress_ = false;
+    lastWrite_.reset();
+}
+
+void TWFuseFileData::noteStamp(bool isNew) {
+    bool unsynced = isNew;
+    for (const auto& handle : openedFiles(fileId().view()))
+        unsynced = unsynced || handle->stampUnsynced();
+    std::lock_guard lock(mutex_);
+    stampUnsynced_ = unsynced;
+}
+
+bool TWFuseFileData::stampUnsynced() const {
+    std::lock_guard lock(mutex_);
+    return stampUnsynced_;
+}
+
+void TWFuseFileData::stampSynced() {
+    std::lock_guard lock(mutex_);
+    stampUnsynced_ = false;
 }
 
 }  // namespace tarnwell

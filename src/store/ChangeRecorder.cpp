@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -90,8 +91,12 @@ bool ChangeRecorder::append(const std::vector<CacheExchange>& exchanges) {
     return true;
 }
 
-void ChangeRecorder::appendNow() {
-    append({});
+int ChangeRecorder::appendNow() {
+    return append({}) ? 0 : EIO;
+}
+
+int ChangeRecorder::admitChange() {
+    return 0;
 }
 
 bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std::string>>& pairs,
@@ -131,7 +136,7 @@ void ChangeRecorder::deleteLater(const std::string& path) {
 void ChangeRecorder::finishHold() noexcept {
     busy_ = false;
     try {
-        append({});
+        if (append({})) runActions();
     } catch (const std::exception& error) {
         incomplete_ = true;
         TWLog(kLogMain, "Error! Cannot compose a piece of the change log: %@", error.what());
@@ -146,6 +151,11 @@ void ChangeRecorder::deleteFiles() {
         TWLog(kLogMain, "Warning! Cannot delete cache file %@ : error %@", path, std::strerror(errno));
     }
     deletions_.clear();
+}
+
+void ChangeRecorder::runActions() {
+    for (const auto& action : std::exchange(actions_, {}))
+        action();
 }
 
 std::uint64_t ChangeRecorder::beginSave() {
@@ -186,6 +196,7 @@ void ChangeRecorder::endSave(std::uint64_t number) {
         logged->older.clear();
     underSave_ = {};
     incomplete_ = !pending_.empty();
+    if (pending_.empty()) runActions();
     log_.removeBefore(number);
     if (!hasChanges_ && pending_.empty()) {
         for (auto* logged : {&files_, &shares_})
@@ -208,6 +219,7 @@ void ChangeRecorder::resume(JournalBase base) {
 
 void ChangeRecorder::clear() {
     pending_ = underSave_ = {};
+    actions_.clear();
     deleteFiles();
     for (auto* logged : {&files_, &shares_})
         logged->older = logged->recent = {};

@@ -62,7 +62,10 @@ class ChangeRecorder {
         if (!suspended_) pend(pending_.entries, order);
     }
     /// Appends what is noted so far: what is done next must not be on the disk before it.
-    void appendNow();
+    /// 0 or errno.
+    int appendNow();
+    /// 0 when the log can take another change; else the error that would be met.
+    [[nodiscard]] int admitChange();
     /// Pairs of files of the cache trade places, or one of a pair gets the name of the other: does it by
     /// `exchange`, all or none. A run that ends before the changes that belong to it are appended is undone
     /// by the next one; so those changes are complete before the next exchange or appendNow().
@@ -71,6 +74,12 @@ class ChangeRecorder {
     /// Deletes a file of the cache once the changes of this hold of the lock are appended: a record that is
     /// there has its bytes. Follows the file through exchangeFiles().
     void deleteLater(const std::string& path);
+    /// Calls `action`, with the lock, when all that is noted so far is in the log or saved: at the end of this
+    /// change at the earliest, after a later one when the log cannot be written now.
+    void afterAppend(std::function<void()> action) {
+        actions_.push_back(std::move(action));
+        busy_ = true;
+    }
     /// The lock goes.
     void endOfHold() noexcept {
         if (busy_) finishHold();
@@ -131,6 +140,7 @@ class ChangeRecorder {
 
     void finishHold() noexcept;
     void deleteFiles();
+    void runActions();
     bool append(const std::vector<CacheExchange>& exchanges);
     void write(PieceWriter& piece, Pending& pending) const;
     [[nodiscard]] std::string opening() const;
@@ -148,6 +158,7 @@ class ChangeRecorder {
     Pending pending_;
     Pending underSave_;  ///< could not be appended before the running save began
     std::vector<Deletion> deletions_;
+    std::vector<std::function<void()>> actions_;
     Logged files_, shares_;
     std::vector<JournalBase> bases_;  ///< what the journal's file may be; one, while no save runs
     bool hasChanges_ = false;         ///< in the segment that is open

@@ -88,7 +88,9 @@ void ChangeReplay::share(const std::string& json) {
     }
     changes_.noteLogged(*share->ShareId);
     if (const auto stored = index_.shareWithId(*share->ShareId)) {
-        // Only what the user sets: the tick belongs to the records that were saved with it.
+        // The tick belongs to the records that were saved with it; a lower one asks for changes once more.
+        stored->LastApplyedJournalTick =
+            std::min(stored->LastApplyedJournalTick, share->LastApplyedJournalTick);
         stored->Synchronize = share->Synchronize;
         stored->DisplayName = share->DisplayName;
         store_.insertShare(stored);

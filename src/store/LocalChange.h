@@ -20,6 +20,10 @@ class LocalChange {
     LocalChange(const LocalChange&) = delete;
     LocalChange& operator=(const LocalChange&) = delete;
 
+    /// Appends what was noted so far. 0 when it survives the end of the process from now on; else errno: it
+    /// stays noted and is tried again, and the caller answers the error or takes the change back.
+    [[nodiscard]] int commit();
+
   private:
     const StorageLock lock_;
     ChangeRecorder& changes_;

@@ -1,12 +1,16 @@
 // Items and shares as wholes, and the cache files that go with them.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <system_error>
 #include <unordered_set>
 
+#include "store/ContentVersion.h"
 #include "store/Enums.h"
 #include "store/JournalExchange.h"
 #include "store/LocalChangeJournal.h"
@@ -218,6 +222,8 @@ void TWMetadataStorage::createNewFileForFile(const TWVirtualFile& file) const {
         TWLog(kLogMain, "Warning! Cannot create cache file for file %@.", file.FullPath);
         return;
     }
+    if (const int error = ContentVersion::edited("").set(descriptor))
+        TWLog(kLogMain, "Warning! Cannot mark new cache file of %@ : error %d", file.FullPath, error);
     ::close(descriptor);
 }
 
@@ -236,6 +242,93 @@ void TWMetadataStorage::deleteFileData(const TWVirtualFile& file) const {
 void TWMetadataStorage::deleteFileDataLater(const TWVirtualFile& file) {
     changes_.deleteLater(layout().cachePathForFile(file));
     changes_.deleteLater(layout().extendedAttrsPathForFile(file));
+}
+
+/// Unsent bytes that no record stands for any more.
+bool TWMetadataStorage::putContentsAside(const TWVirtualFile& file, std::string_view reason) {
+    const auto path = layout().cachePathForFile(file);
+    const auto folder = layout().rootCachePath() + "/Kept";
+    std::error_code error;
+    fs::create_directories(folder, error);
+    const auto kept = folder + "/" + generateGUID() + "-" + CacheLayout::fileNameForId(file.PublicName.view());
+    if (::rename(path.c_str(), kept.c_str()) != 0) {
+        TWLog(kLogMain, "Error! Cannot keep the unsent contents %@ of %@ : error %d", path, file.PublicName,
+              errno);
+        return false;
+    }
+    TWLog(kLogMain, "Warning! Unsent contents of %@ are kept as %@. %@", file.PublicName, kept, reason);
+    return true;
+}
+
+bool TWMetadataStorage::makeRoomForContents(const TWVirtualFile& file) {
+    const auto path = layout().cachePathForFile(file);
+    const auto version = ContentVersion::of(path);
+    struct stat status {};
+    const bool isEmpty = ::lstat(path.c_str(), &status) != 0 || status.st_size == 0;
+    if (isEmpty || !version || !version->isOwn()) return true;
+    return putContentsAside(file, "The service has newer contents of a file that was changed here.");
+}
+
+bool TWMetadataStorage::isVersionOf(const TWVirtualFile& file, std::int64_t size,
+                                    const std::optional<ContentVersion>& version) const {
+    // Marked when its contents were here or were replaced as a whole, and nobody but the user touches it
+    // since.
+    if (file.LocallyUpdated.value_or(false)) return true;
+    const bool takesNoPart = CacheLayout::isPathIgnored(file.PublicName.view(), !file.IsFile);
+    if (takesNoPart && file.UploadUrl.empty()) return true;
+    if (!version) return false;
+    // The journal took it over, but its new name is not on it yet: the change log cannot be written.
+    if (version->isEdited()) return takesNoPart || journal_->isPending(file.UploadName);
+    return version->isOf(file.UploadName.view()) &&
+           (size == file.size() || journal_->hasPendingContents(file.InternalName.view()));
+}
+
+bool TWMetadataStorage::holdsContents(const TWVirtualFile& file) const {
+    if (file.size() == 0) return true;
+    const auto path = layout().cachePathForFile(file);
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           isVersionOf(file, status.st_size, ContentVersion::of(path));
+}
+
+bool TWMetadataStorage::hasWholeContents(const TWVirtualFile& file) const {
+    if (file.size() == 0) return true;
+    struct stat status {};
+    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 &&
+           status.st_size == file.size() && holdsContents(file);
+}
+
+OwnedDescriptor TWMetadataStorage::openVersion(std::string_view internalName, std::string_view uploadName,
+                                               OpenedVersion& state) const {
+    state = OpenedVersion::kGone;
+    const auto file = fileWithId(internalName);
+    if (!file || !(file->UploadName == uploadName)) return {};
+    if (file->LocallyUpdated.value_or(false)) {
+        state = OpenedVersion::kEdited;
+        return {};
+    }
+    OwnedDescriptor opened(
+        ::open(layout().cachePathForFile(*file).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!isStillVersion(opened.get(), *file)) return {};
+    state = OpenedVersion::kOpen;
+    return opened;
+}
+
+bool TWMetadataStorage::isStillVersion(int descriptor, std::string_view internalName,
+                                       std::string_view uploadName) const {
+    const auto file = fileWithId(internalName);
+    return file && file->UploadName == uploadName && !file->LocallyUpdated.value_or(false) &&
+           isStillVersion(descriptor, *file);
+}
+
+bool TWMetadataStorage::isStillVersion(int descriptor, const TWVirtualFile& file) const {
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+           isVersionOf(file, status.st_size, ContentVersion::of(descriptor));
+}
+
+bool TWMetadataStorage::isOpen(std::string_view internalName) const {
+    return observer_ && observer_->isOpen(internalName);
 }
 
 bool TWMetadataStorage::exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b) {

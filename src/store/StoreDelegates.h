@@ -52,6 +52,12 @@ class DriveObserver {
     /// Each of two items has now the place and the bytes of the other. Nodes and open files stay with the
     /// bytes: those of the one become those of the other.
     virtual void identitiesExchanged(std::string_view /*a*/, std::string_view /*b*/) {}
+    /// The present contents of the file, which were named `from`, are named `to` from now on: the user edited
+    /// them, or they were journalled. The bytes stay where they are.
+    virtual void contentsRenamed(std::string_view /*id*/, std::string_view /*from*/,
+                                 std::string_view /*to*/) {}
+    /// Whether a program has the file open: its bytes are left alone where that can wait.
+    [[nodiscard]] virtual bool isOpen(std::string_view /*id*/) const { return false; }
 };
 
 }  // namespace tarnwell

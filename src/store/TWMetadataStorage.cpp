@@ -50,6 +50,15 @@ LocalChange::~LocalChange() {
     changes_.endChange();
 }
 
+int LocalChange::commit() {
+    return changes_.appendNow();
+}
+
+int TWMetadataStorage::admitChange() {
+    const auto lock = beginWriteStorage();
+    return changes_.admitChange();
+}
+
 void TWMetadataStorage::blockShutdown() {
     const auto lock = beginWriteStorage();
     ++shutdownBlocks_;
@@ -267,6 +276,12 @@ void TWMetadataStorage::noteIdentityChanged(const TWVirtualFile& from, const TWV
 void TWMetadataStorage::noteIdentitiesExchanged(const TWVirtualFile& a, const TWVirtualFile& b) {
     const auto lock = beginReadStorage();
     if (observer_) observer_->identitiesExchanged(a.InternalName.view(), b.InternalName.view());
+}
+
+void TWMetadataStorage::noteContentsRenamed(const TWVirtualFile& file, const SharedString& from) {
+    const auto lock = beginReadStorage();
+    if (observer_ && file.UploadName != from)
+        observer_->contentsRenamed(file.InternalName.view(), from.view(), file.UploadName.view());
 }
 
 void TWMetadataStorage::noteAttributesChanged(const TWVirtualFile& file) {
