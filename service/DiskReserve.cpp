@@ -26,11 +26,10 @@ DiskReserve::Disk DiskReserve::disk() const noexcept {
     struct statvfs disk {};
     if (::statvfs(path_.parent_path().c_str(), &disk) != 0) return {0, 0, 0};
     const auto unit = static_cast<std::int64_t>(disk.f_frsize);
-    // The superuser may fill what the file system keeps back.
-    const auto free = ::geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
+    // Also for the superuser: of what the file system keeps back, a part is for nobody.
     struct stat status {};
     const bool there = ::lstat(path_.c_str(), &status) == 0;
-    return {static_cast<std::int64_t>(free) * unit,
+    return {static_cast<std::int64_t>(disk.f_bavail) * unit,
             std::min(kLargest, static_cast<std::int64_t>(disk.f_blocks) * unit / 16),
             there ? static_cast<std::int64_t>(status.st_blocks) * 512 : 0};
 }

@@ -275,8 +275,7 @@ std::optional<std::int64_t> FileContentStore::sizeOf(std::string_view uploadName
 std::int64_t FileContentStore::freeBytes() {
     struct statvfs disk {};
     if (::statvfs(blobs_.c_str(), &disk) != 0) fail("cannot ask for free space", errno);
-    const auto blocks = ::geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
-    return static_cast<std::int64_t>(blocks) * static_cast<std::int64_t>(disk.f_frsize);
+    return static_cast<std::int64_t>(disk.f_bavail) * static_cast<std::int64_t>(disk.f_frsize);
 }
 
 void FileContentStore::dropUnfinished(std::chrono::seconds age) {
