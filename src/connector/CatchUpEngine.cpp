@@ -131,6 +131,15 @@ void CatchUpEngine::finishPage(const Page& page, const OSXCatchUpResponse* respo
     auto lock = environment_.store.beginReadStorage();
     const auto share = environment_.store.shareWithId(page.shareId);
     lock.unlock();
+    if (responce && share && responce->ShareTick > 0 && responce->ShareTick < page.tick &&
+        page.tick <= page.asked.tick) {
+        TWLog(kLogMain,
+              "Warning! Share %@ is at tick %d at the service, and at tick %d here: it was restored from an "
+              "older state. Catching up from the beginning.",
+              page.shareName, responce->ShareTick, page.tick);
+        environment_.store.remoteChanges().startOver(page.shareId, responce->ShareTick);
+        onceMore_.insert(page.shareId);
+    }
     const bool applied = responce && share && applyPage(page, *responce, share);
     if (applied && environment_.store.remoteChanges().asking(*share).tick < page.asked.tick) {
         // Something below this page is wanted again: from there, all of it.

@@ -54,18 +54,20 @@ void ItemOperations::answered(const LocalJournalPtr& entry, Kind kind,
         transmissions_.deleteSucceededRequest(entry);
     } else if (kind == Kind::kRename && code == 2) {
         TWLog(kLogMain, "Conflict detected during item %@ rename.", name);
+        transmissions_.takeTheirs(*entry, response->TwVirtualFile);
         transmissions_.deleteSucceededRequest(entry);
     } else if (kind == Kind::kRename && code == 10) {
         TWLog(kLogMain, "Problem during item %@ rename : entity not found. Skipping it.", name);
+        transmissions_.takeTheirs(*entry, response->TwVirtualFile);
         transmissions_.deleteSucceededRequest(entry);
     } else if (kind == Kind::kDelete && code == 9) {
         TWLog(kLogMain, "Warning! Failed to delete item %@ : delete ignored. So, deleting journal entry.",
               name);
-        transmissions_.deleteFailedRequest(entry);
+        transmissions_.deleteFailedRequest(entry, response->TwVirtualFile);
     } else if (kind == Kind::kDelete && code == 10) {
         TWLog(kLogMain, "Warning! Failed to delete item %@ : entity not found. So, deleting journal entry.",
               name);
-        transmissions_.deleteFailedRequest(entry);
+        transmissions_.deleteFailedRequest(entry, response->TwVirtualFile);
     } else {
         constexpr const char* kLines[] = {"Warning! Failed to create folder %@ : responce code %d.",
                                           "Warning! Failed to rename item %@ : responce code %d.",

@@ -22,6 +22,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestPause{5000};
 constexpr std::chrono::milliseconds kCopyPause{500};
+/// Of a new empty file, and of another try. What lies further ahead was set before the clock was set back.
+constexpr std::chrono::seconds kLongestDelay{150 + 30};
 /// Folders in folders, each waiting for the Create of the one above.
 constexpr int kMostLevels = 1000;
 
@@ -31,9 +33,9 @@ struct JournalReplayEngine::Pass {
     Date now;
     std::optional<Date> nextDue;
 
-    /// Whether a date has come; else the next pass follows at that.
+    /// Whether a date has come, or cannot be meant; else the next pass follows at that.
     bool due(const std::optional<Date>& date) {
-        if (!date || *date <= now) return true;
+        if (!date || *date <= now || *date > now + kLongestDelay) return true;
         nextDue = nextDue ? std::min(*nextDue, *date) : *date;
         return false;
     }

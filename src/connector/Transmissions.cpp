@@ -1,6 +1,7 @@
 #include "connector/Transmissions.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
@@ -102,23 +103,69 @@ void Transmissions::deleteSucceededRequest(const LocalJournalPtr& entry) {
     passWanted_();
 }
 
-void Transmissions::deleteFailedRequest(const LocalJournalPtr& entry, bool keepContents) {
+void Transmissions::deleteFailedRequest(const LocalJournalPtr& entry, const TWVirtualFilePtr& theirs) {
     auto& store = environment_.store;
     if (store.terminating()) return;
     const ShutdownBlock block(store);
+    TWVirtualFile file;
+    {
+        const auto lock = store.beginReadStorage();
+        if (bringsContents(*entry) && journal_.isQueued(*entry)) file = *entry->File;
+    }
+    // Before the entry goes, and without the lock: it waits for the disk.
+    if (!keepContents(file)) return retransmitRequest(entry);
     {
         const auto change = store.beginLocalChange();
         if (!leave(entry)) return;
-        const auto live = store.fileWithId(entry->File->InternalName.view());
-        if (keepContents && live && live->IsFile && store.hasWholeContents(*live)) {
-            live->LocallyUpdated = true;
-            store.markChanged(*live);
+        if (wanted(*entry)) {
+            resetRecord(*entry);
+            takeTheirs(*entry, theirs);
         }
         journal_.deleteJournalEntry(entry);
     }
+    journal_.removeUploadFileData(file);
     store.saveDelayed();
     // The turn of the next one; it does not depend on the service being well.
     passWanted_();
+}
+
+/// False when the upload copy of `file` is the only one and cannot be put aside.
+bool Transmissions::keepContents(const TWVirtualFile& file) {
+    if (file.UploadName.empty()) return true;
+    const int error = environment_.store.keptFiles().keepBeforeRemoval(
+        file, environment_.store.layout().cachePathForUpload(file), "the service refused this version");
+    if (error == 0 || error == ENOENT) return true;
+    TWLog(kLogMain, "Warning! Unsent contents of %@ cannot be kept. Error %d", file.FullPath, error);
+    return false;
+}
+
+/// The record stands for contents that nobody has, or that are kept elsewhere now. REQUIRES LOCK.
+void Transmissions::resetRecord(const LocalJournal& entry) {
+    auto& store = environment_.store;
+    const auto live = store.fileWithId(entry.File->InternalName.view());
+    const bool claims = live && live->IsFile && bringsContents(entry) &&
+                        !live->LocallyUpdated.value_or(false) && live->UploadName == entry.File->UploadName &&
+                        !entry.File->UploadName.empty();
+    if (!claims) return;
+    if (live->Tick < 0) {
+        // The service never had it.
+        store.deleteFileMetadata(live);
+        return;
+    }
+    live->UploadUrl.reset();
+    live->LastUploadName.reset();
+    live->DownloadDate.reset();
+    store.noteContentsChanged(*live);
+}
+
+void Transmissions::takeTheirs(const LocalJournal& entry, const TWVirtualFilePtr& theirs) {
+    auto& store = environment_.store;
+    const auto change = store.beginLocalChange();
+    const auto& file = *entry.File;
+    const bool known = theirs && theirs->InternalName == file.InternalName;
+    const std::int32_t tick = known ? theirs->Tick : file.Tick >= 0 ? file.Tick : file.CreateTick;
+    store.remoteChanges().askAgain(file.ShareId.view(), tick - 1);
+    journal_.addCatchupForFileUpdate(entry.File);
 }
 
 void Transmissions::retransmitRequest(const LocalJournalPtr& entry) {

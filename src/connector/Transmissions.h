@@ -44,9 +44,13 @@ class Transmissions {
 
     /// The service has the change: the entry goes, and a Catch-up brings what the service made of it.
     void deleteSucceededRequest(const LocalJournalPtr& entry);
-    /// The change cannot be sent, ever: the entry goes. `keepContents`: what the user wrote stays here and is
-    /// never replaced by what the service has; it is journalled anew at the end of the program.
-    void deleteFailedRequest(const LocalJournalPtr& entry, bool keepContents = false);
+    /// The change cannot be sent, ever: the entry goes. Contents that the service has not got are put into
+    /// the folder of kept files, or where that fails the entry is tried again later. Nothing is claimed of
+    /// the item any more, and what the service has of it is asked for again. `theirs`: what it said of the
+    /// item.
+    void deleteFailedRequest(const LocalJournalPtr& entry, const TWVirtualFilePtr& theirs = nullptr);
+    /// The service has another state of the item than the change meant, which a catch-up brings.
+    void takeTheirs(const LocalJournal& entry, const TWVirtualFilePtr& theirs);
     /// Tries again later. Contents go to the end of the journal, or join newer ones.
     void retransmitRequest(const LocalJournalPtr& entry);
 
@@ -70,6 +74,8 @@ class Transmissions {
     };
 
     bool leave(const LocalJournalPtr& entry);
+    [[nodiscard]] bool keepContents(const TWVirtualFile& file);
+    void resetRecord(const LocalJournal& entry);
     void showCounter(const std::string& shareId) const;
     void faulted(const LocalJournalPtr& entry, std::string_view reason);
 

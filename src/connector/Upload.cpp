@@ -25,7 +25,7 @@ namespace tarnwell {
 namespace {
 
 /// Answers of the file API.
-enum InitiateCode { kAccepted = 1, kConflict = 2, kDuplicate = 3 };
+enum InitiateCode { kAccepted = 1, kConflict = 2, kDuplicate = 3, kUnknownItem = 10 };
 enum ChunkCode { kStored = 0, kRefused = 1, kComplete = 2, kDamaged = 3 };
 
 /// A speed is told when this much was spent on sending.
@@ -88,9 +88,8 @@ void Upload::begin() {
 bool Upload::openCopy() {
     if (file_->UploadName.empty()) return true;
     auto& store = context_.environment.store;
-    auto source = openUploadFileForReading(store, entry_, [this] {
-        return context_.gate.closed() || context_.environment.store.terminating();
-    });
+    auto source = openUploadFileForReading(
+        store, entry_, [this] { return context_.gate.closed() || context_.environment.store.terminating(); });
     struct stat status = {};
     if (source.state == UploadSource::State::kOpen && ::fstat(source.file.get(), &status) != 0) {
         source.state = UploadSource::State::kUnreadable;
@@ -100,7 +99,7 @@ bool Upload::openCopy() {
         TWLog(kLogMain, "Upload request failed: %@, cannot open upload file for reading, error %d",
               publicName_, source.error);
         // A copy that is there and cannot be opened now may be opened later: it is all there is of a change.
-        source.state == UploadSource::State::kNothingToSend ? drop(false) : fail();
+        source.state == UploadSource::State::kNothingToSend ? drop() : fail();
         return false;
     }
     copy_.emplace(std::move(source.file));
@@ -177,10 +176,12 @@ void Upload::initiated(const TWFileJournalResponse* response) {
             return accepted(*response);
         case kConflict:
             TWLog(kLogMain, "Warning! cancelling upload of %@: got conflicted copy.", publicName_);
-            return drop(true);
+            return drop(response->TwVirtualFile);
         default:
             TWLog(kLogMain, "Warning! Failed to initiate upload for the file %@ : responce code %d.",
                   publicName_, response->ResponseCode);
+            if (response->ResponseCode == kUnknownItem && !response->TwVirtualFile)
+                context_.environment.store.journal().becomeCreate(entry_);
             return fail();
     }
 }
@@ -372,9 +373,9 @@ void Upload::fail() {
     post(std::move(finished));
 }
 
-void Upload::drop(bool keepContents) {
+void Upload::drop(const TWVirtualFilePtr& theirs) {
     if (interrupted()) return;
-    context_.transmissions.deleteFailedRequest(entry_, keepContents);
+    context_.transmissions.deleteFailedRequest(entry_, theirs);
     TWConnectorFileUploadFinished finished;
     finished.error = true;
     post(std::move(finished));

@@ -68,7 +68,7 @@ class Upload final : public std::enable_shared_from_this<Upload> {
     bool interrupted();
     void restart(bool hashAgain);
     void fail();
-    void drop(bool keepContents);
+    void drop(const TWVirtualFilePtr& theirs = nullptr);
     template <class Notification>
     void post(Notification notification);
 

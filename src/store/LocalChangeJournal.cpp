@@ -180,6 +180,21 @@ void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
     item.replaced.push_back(entry.File->LastUploadName);
 }
 
+void LocalChangeJournal::forgetTicks(std::string_view shareId, std::int32_t tick) {
+    for (const auto& entry : queue_.ofShare(shareId)) {
+        if (entry->File->Tick > tick) entry->File->Tick = -1;
+        if (entry->ForeignTick.value_or(-1) > tick) entry->ForeignTick.reset();
+        queue_.noteChanged(*entry);
+    }
+}
+
+void LocalChangeJournal::becomeCreate(const LocalJournalPtr& entry) {
+    const auto change = store_.beginLocalChange();
+    if (entry->LocalJournalType != kJournalUpdate || !queue_.contains(*entry)) return;
+    const JournalQueue::Edit edit(queue_, entry);
+    entry->LocalJournalType = kJournalCreate;
+}
+
 std::uint64_t LocalChangeJournal::sendings() const {
     const auto lock = store_.beginReadJournal();
     return sendings_;

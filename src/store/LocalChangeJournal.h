@@ -79,6 +79,10 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// The service has something else of the item at `tick`, which cannot be taken while entries wait: the
     /// share is asked again from there when they are sent. REQUIRES LOCK.
     void putOff(std::string_view internalName, std::int32_t tick);
+    /// The service gives the ticks above `tick` a second time: no entry claims to know one. REQUIRES LOCK.
+    void forgetTicks(std::string_view shareId, std::int32_t tick);
+    /// The service does not know the item of this Update: it is sent as a new one.
+    void becomeCreate(const LocalJournalPtr& entry);
     /// The user changed times or permissions: what still waits to bring the item takes them along. By
     /// themselves they are nothing to send.
     void attributesChanged(const TWVirtualFile& file);

@@ -41,6 +41,9 @@ class RemoteChanges {
 
     /// The share's changes after this tick are needed once more: the next catch-up begins there.
     void askAgain(std::string_view shareId, std::int32_t after);
+    /// The service's ticks end at `tick`, below what is known here: it gives them a second time, for other
+    /// changes. Forgets every tick above, and asks for all of the share once more.
+    void startOver(std::string_view shareId, std::int32_t tick);
 
     /// The shares of one domain, as its login reply lists them. Shares of the domain that are no longer
     /// listed are deleted with their data. The records become the store's, in place of those it had.

@@ -128,9 +128,8 @@ bool RemoteChanges::FilesMerge::hasCacheFile(const TWVirtualFile& file) {
 void RemoteChanges::FilesMerge::releaseContents(const TWVirtualFile& file,
                                                 const std::optional<ContentVersion>& version) {
     const bool isOnlyHere = version && version->isEdited();
-    if (isOnlyHere &&
-        store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
-                               "the service has newer contents of the file") != 0) {
+    if (isOnlyHere && store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
+                                             "the service has newer contents of the file") != 0) {
         return;
     }
     store_.deleteFileDataLater(file);
@@ -381,6 +380,17 @@ void RemoteChanges::askAgain(std::string_view shareId, std::int32_t after) {
     if (!share || share->LastApplyedJournalTick <= after) return;
     share->LastApplyedJournalTick = std::max(after, -1);
     store_.noteShareChanged(*share);
+}
+
+void RemoteChanges::startOver(std::string_view shareId, std::int32_t tick) {
+    const auto change = store_.beginLocalChange();
+    for (const auto& file : store_.allFiles()) {
+        if (file->ShareId != shareId || file->Tick <= tick) continue;
+        file->Tick = -1;
+        store_.markChanged(*file);
+    }
+    store_.journal().forgetTicks(shareId, tick);
+    askAgain(shareId, -1);
 }
 
 }  // namespace tarnwell

@@ -80,9 +80,9 @@ TEST_F(UploadTest, endsAsTheAnswerSays) {
         EXPECT_EQ(world.takeEvents().back(), "UploadFinished: error");
         if (ending == kGone) {
             EXPECT_THAT(journal(), IsEmpty());
-            EXPECT_EQ(contentsOf(world.cachePath(file)), contents);
-            EXPECT_TRUE(world.replay.refersTo(file->InternalName.view())) << "the service's never replace it";
-            file->LocallyUpdated.reset();
+            EXPECT_EQ(KeptFiles::count(world.layout), 1u) << "the user's only copy";
+            EXPECT_FALSE(world.store.fileWithId(file->InternalName.view())) << "the service never had it";
+            EXPECT_EQ(takeRequests().back(), "catchup s1");
         } else {
             EXPECT_THAT(journal(), ElementsAre(ending == kGoesOn ? "create f*+30" : "create f+30"));
             faulty = false;

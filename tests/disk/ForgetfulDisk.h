@@ -22,10 +22,11 @@ namespace tarnwell::testing {
 ///
 /// | | kOrdered | kHostile |
 /// |---|---|---|
-/// | fsync of a file | the journal up to the last operation on this file, all of it when the file grew | its attributes |
-/// | fdatasync of a file | the same without changes of attributes and names | nothing |
-/// | fsync of a folder | the journal up to the last operation in this folder | the operations in it |
-/// | cut | a prefix of the journal; nothing of a file's growth after its end | any operations, each with those that it builds on |
+/// | fsync of a file | the journal up to the last operation on this file, all of it when the file grew | its
+/// attributes | | fdatasync of a file | the same without changes of attributes and names | nothing | | fsync
+/// of a folder | the journal up to the last operation in this folder | the operations in it | | cut | a
+/// prefix of the journal; nothing of a file's growth after its end | any operations, each with those that it
+/// builds on |
 ///
 /// kOrdered is what journalling file systems keep, without their courtesies: a new file that replaces another
 /// may be empty after the cut although the replacement was kept. kHostile is what the standard leaves open.

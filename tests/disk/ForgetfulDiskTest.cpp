@@ -1,2 +1,2 @@
-#include "disk/ForgetfulDisk.h"
 #include <gtest/gtest.h>
+#include "disk/ForgetfulDisk.h"

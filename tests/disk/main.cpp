@@ -1,7 +1,7 @@
 // forgetful-disk MOUNTPOINT SOCKET [--from FOLDER] [--hostile]
 //
-// Mounts a disk that can lose what was not synced. FOLDER is what it holds at the beginning, as durable. SOCKET
-// takes lines and answers each with one line, "ok ..." or "error ...":
+// Mounts a disk that can lose what was not synced. FOLDER is what it holds at the beginning, as durable.
+// SOCKET takes lines and answers each with one line, "ok ..." or "error ...":
 //
 //   cut SEED FOLDER              writes FOLDER/state, one that a power cut may leave now, and FOLDER/time
 //   keep FOLDER                  the same with nothing lost
