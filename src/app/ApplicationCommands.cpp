@@ -112,7 +112,7 @@ void TWApplicationDelegate::refresh(CommandRequests::Answer answer) {
 
 void TWApplicationDelegate::answerQuitRequests() {
     for (const auto& answer : std::exchange(quitRequests_, {}))
-        answer({true, ""});
+        answer({quitProblem_.empty(), quitProblem_});
 }
 
 }  // namespace tarnwell

@@ -1,5 +1,6 @@
 #include "app/TWApplicationDelegate.h"
 
+#include <cstring>
 #include <utility>
 
 #include "app/ApplicationIdentity.h"
@@ -9,6 +10,8 @@
 #include "platform/DesktopServices.h"
 #include "platform/NotificationCenter.h"
 #include "platform/UserDefaults.h"
+#include "store/LocalChangeJournal.h"
+#include "store/StorePersistence.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 #include "util/TWUtils.h"
@@ -256,6 +259,22 @@ bool TWApplicationDelegate::storageEmpty() {
 bool TWApplicationDelegate::saveStore() {
     environment_.storeKeeper->checkForFileModifications();
     return environment_.storeKeeper->save();
+}
+
+void TWApplicationDelegate::saveFailed() {
+    exitStatus_ = 1;
+    auto& store = environment_.store;
+    const int error = store.persistence().flushChanges();
+    quitProblem_ =
+        error == 0
+            ? std::string(
+                  "The state of the drive could not be saved. No change is lost: all are in the "
+                  "change log, which the next start reads.")
+            : format(
+                  "Not all changes could be written to the disk: %@. %d wait to be sent; the next start "
+                  "may not know all of them.",
+                  std::strerror(error), store.journal().backlog().changes);
+    environment_.userInterface.showAlert({"Saving failed", quitProblem_, {"Ok"}}, [](std::size_t) {});
 }
 
 bool TWApplicationDelegate::shutdownBlocked() {

@@ -145,6 +145,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void stopObserving() override;
     bool storageEmpty() override;
     bool saveStore() override;
+    void saveFailed() override;
     bool shutdownBlocked() override;
     void setCleanShutdown() override;
     void terminateNow() override { environment_.machine.quit(exitStatus_); }
@@ -164,6 +165,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     bool isOnlyInstance_ = false;  // until then another one may own the settings and the cache
     bool isFinishedInitialization_ = false;
     int exitStatus_ = 0;
+    std::string quitProblem_;  ///< what those who asked to quit are told; empty: nothing went wrong
     int signals_ = 0;
     std::vector<CommandRequests::Answer> quitRequests_;
     Timer openedFilesTimer_;
