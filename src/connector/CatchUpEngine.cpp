@@ -25,6 +25,7 @@ struct CatchUpEngine::Page {
     std::string shareName;
     std::int32_t tick = 0;
     std::uint64_t epoch = 0;
+    RemoteChanges::Asked asked;
 };
 
 CatchUpEngine::CatchUpEngine(const ConnectorEnvironment& environment, ConnectorSession& session,
@@ -89,7 +90,8 @@ bool CatchUpEngine::sendCatchupRequest(const ManagedSharePtr& share, std::int32_
     }
     entry->second = startTick;
     TWLog(kLogMain, "sendCatchupRequest: catching up share %@ from tick %d.", address.shareName, startTick);
-    Page page{address.shareId, address.shareName, startTick, epoch_};
+    Page page{address.shareId, address.shareName, startTick, epoch_,
+              environment_.store.remoteChanges().asking(*share)};
     environment_.urlLoader.sendAsynchronously(
         endpoints::catchUp(address, startTick, kPageSize), environment_.catchUpQueue,
         gate_.guard([this, page = std::move(page)](const UrlReply& reply) { pageAnswered(page, reply); }));
@@ -130,8 +132,11 @@ void CatchUpEngine::finishPage(const Page& page, const OSXCatchUpResponse* respo
     const auto share = environment_.store.shareWithId(page.shareId);
     lock.unlock();
     const bool applied = responce && share && applyPage(page, *responce, share);
-    if (applied && responce->TwVirtualFiles.size() >= static_cast<std::size_t>(kPageSize) &&
-        page.tick <= std::numeric_limits<std::int32_t>::max() - kPageSize) {
+    if (applied && environment_.store.remoteChanges().asking(*share).tick < page.asked.tick) {
+        // Something below this page is wanted again: from there, all of it.
+        onceMore_.insert(page.shareId);
+    } else if (applied && responce->TwVirtualFiles.size() >= static_cast<std::size_t>(kPageSize) &&
+               page.tick <= std::numeric_limits<std::int32_t>::max() - kPageSize) {
         // Pages follow each other by start tick, not by the largest tick seen: a page may answer ticks of the
         // next one as well, which come twice then and are never missed.
         TWLog(kLogMain, "sendCatchupRequest: continuing catchup for share %@, tick %d.", page.shareName,
@@ -147,7 +152,7 @@ bool CatchUpEngine::applyPage(const Page& page, const OSXCatchUpResponse& respon
     try {
         if (!responce.TwVirtualFiles.empty()) {
             environment_.store.remoteChanges().updateFiles(responce.TwVirtualFiles, responce.LargestTick,
-                                                           share);
+                                                           share, page.asked);
         }
     } catch (const std::exception& error) {
         TWLog(kLogMain, "Error! Cannot apply catchup responce for share %@: %@", page.shareName,

@@ -74,15 +74,9 @@ std::optional<std::string> DownloadEngine::downloadFileChunk(const TWVirtualFile
 }
 
 bool DownloadEngine::isFileDownloaded(const TWVirtualFile& file) const {
-    std::string path;
-    bool onlyHere = false;
-    {
-        const auto lock = parts_->environment.store.beginReadStorage();
-        if (file.size() == 0) return true;
-        onlyHere = takesNoPart(file) && file.UploadUrl.empty();
-        path = parts_->environment.store.layout().cachePathForFile(file);
-    }
-    return onlyHere || ::access(path.c_str(), F_OK) == 0;
+    const auto& store = parts_->environment.store;
+    const auto lock = store.beginReadStorage();
+    return (takesNoPart(file) && file.UploadUrl.empty()) || store.holdsContents(file);
 }
 
 // The queue

@@ -12,6 +12,7 @@
 #include "connector/DownloadFiles.h"
 #include "platform/Clock.h"
 #include "platform/UserDefaults.h"
+#include "store/ContentVersion.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 #include "util/TWUtils.h"
@@ -54,7 +55,7 @@ void DownloadExpiry::checkDownloadsToDelete(int hours) {
         {
             // One file at a time: the drive waits for no more than that. The record is looked at again under
             // the lock that a local change of it would take.
-            const auto lock = store.beginWriteStorage();
+            const auto change = store.beginLocalChange();
             if (store.fileWithId(file->InternalName.view()) != file) continue;
             if (!file->DownloadDate || *file->DownloadDate >= cutoff || file->LocallyUpdated.value_or(false))
                 continue;
@@ -62,7 +63,11 @@ void DownloadExpiry::checkDownloadsToDelete(int hours) {
                 continue;
             if (auto* replay = replay_.load(); replay && replay->refersTo(file->InternalName.view()))
                 continue;
+            // A program that is reading it goes on doing so.
+            if (store.isOpen(file->InternalName.view())) continue;
             const std::string cached = store.layout().cachePathForFile(*file);
+            const auto version = ContentVersion::of(cached);
+            if (version && version->isOwn()) continue;
             dropped = appendPathComponent(store.layout().downloadsCachePath(), "expired-" + generateGUID());
             if (::access(cached.c_str(), F_OK) != 0) continue;
             TWLog(kLogMain, "File download %@ appears to be expired - deleting.", file->FullPath.view());

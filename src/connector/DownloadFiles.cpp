@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "connector/FileDescriptor.h"
 #include "connector/StoreQueries.h"
+#include "store/ContentVersion.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 
@@ -19,10 +19,6 @@ namespace {
 bool isFileName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
            name.find('\0') == std::string_view::npos;
-}
-
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
 }
 
 }  // namespace
@@ -53,9 +49,10 @@ std::optional<DownloadSource> downloadSource(const TWMetadataStorage& store, con
     return source;
 }
 
-std::optional<std::string> readFileRange(const std::string& path, std::int64_t position, std::int64_t size) {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) return std::nullopt;
+namespace {
+
+std::optional<std::string> readOpenRange(const FileDescriptor& file, std::int64_t position,
+                                         std::int64_t size) {
     std::string bytes(static_cast<std::size_t>(size), '\0');
     std::size_t done = 0;
     while (done < bytes.size()) {
@@ -68,27 +65,60 @@ std::optional<std::string> readFileRange(const std::string& path, std::int64_t p
     return bytes;
 }
 
-bool writeFileDurably(const std::string& path, std::string_view bytes) {
+}  // namespace
+
+std::optional<std::string> readFileRange(const std::string& path, std::int64_t position, std::int64_t size) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file ? readOpenRange(file, position, size) : std::nullopt;
+}
+
+std::optional<std::string> readVersionRange(const std::string& path, std::string_view uploadName,
+                                            std::int64_t position, std::int64_t size) {
+    const auto isThat = [uploadName](int descriptor) {
+        const auto version = ContentVersion::of(descriptor);
+        return version && !version->isEdited() && version->isOf(uploadName);
+    };
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file || !isThat(file.get())) return std::nullopt;
+    auto bytes = readOpenRange(file, position, size);
+    // The user may have begun to change them meanwhile.
+    return isThat(file.get()) ? std::move(bytes) : std::nullopt;
+}
+
+FileDescriptor writeUnsynced(const std::string& path, std::string_view bytes, std::string_view uploadName) {
     FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!file || !file.writeAt(bytes, 0) || ::fdatasync(file.get()) != 0) {
-        const int error = errno;
-        TWLog(kLogMain, "Error: failed to write download file %@. Error %d", path, error);
-        if (file) ::unlink(path.c_str());
-        return false;
+    int error = file && file.writeAt(bytes, 0) ? 0 : errno;
+    if (error == 0) error = ContentVersion::unsynced(uploadName).set(file.get());
+    if (error == 0) return file;
+    TWLog(kLogMain, "Error: failed to write download file %@. Error %d", path, error);
+    if (file) ::unlink(path.c_str());
+    return FileDescriptor(-1);
+}
+
+void syncContents(TWMetadataStorage& store, const FileDescriptor& file, std::string_view uploadName) {
+    if (::fsync(file.get()) != 0) {
+        TWLog(kLogMain, "Error: failed to sync a downloaded file. Error %d", errno);
+        return;
     }
-    return true;
+    // Under the lock: the user may have begun to change the bytes, or they were journalled under a new name.
+    const auto lock = store.beginWriteStorage();
+    if (ContentVersion::of(file.get()) != ContentVersion::unsynced(uploadName)) return;
+    if (const int error = ContentVersion::clean(uploadName).set(file.get()))
+        TWLog(kLogMain, "Error: failed to mark a downloaded file. Error %d", error);
 }
 
 InstallResult installContents(TWMetadataStorage& store, const DownloadSource& source,
                               const std::string& path) {
-    const auto lock = store.beginWriteStorage();
+    // Record and bytes go together. The bytes may come first: without the record they are not used.
+    const auto change = store.beginLocalChange();
     const auto stored = store.fileWithId(source.internalName);
     if (!stored || stored->UploadName != source.uploadName || stored->LocallyUpdated.value_or(false)) {
         return InstallResult::kOutdated;
     }
-    if (exists(source.cachePath)) {
+    if (store.holdsContents(*stored)) {
         ::unlink(path.c_str());
-    } else if (::rename(path.c_str(), source.cachePath.c_str()) != 0) {
+    } else if (!store.makeRoomForContents(*stored) ||
+               ::rename(path.c_str(), source.cachePath.c_str()) != 0) {
         TWLog(kLogMain, "Error: failed to move downloaded file %@ to the cache. Error %d", source.publicName,
               errno);
         return InstallResult::kFailed;

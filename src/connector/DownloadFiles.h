@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "connector/Endpoints.h"
+#include "connector/FileDescriptor.h"
 #include "store/TWVirtualFile.h"
 
 namespace tarnwell {
@@ -37,9 +38,19 @@ struct DownloadSource {
 [[nodiscard]] std::optional<std::string> readFileRange(const std::string& path, std::int64_t position,
                                                        std::int64_t size);
 
-/// Writes a new file of mode 0600 that survives a crash once this returns true. Failures are logged and leave
-/// nothing.
-bool writeFileDurably(const std::string& path, std::string_view bytes);
+/// As readFileRange(), where the file has that version.
+[[nodiscard]] std::optional<std::string> readVersionRange(const std::string& path,
+                                                          std::string_view uploadName, std::int64_t position,
+                                                          std::int64_t size);
+
+/// Writes a new file of mode 0600 with that version, not synced. An invalid descriptor after a failure, which
+/// is logged and leaves nothing.
+[[nodiscard]] FileDescriptor writeUnsynced(const std::string& path, std::string_view bytes,
+                                           std::string_view uploadName);
+
+/// Syncs what writeUnsynced() made, which may have its place in the cache by now, and lets it count beyond
+/// this run.
+void syncContents(TWMetadataStorage& store, const FileDescriptor& file, std::string_view uploadName);
 
 enum class InstallResult {
     kInstalled,
@@ -47,9 +58,9 @@ enum class InstallResult {
     kFailed,
 };
 
-/// Moves fetched contents to their place in the cache and sets `DownloadDate`. Contents that stand there
-/// already are never replaced: they are this version, or the user's own. Locks the store, so that no change
-/// of the record comes between the check and the move. REQUIRES: the file at `path` is whole and durable.
+/// Moves fetched contents to their place in the cache and sets `DownloadDate`, both in one change of the
+/// store. Contents of that version, or the user's own, that are there already are never replaced; bytes of
+/// another version are. REQUIRES: the file at `path` is whole and says which version it is (ContentVersion).
 InstallResult installContents(TWMetadataStorage& store, const DownloadSource& source,
                               const std::string& path);
 

@@ -16,6 +16,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "platform/UrlLoader.h"
+#include "store/ContentVersion.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 
@@ -141,6 +142,11 @@ bool DownloadWorker::isCurrent(const TWDownloadOperation& operation) const {
     return stored && stored->UploadName == operation.uploadName;
 }
 
+bool DownloadWorker::isHere(const TWDownloadOperation& operation) const {
+    const auto lock = environment_.store.beginReadStorage();
+    return isCurrent(operation) && environment_.store.holdsContents(*operation.file);
+}
+
 bool DownloadWorker::fetchChunks(TWDownloadOperation& operation, const DownloadSource& source,
                                  const FileDescriptor& partial) {
     struct stat status = {};
@@ -217,7 +223,7 @@ std::uint32_t DownloadWorker::nextChunkSize(std::uint32_t chunk, double speed) {
 
 bool DownloadWorker::cancelled(TWDownloadOperation& operation, const DownloadSource& source) {
     if (!operation.cancel) return false;
-    if (::access(source.cachePath.c_str(), F_OK) == 0) {
+    if (isHere(operation)) {
         TWLog(kLogMain, "File %@ download cancelled, but file was already downloaded.", source.publicName);
     } else {
         TWLog(kLogMain, "File %@ download cancelled.", source.publicName);
@@ -235,7 +241,9 @@ bool DownloadWorker::cancelled(TWDownloadOperation& operation, const DownloadSou
 bool DownloadWorker::complete(TWDownloadOperation& operation, const DownloadSource& source,
                               const FileDescriptor& partial) {
     auto result = InstallResult::kFailed;
-    if (::fdatasync(partial.get()) == 0) {
+    errno = ContentVersion::clean(source.uploadName).set(partial.get());
+    // The version with the bytes.
+    if (errno == 0 && ::fsync(partial.get()) == 0) {
         result = installContents(environment_.store, source, source.partialPath);
     } else {
         TWLog(kLogMain, "Error: failed to write download file %@. Error %d", source.partialPath, errno);

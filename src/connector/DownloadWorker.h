@@ -48,6 +48,7 @@ class DownloadWorker {
     void downloadFilesTaskWorker();
     bool downloadFileForOperation(TWDownloadOperation& operation);
     [[nodiscard]] bool isCurrent(const TWDownloadOperation& operation) const;
+    [[nodiscard]] bool isHere(const TWDownloadOperation& operation) const;
     bool fetchChunks(TWDownloadOperation& operation, const DownloadSource& source,
                      const FileDescriptor& partial);
     bool keepChunk(TWDownloadOperation& operation, const DownloadSource& source,

@@ -23,8 +23,8 @@ namespace {
 
 /// Waiting this long without an answer makes a gateway a silent one, for as long again.
 constexpr std::chrono::seconds kSilence{5};
-/// Small files that may wait for the disk at once: 16 MB. Beyond, their readers write them.
-constexpr std::size_t kMaximumUnwritten = 64;
+/// Small files that may wait for the disk at once: 16 MB. Beyond, their readers wait for it.
+constexpr std::size_t kMaximumUnsynced = 64;
 /// A reader waits this long for another one's request for the same small file.
 constexpr std::chrono::seconds kLongestWait = endpoints::kRangeReadLimit + std::chrono::seconds(2);
 /// A chunk of the worker takes about a second; one that follows it and sees none for longer asks for itself.
@@ -93,7 +93,7 @@ std::optional<std::string> RangeReader::fromDisk(const DownloadSource& source, s
                                                  std::int64_t size) {
     if (auto bytes = readFileRange(source.partialPath, position, size)) return bytes;
     // The download ended this moment and the file moved.
-    return readFileRange(source.cachePath, position, size);
+    return readVersionRange(source.cachePath, source.uploadName, position, size);
 }
 
 // Small files
@@ -110,31 +110,21 @@ RangeReader::Bytes RangeReader::wholeFile(const DownloadSource& source) {
         flight = std::make_shared<Flight>();
         flights_[source.uploadName] = flight;
     }
-    // Another reader's request may have ended between this reader's look at the cache and now.
     Bytes bytes;
-    bool cached = false;
     try {
-        if (auto contents = readFileRange(source.cachePath, 0, source.size)) {
-            bytes = std::make_shared<const std::string>(std::move(*contents));
-            cached = true;
+        // Another reader's request may have ended between this reader's look at the cache and now.
+        if (auto cached = readVersionRange(source.cachePath, source.uploadName, 0, source.size)) {
+            bytes = std::make_shared<const std::string>(std::move(*cached));
         } else {
             bytes = fetchWholeFile(source);
+            // Before the answer: what a program does next with the file finds its contents here.
+            if (bytes && static_cast<std::int64_t>(bytes->size()) == source.size) keep(source, *bytes);
         }
     } catch (...) {
-        land(source.uploadName, flight);
+        land(source.uploadName, flight, nullptr);
         throw;
     }
-    const bool whole = bytes && static_cast<std::int64_t>(bytes->size()) == source.size;
-    {
-        const std::lock_guard lock(mutex_);
-        flight->answered = true;
-        flight->bytes = bytes;
-        answered_.notify_all();
-    }
-    if (whole && !cached)
-        keep(source, bytes, flight);
-    else
-        land(source.uploadName, flight);
+    land(source.uploadName, flight, bytes);
     return bytes;
 }
 
@@ -149,44 +139,41 @@ RangeReader::Bytes RangeReader::fetchWholeFile(const DownloadSource& source) {
     return std::make_shared<const std::string>(std::move(*bytes));
 }
 
-void RangeReader::keep(const DownloadSource& source, const Bytes& bytes, const FlightPtr& flight) {
-    bool later = false;
-    {
-        const std::lock_guard lock(mutex_);
-        later = unwritten_ < kMaximumUnwritten;
-        ++unwritten_;
-    }
-    auto write = [this, source, bytes, flight] { persist(source, *bytes, flight); };
-    if (later)
-        environment_.background.async(gate_.guard(std::move(write)));
-    else
-        write();
-}
-
-void RangeReader::persist(const DownloadSource& source, const std::string& bytes, const FlightPtr& flight) {
+void RangeReader::keep(const DownloadSource& source, const std::string& bytes) {
     // Not the worker's partial file: that may be growing at this moment.
     const std::string path =
         appendPathComponent(environment_.store.layout().downloadsCachePath(), "whole-" + generateGUID());
-    try {
-        if (writeFileDurably(path, bytes) &&
-            installContents(environment_.store, source, path) == InstallResult::kInstalled) {
-            delegate_.deleteFileDownload(source.file);
-        } else {
-            ::unlink(path.c_str());
-        }
-    } catch (const std::exception& error) {
-        TWLog(kLogMain, "Error: failed to keep downloaded file %@: %@", source.publicName, error.what());
+    const auto file =
+        std::make_shared<const FileDescriptor>(writeUnsynced(path, bytes, source.uploadName));
+    if (!*file) return;
+    if (installContents(environment_.store, source, path) != InstallResult::kInstalled) {
+        ::unlink(path.c_str());
+        return;
     }
+    delegate_.deleteFileDownload(source.file);
+    bool later = false;
     {
         const std::lock_guard lock(mutex_);
-        --unwritten_;
+        later = unsynced_ < kMaximumUnsynced;
+        ++unsynced_;
     }
-    land(source.uploadName, flight);
+    auto run = [this, file, uploadName = source.uploadName] { sync(file, uploadName); };
+    if (later)
+        environment_.background.async(gate_.guard(std::move(run)));
+    else
+        run();
 }
 
-void RangeReader::land(const std::string& uploadName, const FlightPtr& flight) {
+void RangeReader::sync(const std::shared_ptr<const FileDescriptor>& file, const std::string& uploadName) {
+    syncContents(environment_.store, *file, uploadName);
+    const std::lock_guard lock(mutex_);
+    --unsynced_;
+}
+
+void RangeReader::land(const std::string& uploadName, const FlightPtr& flight, Bytes bytes) {
     const std::lock_guard lock(mutex_);
     flight->answered = true;
+    flight->bytes = std::move(bytes);
     if (const auto found = flights_.find(uploadName); found != flights_.end() && found->second == flight) {
         flights_.erase(found);
     }

@@ -23,8 +23,8 @@ class TaskGate;
 
 /// The drive's reads of contents that are not in the cache: one range at once, without waiting for the queue.
 ///
-/// A small file is fetched whole, once however many readers ask, and kept; its readers are answered as soon
-/// as the bytes are here, the way to the disk follows in the background. Of a larger one exactly the range is
+/// A small file is fetched whole, once however many readers ask, and is in the cache when they are answered;
+/// the sync, without which it does not count beyond this run, follows in the background. Of a larger one exactly the range is
 /// fetched, and the whole file is queued for the worker. A sequential reader follows the worker where that
 /// one is, or is about to be, so that the bytes come over the link once; elsewhere it is asked ahead for.
 ///
@@ -57,7 +57,7 @@ class RangeReader {
 
   private:
     using Bytes = std::shared_ptr<const std::string>;
-    /// A small file on its way. Stays known until it is on disk, so that nobody fetches it twice.
+    /// A small file on its way.
     struct Flight {
         bool answered = false;
         Bytes bytes;  // null: failed
@@ -70,9 +70,9 @@ class RangeReader {
                                                std::int64_t size);
     Bytes wholeFile(const DownloadSource& source);
     Bytes fetchWholeFile(const DownloadSource& source);
-    void keep(const DownloadSource& source, const Bytes& bytes, const FlightPtr& flight);
-    void persist(const DownloadSource& source, const std::string& bytes, const FlightPtr& flight);
-    void land(const std::string& uploadName, const FlightPtr& flight);
+    void keep(const DownloadSource& source, const std::string& bytes);
+    void sync(const std::shared_ptr<const FileDescriptor>& file, const std::string& uploadName);
+    void land(const std::string& uploadName, const FlightPtr& flight, Bytes bytes);
     std::optional<std::string> range(const DownloadSource& source, std::int64_t position, std::int64_t size,
                                      bool sequential);
     std::optional<std::string> fetch(const DownloadSource& source, std::int64_t position, std::int64_t size);
@@ -91,7 +91,7 @@ class RangeReader {
     std::mutex mutex_;
     std::condition_variable answered_;
     std::map<std::string, FlightPtr> flights_;  // by `UploadName`; guarded by mutex_, as all below
-    std::size_t unwritten_ = 0;                 // flights whose bytes wait for the disk
+    std::size_t unsynced_ = 0;                  // files that wait for the disk
     std::map<std::string, Date> silentSince_;   // by gateway
 };
 

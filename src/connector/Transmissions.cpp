@@ -7,6 +7,7 @@
 #include "connector/StoreQueries.h"
 #include "platform/Clock.h"
 #include "store/LocalChangeJournal.h"
+#include "store/RemoteChanges.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 
@@ -80,7 +81,11 @@ void Transmissions::deleteSucceededRequest(const LocalJournalPtr& entry) {
         if (!leave(entry)) return;
         if (bringsContents(*entry)) sent = *entry->File;
         if (journal_.isQueued(*entry)) {
-            if (wanted(*entry)) journal_.addCatchupForFileUpdate(entry->File);
+            if (wanted(*entry)) {
+                if (entry->ForeignTick)
+                    store.remoteChanges().askAgain(entry->File->ShareId.view(), *entry->ForeignTick - 1);
+                journal_.addCatchupForFileUpdate(entry->File);
+            }
             if (bringsContents(*entry)) {
                 if (const auto live = store.fileWithId(entry->File->InternalName.view())) {
                     live->LastUploadName = entry->File->UploadName;

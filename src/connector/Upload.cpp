@@ -88,7 +88,7 @@ void Upload::begin() {
 bool Upload::openCopy() {
     if (file_->UploadName.empty()) return true;
     auto& store = context_.environment.store;
-    auto source = openUploadFileForReading(store, context_.downloads, entry_, [this] {
+    auto source = openUploadFileForReading(store, entry_, [this] {
         return context_.gate.closed() || context_.environment.store.terminating();
     });
     struct stat status = {};

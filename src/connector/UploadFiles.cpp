@@ -10,7 +10,6 @@
 #include <system_error>
 #include <utility>
 
-#include "connector/DownloadEngine.h"
 #include "store/FileCopy.h"
 #include "store/TWMetadataStorage.h"
 #include "util/Hash.h"
@@ -56,9 +55,13 @@ UploadSource copyAgain(TWMetadataStorage& store, const LocalJournalPtr& entry, c
     const std::string temporary = store.layout().uploadsCachePath() + "/" + kTemporaryPrefix + generateGUID();
     const auto result = copyFileContents(cached, temporary, stopped);
     std::error_code problem = result.error;
-    // What changed it is journalled in its turn.
-    if (!problem && result.sourceChanged)
-        problem = std::make_error_code(std::errc::resource_unavailable_try_again);
+    if (!problem) {
+        const auto lock = store.beginReadStorage();
+        // What changed it is journalled in its turn.
+        const bool whole = !result.sourceChanged && store.isStillVersion(cached, file.InternalName.view(),
+                                                                         file.UploadName.view());
+        if (!whole) problem = std::make_error_code(std::errc::resource_unavailable_try_again);
+    }
     if (!problem) {
         const auto lock = store.beginReadStorage();
         const bool current = entry->File->UploadName == file.UploadName;
@@ -109,8 +112,8 @@ bool readRange(int descriptor, std::int64_t position, std::string& bytes) {
     return true;
 }
 
-UploadSource openUploadFileForReading(TWMetadataStorage& store, const DownloadEngine& downloads,
-                                      const LocalJournalPtr& entry, const std::function<bool()>& stopped) {
+UploadSource openUploadFileForReading(TWMetadataStorage& store, const LocalJournalPtr& entry,
+                                      const std::function<bool()>& stopped) {
     TWVirtualFile file;
     {
         const auto lock = store.beginReadStorage();
@@ -118,32 +121,27 @@ UploadSource openUploadFileForReading(TWMetadataStorage& store, const DownloadEn
     }
     const int copy = openForReading(store.layout().cachePathForUpload(file));
     if (copy >= 0 || errno != ENOENT) return opened(copy);
-    if (!downloads.isFileDownloaded(file)) {
-        TWLog(kLogMain,
-              "Error: upload for file %@ is missing, but there is no local copy as well. Deleting journal "
-              "entry.",
-              file.PublicName);
-        return nothingToSend();
-    }
-    int descriptor = -1;
+    OwnedDescriptor cached;
     {
-        const auto lock = store.beginWriteStorage();
+        const auto lock = store.beginReadStorage();
+        auto state = TWMetadataStorage::OpenedVersion::kGone;
+        cached = store.openVersion(file.InternalName.view(), file.UploadName.view(), state);
+        // The burst that is under way ends in the journal, with this entry.
+        if (state == TWMetadataStorage::OpenedVersion::kEdited)
+            return {.state = UploadSource::State::kUnreadable, .error = EAGAIN};
         const auto live = store.fileWithId(file.InternalName.view());
-        // Under the name of this upload the contents are still those of the user, whatever else came.
-        if (live && live->Tick > file.Tick && live->UploadName != file.UploadName) {
+        if (!cached && live && live->Tick > file.Tick && live->UploadName != file.UploadName) {
             TWLog(kLogMain,
                   "Error: upload for file %@ is missing, but local file was overwritten remotely. Deleting "
                   "journal entry.",
                   file.PublicName);
             return nothingToSend();
         }
-        // Once open, the bytes stay the same file.
-        if (live) descriptor = openForReading(store.layout().cachePathForFile(*live));
     }
-    const FileDescriptor cached(descriptor);
-    if (!cached || !isRegularFile(cached.get())) {
+    if (!cached) {
         TWLog(kLogMain,
-              "Error: upload for file %@ is missing, and there is no local copy. Deleting journal entry.",
+              "Error: upload for file %@ is missing, but there is no local copy as well. Deleting journal "
+              "entry.",
               file.PublicName);
         return nothingToSend();
     }

@@ -11,7 +11,6 @@
 
 namespace tarnwell {
 
-class DownloadEngine;
 class TWMetadataStorage;
 
 /// MD5 of a file read from its beginning, in blocks of 64 KiB, as hash text. None when `stopped` said so
@@ -34,11 +33,10 @@ struct UploadSource {
     FileDescriptor file{-1};
 };
 
-/// Opens the upload copy of an entry. A copy that is gone is made again from the cached contents, unless
-/// these are no longer the user's. Blocks on the disk, without the store's lock. REQUIRES: the entry's file
+/// Opens the upload copy of an entry. A copy that is gone is made again from the cached contents, where these
+/// are that version (ContentVersion). Blocks on the disk, without the store's lock. REQUIRES: the entry's file
 /// has an upload name.
-[[nodiscard]] UploadSource openUploadFileForReading(TWMetadataStorage& store, const DownloadEngine& downloads,
-                                                    const LocalJournalPtr& entry,
+[[nodiscard]] UploadSource openUploadFileForReading(TWMetadataStorage& store, const LocalJournalPtr& entry,
                                                     const std::function<bool()>& stopped);
 
 }  // namespace tarnwell

@@ -6,9 +6,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <optional>
+#include <utility>
 
 #include "drive/DriveNames.h"
 #include "drive/TWFuseFileSystem.h"
+#include "store/ContentVersion.h"
 #include "store/Enums.h"
 #include "store/LocalChangeJournal.h"
 #include "util/TWLogger.h"
@@ -33,11 +36,34 @@ int makeSureOfFile(const std::string& path) {
     return 0;
 }
 
+/// Says of a cache file that is about to become another item's that it is being edited: until the journal
+/// has given the contents a name there, it proves them by the mark of that item. Taken back unless kept.
+class EditedStamp {
+  public:
+    EditedStamp(std::string path, const TWVirtualFile& record)
+        : path_(std::move(path)), former_(ContentVersion::of(path_)) {
+        if (former_ && former_->isEdited()) return;
+        error_ = ContentVersion::edited(record.UploadName.view()).set(path_);
+        isSet_ = error_ == 0;
+        if (error_ == EOPNOTSUPP) error_ = 0;
+    }
+    EditedStamp(const EditedStamp&) = delete;
+    EditedStamp& operator=(const EditedStamp&) = delete;
+    ~EditedStamp() {
+        if (isSet_ && former_) (void)former_->set(path_);
+    }
+    [[nodiscard]] int error() const { return error_; }
+    void keep() { isSet_ = false; }
+
+  private:
+    const std::string path_;
+    const std::optional<ContentVersion> former_;
+    int error_ = 0;
+    bool isSet_ = false;
+};
+
 }  // namespace
 
-/// An open of the cache file of the item at `path` when that is large: its space, which takes time to free,
-/// is then freed by whoever closes this, not under the store's lock. To be called, and to end, without the
-/// lock.
 OwnedDescriptor TWFuseFileSystem::holdLargeFile(const std::string& path) const {
     std::string cachePath;
     {
@@ -50,8 +76,9 @@ OwnedDescriptor TWFuseFileSystem::holdLargeFile(const std::string& path) const {
 }
 
 void TWFuseFileSystem::detachOpens(const TWVirtualFilePtr& file) const {
+    const auto cachePath = mediator_.isFileDownloaded(file) ? layout_.cachePathForFile(*file) : std::string();
     for (const auto& handle : TWFuseFileData::openedFiles(file->InternalName.view()))
-        handle->detach(file, layout_.cachePathForFile(*file));
+        handle->detach(file, cachePath);
 }
 
 bool TWFuseFileSystem::showsEntries(const TWVirtualFile& folder, bool alsoHidden) const {
@@ -70,35 +97,42 @@ bool TWFuseFileSystem::showsEntries(const TWVirtualFile& folder, bool alsoHidden
 
 ErrnoOr<Done> TWFuseFileSystem::moveItemAtPath(const std::string& path, const std::string& toPath,
                                                MoveRules rules) {
+    if (const auto missing = missingForMove(path, toPath)) {
+        // Where that fails the move does, and says so.
+        (void)fetchContents(missing);
+    }
+    const auto held = holdLargeFile(toPath);
+    const auto lock = store_.beginWriteStorage();
+    return moveItem(path, toPath, rules);
+}
+
+ErrnoOr<Done> TWFuseFileSystem::moveItem(const std::string& path, const std::string& toPath,
+                                         MoveRules rules) {
     TWLog(kLogFuse, "TWFuseFileSystem: moveItemAtPath:%@ toPath:%@", path, toPath);
     if (isReadOnly(toPath)) {
         TWLog(kLogFuse, "TWFuseFileSystem: moveItemAtPath failed since share is read-only");
         return Errno{EACCES};
     }
-    fetchForMove(path, toPath);
-    const auto held = holdLargeFile(toPath);
-    const auto lock = store_.beginWriteStorage();
-    const auto moved = moveLocked(path, toPath, rules);
+    LocalChange change(store_);
+    auto moved = moveLocked(path, toPath, rules);
+    if (moved) moved = answered(change);
     if (!moved) TWLog(kLogFuse, "TWFuseFileSystem: moveItemAtPath failed, errcode is %d", moved.error());
     return moved;
 }
 
 /// A name that takes no part in synchronisation leaves the service: the bytes have to be here then.
-void TWFuseFileSystem::fetchForMove(const std::string& path, const std::string& toPath) {
-    TWVirtualFilePtr file;
-    {
-        const auto lock = store_.beginReadStorage();
-        file = visibleFileWithPath(path);
-        if (!file || !file->IsFile || mediator_.isFileDownloaded(file)) return;
-        if (!CacheLayout::isPathIgnored(toPath, false) || CacheLayout::isPathIgnored(path, false)) return;
-    }
-    // Where that fails the move does, and says so.
-    (void)fetchContents(file);
+TWVirtualFilePtr TWFuseFileSystem::missingForMove(const std::string& path, const std::string& toPath) const {
+    const auto lock = store_.beginReadStorage();
+    const auto file = visibleFileWithPath(path);
+    if (!file || !file->IsFile || mediator_.isFileDownloaded(file)) return nullptr;
+    if (!CacheLayout::isPathIgnored(toPath, false) || CacheLayout::isPathIgnored(path, false)) return nullptr;
+    return file;
 }
 
 ErrnoOr<Done> TWFuseFileSystem::moveLocked(const std::string& path, const std::string& toPath,
                                            MoveRules rules) {
     if (CacheLayout::isRootPath(path) || CacheLayout::isRootPath(toPath)) return Errno{EIO};
+    if (const int error = refusal()) return Errno{error};
     if (CacheLayout::isSharePath(path)) return moveShare(path, toPath);
     if (CacheLayout::isSharePath(toPath)) return Errno{store_.shareWithPath(toPath) ? EIO : ENOENT};
     const auto source = visibleFileWithPath(path);
@@ -164,13 +198,17 @@ ErrnoOr<Done> TWFuseFileSystem::replaceFile(const TWVirtualFilePtr& source, cons
         if (const int error = makeSureOfFile(sourcePath)) return Errno{error};
     }
     const auto change = store_.beginLocalChange();
+    const bool targetIsHere = mediator_.isFileDownloaded(target);
+    EditedStamp stamp(sourcePath, *source);
+    if (stamp.error() != 0) return Errno{stamp.error()};
     // What the target had goes with the source's record.
     if (!store_.exchangeCachedFiles(*source, *target)) return Errno{EIO};
+    stamp.keep();
     // Not before: the opens of a target that stays would write what nobody hears of. They keep the record as
     // it was, by which contents that are not here can still be fetched.
     const auto former = std::make_shared<TWVirtualFile>(*target);
     for (const auto& handle : TWFuseFileData::openedFiles(target->InternalName.view()))
-        handle->detach(former, sourcePath);
+        handle->detach(former, targetIsHere ? sourcePath : std::string());
     target->LocallyUpdated = true;
     setSize(*target, source->size());
     target->LastWriteTime = source->LastWriteTime;
@@ -179,6 +217,8 @@ ErrnoOr<Done> TWFuseFileSystem::replaceFile(const TWVirtualFilePtr& source, cons
     store_.noteContentsChanged(*target);
     store_.noteAttributesChanged(*target);
     store_.noteIdentityChanged(*source, *target);
+    TWFuseFileData::contentsRenamed(target->InternalName.view(), source->UploadName.view(),
+                                    target->UploadName.view());
     store_.removeFile(source);
     // A program that goes on writing to what it has renamed ends the burst itself.
     endBurst(target, true, nullptr);
@@ -246,12 +286,24 @@ ErrnoOr<Done> TWFuseFileSystem::exchangeDataOfItemAtPath(const std::string& path
         if (file->size() != 0) return Errno{ENOENT};
         if (const int error = makeSureOfFile(cachePath)) return Errno{error};
     }
-    const auto change = store_.beginLocalChange();
-    if (!store_.exchangeCachedContents(*files[0], *files[1])) return Errno{EIO};
+    if (const int error = refusal()) return Errno{error};
+    LocalChange change(store_);
+    {
+        EditedStamp first(layout_.cachePathForFile(*files[0]), *files[0]);
+        EditedStamp second(layout_.cachePathForFile(*files[1]), *files[1]);
+        if (const int error = first.error() != 0 ? first.error() : second.error()) return Errno{error};
+        if (!store_.exchangeCachedContents(*files[0], *files[1])) return Errno{EIO};
+        first.keep();
+        second.keep();
+    }
     std::swap(files[0]->AllocationSize, files[1]->AllocationSize);
     std::swap(files[0]->EndOfFile, files[1]->EndOfFile);
     std::swap(files[0]->LastWriteTime, files[1]->LastWriteTime);
     store_.noteIdentitiesExchanged(*files[0], *files[1]);
+    for (int i = 0; i < 2; ++i) {
+        TWFuseFileData::contentsRenamed(files[i]->InternalName.view(), files[1 - i]->UploadName.view(),
+                                        files[i]->UploadName.view());
+    }
     for (const auto& file : files) {
         file->LocallyUpdated = true;
         store_.noteContentsChanged(*file);
@@ -259,7 +311,7 @@ ErrnoOr<Done> TWFuseFileSystem::exchangeDataOfItemAtPath(const std::string& path
         endBurst(file, true, nullptr);
     }
     store_.saveDelayed();
-    return Done{};
+    return answered(change);
 }
 
 // Removing
@@ -268,18 +320,18 @@ ErrnoOr<Done> TWFuseFileSystem::removeDirectoryAtPath(const std::string& path) {
     TWLog(kLogFuse, "TWFuseFileSystem: removeDirectoryAtPath:%@", path);
     if (!CacheLayout::isPathIgnored(path, true) && isReadOnly(path)) return Errno{EACCES};
     if (CacheLayout::isRootPath(path)) return Errno{EACCES};
-    const auto change = store_.beginLocalChange();
+    LocalChange change(store_);
     if (CacheLayout::isSharePath(path)) return Errno{store_.shareWithPath(path) ? EACCES : ENOENT};
     const auto folder = visibleFileWithPath(path);
     if (!folder) return Errno{ENOENT};
     if (folder->IsFile) return Errno{ENOTDIR};
+    if (const int error = refusal()) return Errno{error};
     for (const auto& handle : TWFuseFileData::openedFiles()) {
         const auto file = store_.fileWithId(handle->fileId().view());
-        if (file && file->FullPath.view().starts_with(folder->FullPath.str() + "/"))
-            handle->detach(file, layout_.cachePathForFile(*file));
+        if (file && file->FullPath.view().starts_with(folder->FullPath.str() + "/")) detachOpens(file);
     }
     store_.removeFolderRecursively(folder);
-    return Done{};
+    return answered(change);
 }
 
 ErrnoOr<Done> TWFuseFileSystem::removeEmptyDirectoryAtPath(const std::string& path) {
@@ -292,7 +344,7 @@ ErrnoOr<Done> TWFuseFileSystem::removeEmptyDirectoryAtPath(const std::string& pa
 ErrnoOr<Done> TWFuseFileSystem::removeItemAtPath(const std::string& path) {
     TWLog(kLogFuse, "TWFuseFileSystem: removeItemAtPath:%@", path);
     const auto held = holdLargeFile(path);
-    const auto change = store_.beginLocalChange();
+    LocalChange change(store_);
     const auto file = visibleFileWithPath(path);
     const bool isFolder = file && !file->IsFile;
     if (!CacheLayout::isPathIgnored(path, isFolder) && isReadOnly(path)) return Errno{EACCES};
@@ -301,9 +353,10 @@ ErrnoOr<Done> TWFuseFileSystem::removeItemAtPath(const std::string& path) {
     if (CacheLayout::isSharePath(path)) return Errno{store_.shareWithPath(path) ? EACCES : ENOENT};
     if (!file) return Errno{ENOENT};
     if (isFolder && showsEntries(*file, true)) return Errno{ENOTEMPTY};
+    if (const int error = refusal()) return Errno{error};
     if (!isFolder) detachOpens(file);
     store_.removeFile(file);
-    return Done{};
+    return answered(change);
 }
 
 bool TWFuseFileSystem::isWritable(const std::string& path) const {

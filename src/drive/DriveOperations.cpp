@@ -21,7 +21,7 @@ constexpr std::uint64_t kVolumeBlock = 4096;
 
 using Kind = NodeIdentity::Kind;
 
-/// Listings show names decomposed, programs type them composed: both are the item's own.
+/// The composed and the decomposed spelling of a name are both the item's own.
 bool isSpelledAs(const SharedString& itemName, std::string_view name) {
     return itemName == name || decomposed(itemName.view()) == decomposed(name);
 }
@@ -38,9 +38,13 @@ DriveOperations::~DriveOperations() {
 }
 
 std::string DriveOperations::pathOf(const NodeIdentity& identity) const {
-    const auto itemPath = [this](const SharedString& id) {
-        const auto lock = fileSystem_->store().beginReadStorage();
-        return fileSystem_->store().pathForItemWithId(id.view());
+    const auto itemPath = [&store = fileSystem_->store()](const SharedString& id) -> std::string {
+        if (const auto file = store.fileWithId(id.view())) {
+            // Names that differ in letter case alone share one path, which shows one of their items.
+            const bool shows = !file->Deleted && store.fileWithPath(file->FullPath.view()) == file;
+            return shows ? file->FullPath.str() : std::string();
+        }
+        return store.pathForItemWithId(id.view());
     };
     switch (identity.kind) {
         case Kind::root:
@@ -51,11 +55,42 @@ std::string DriveOperations::pathOf(const NodeIdentity& identity) const {
         case Kind::alias:
             return itemPath(identity.id);
         case Kind::gone:
-            break;
-        case Kind::refresh:
-            return appendPathComponent(identity.id ? itemPath(identity.id) : std::string("/"), kRefreshName);
+            // A request that looked the name up just before it was replaced means what has the name now. The
+            // kernel would look it up again only once.
+            return itemPath(identity.id);
+        case Kind::refresh: {
+            const auto folder = identity.id ? itemPath(identity.id) : std::string("/");
+            return folder.empty() ? folder : appendPathComponent(folder, kRefreshName);
+        }
     }
     return {};
+}
+
+std::string DriveOperations::pathOf(std::uint64_t node) const {
+    const auto place = placeOf(node);
+    return place ? place->path : std::string();
+}
+
+ErrnoOr<DriveOperations::Place> DriveOperations::placeOf(std::uint64_t node) const {
+    Place place{fileSystem_->store().beginWriteStorage(), {}, {}};
+    auto identity = nodes_.find(node);
+    if (!identity || (identity->kind == Kind::gone && removedFile(node))) return Errno{ESTALE};
+    place.identity = *std::move(identity);
+    place.path = pathOf(place.identity);
+    if (place.path.empty()) return Errno{ESTALE};
+    return place;
+}
+
+ErrnoOr<DriveOperations::Place> DriveOperations::placeOfChild(std::uint64_t parent, std::string_view name,
+                                                              bool isNew) const {
+    if (isNew) {
+        if (const int error = newNameError(name)) return Errno{error};
+    } else if (!isSafeName(name)) {
+        return Errno{name.size() > kMaximumName ? ENAMETOOLONG : ENOENT};
+    }
+    auto place = placeOf(parent);
+    if (place) place->path = appendPathComponent(place->path, name);
+    return place;
 }
 
 DriveOperations::Attributes DriveOperations::attributesOf(
@@ -76,18 +111,20 @@ DriveOperations::Attributes DriveOperations::attributesOf(
 }
 
 ErrnoOr<DriveOperations::Entry> DriveOperations::lookup(std::uint64_t parent, std::string_view name) {
-    const auto folder = nodes_.find(parent);
-    if (!folder) return Errno{ENOENT};
+    const auto folder = placeOf(parent);
+    if (!folder) return Errno{folder.error()};
     if (name.size() > kMaximumName) return Errno{ENAMETOOLONG};
     if (!isSafeName(name)) return Errno{ENOENT};
-    NodeIdentity identity;
-    const auto item = atPath(*folder, [&](const std::string& path) {
-        return fileSystem_->attributesOfItemAtPath(appendPathComponent(path, name), nullptr);
-    });
+    return entryIn(*folder, name);
+}
+
+ErrnoOr<DriveOperations::Entry> DriveOperations::entryIn(const Place& folder, std::string_view name) {
+    const auto item = fileSystem_->attributesOfItemAtPath(appendPathComponent(folder.path, name), nullptr);
     if (!item) return Errno{item.error()};
+    NodeIdentity identity;
     if (name == kRefreshName) {
-        identity = {Kind::refresh, folder->id};
-    } else if (folder->kind == Kind::root && name == kFuseLockName) {
+        identity = {Kind::refresh, folder.identity.id};
+    } else if (folder.identity.kind == Kind::root && name == kFuseLockName) {
         identity = {Kind::fuseLock, {}};
     } else {
         identity = {isSpelledAs(item->name, name) ? Kind::item : Kind::alias, item->id};
@@ -97,16 +134,14 @@ ErrnoOr<DriveOperations::Entry> DriveOperations::lookup(std::uint64_t parent, st
 }
 
 ErrnoOr<DriveOperations::Attributes> DriveOperations::getattr(std::uint64_t node) const {
-    const auto identity = nodes_.find(node);
-    if (!identity) return Errno{ENOENT};
-    const auto item =
-        atPath(*identity, [&](const std::string& path) -> ErrnoOr<TWFuseFileSystem::ItemAttributes> {
-            auto found = fileSystem_->attributesOfItemAtPath(path, nullptr);
-            // Another item may have taken the place of one that moved away.
-            if (found && identity->isItem() && !(found->id == identity->id)) return Errno{ESTALE};
-            return found;
-        });
-    if (!item && (item.error() == ENOENT || item.error() == ESTALE)) return attributesOfRemoved(node);
+    const auto place = placeOf(node);
+    if (!place) return attributesOfRemoved(node);
+    return attributesAt(*place, node);
+}
+
+ErrnoOr<DriveOperations::Attributes> DriveOperations::attributesAt(const Place& place,
+                                                                   std::uint64_t node) const {
+    const auto item = fileSystem_->attributesOfItemAtPath(place.path, nullptr);
     if (!item) return Errno{item.error()};
     return attributesOf(node, *item);
 }
@@ -121,7 +156,7 @@ TWFuseFileDataPtr DriveOperations::removedFile(std::uint64_t node) const {
 
 ErrnoOr<DriveOperations::Attributes> DriveOperations::attributesOfRemoved(std::uint64_t node) const {
     const auto userData = removedFile(node);
-    if (!userData) return Errno{ENOENT};
+    if (!userData) return Errno{ESTALE};
     const auto item = fileSystem_->attributesOfItemAtPath("", userData.get());
     if (!item) return Errno{item.error()};
     return attributesOf(node, *item);
@@ -129,42 +164,56 @@ ErrnoOr<DriveOperations::Attributes> DriveOperations::attributesOfRemoved(std::u
 
 ErrnoOr<DriveOperations::Attributes> DriveOperations::setattr(std::uint64_t node, std::uint64_t handle,
                                                               const AttributeRequest& request) {
-    const auto identity = nodes_.find(node);
-    if (!identity) return Errno{ENOENT};
-    if (identity->isSpecial()) return getattr(node);
-    const auto before = getattr(node);
-    if (!before) return before;
-    const struct stat& stat = before->stat;
-    if ((request.owner && *request.owner != stat.st_uid) ||
-        (request.group && *request.group != stat.st_gid)) {
-        return Errno{EPERM};
-    }
     const Date now = fileSystem_->store().clock().now();
     TWFuseFileSystem::AttributeChanges changes;
     if (request.mode) changes.permissions = *request.mode & 07777;
-    changes.size = request.size;
     if (request.access || request.accessNow)
         changes.access = request.accessNow ? now : dateOf(*request.access);
     if (request.modification || request.modificationNow)
         changes.modification = request.modificationNow ? now : dateOf(*request.modification);
-    if (!changes.permissions && !changes.size && !changes.access && !changes.modification) return before;
+    const bool changesMore = changes.permissions || changes.access || changes.modification;
 
     const auto file = files_.find(handle);
-    const auto userData = file ? file->userData : removedFile(node);
-    const auto changed = userData ? fileSystem_->setAttributes(changes, pathOf(*identity), userData.get())
-                                  : atPath(*identity, [&](const std::string& path) {
-                                        return fileSystem_->setAttributes(changes, path, nullptr);
-                                    });
-    if (!changed) return Errno{changed.error()};
-    return getattr(node);
+    auto userData = file ? file->userData : nullptr;
+    TWFuseFileSystem::Resize resize;
+    {
+        const auto place = placeOf(node);
+        if (!place && !userData) userData = removedFile(node);
+        if (!place && !userData) return Errno{place.error()};
+        const auto before = place ? attributesAt(*place, node) : attributesOfRemoved(node);
+        if (!before || (place && place->identity.isSpecial())) return before;
+        const struct stat& stat = before->stat;
+        if ((request.owner && *request.owner != stat.st_uid) ||
+            (request.group && *request.group != stat.st_gid)) {
+            return Errno{EPERM};
+        }
+        if (!request.size && !changesMore) return before;
+        const auto path = place ? place->path : std::string();
+        if (!request.size) {
+            const auto changed = fileSystem_->setAttributes(changes, path, userData.get());
+            if (!changed) return Errno{changed.error()};
+            return place ? attributesAt(*place, node) : attributesOfRemoved(node);
+        }
+        auto begun = fileSystem_->beginResize(path, userData.get(), *request.size);
+        if (!begun) return Errno{begun.error()};
+        resize = *std::move(begun);
+    }
+    if (const auto resized = fileSystem_->finishResize(resize); !resized) return Errno{resized.error()};
+    const auto place = placeOf(node);
+    if (changesMore && (place || userData)) {
+        // After the size, which moves the time on.
+        const auto changed =
+            fileSystem_->setAttributes(changes, place ? place->path : std::string(), userData.get());
+        if (!changed) return Errno{changed.error()};
+    }
+    return place ? attributesAt(*place, node) : attributesOfRemoved(node);
 }
 
 ErrnoOr<Done> DriveOperations::access(std::uint64_t node, int mask) const {
-    const auto attributes = getattr(node);
+    const auto place = placeOf(node);
+    const auto attributes = place ? attributesAt(*place, node) : attributesOfRemoved(node);
     if (!attributes) return Errno{attributes.error()};
-    const auto identity = nodes_.find(node);
-    const bool isSpecial = identity && identity->isSpecial();
-    if ((mask & W_OK) != 0 && !isSpecial && !(identity && fileSystem_->isWritable(pathOf(*identity))))
+    if ((mask & W_OK) != 0 && place && !place->identity.isSpecial() && !fileSystem_->isWritable(place->path))
         return Errno{EACCES};
     // The mount is the user's own: the owner's bits count, and a folder can always be entered.
     if ((mask & X_OK) != 0 && !S_ISDIR(attributes->stat.st_mode) &&
@@ -175,16 +224,31 @@ ErrnoOr<Done> DriveOperations::access(std::uint64_t node, int mask) const {
 }
 
 ErrnoOr<DriveOperations::OpenFile> DriveOperations::open(std::uint64_t node, int flags, pid_t caller) {
-    const auto identity = nodes_.find(node);
-    if (!identity) return Errno{ENOENT};
     const bool changes = (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0;
-    auto opened = atPath(*identity, [&](const std::string& path) -> ErrnoOr<TWFuseFileDataPtr> {
-        auto result = fileSystem_->openFileAtPath(path, flags, caller);
-        if (result && identity->isItem() && !((*result)->fileId() == identity->id)) return Errno{ESTALE};
-        return result;
-    });
-    if (!opened) return Errno{opened.error()};
-    return addFile(node, *std::move(opened), changes, identity->isSpecial());
+    OpenFile result;
+    TWFuseFileSystem::Resize resize;
+    {
+        const auto place = placeOf(node);
+        const auto removed = place ? nullptr : removedFile(node);
+        if (!place && !removed) return Errno{place.error()};
+        // What was removed while it was open can be opened once more.
+        auto opened = removed ? removed->reopen(flags, caller)
+                              : fileSystem_->openItem(place->path, flags, caller);
+        if (!opened) return Errno{opened.error()};
+        const auto userData = *opened;
+        result = addFile(node, userData, changes, place && place->identity.isSpecial());
+        if ((flags & O_TRUNC) == 0 || !userData) return result;
+        auto begun = fileSystem_->beginResize("", userData.get(), 0);
+        if (!begun) {
+            release(node, result.handle);
+            return Errno{begun.error()};
+        }
+        resize = *std::move(begun);
+    }
+    const auto emptied = fileSystem_->finishResize(resize);
+    if (emptied) return result;
+    release(node, result.handle);
+    return Errno{emptied.error()};
 }
 
 DriveOperations::OpenFile DriveOperations::addFile(std::uint64_t node, TWFuseFileDataPtr userData,
@@ -200,40 +264,42 @@ DriveOperations::OpenFile DriveOperations::addFile(std::uint64_t node, TWFuseFil
 
 ErrnoOr<std::size_t> DriveOperations::read(std::uint64_t node, std::uint64_t handle, char* buffer,
                                            std::size_t size, std::int64_t offset) const {
-    const auto identity = nodes_.find(node);
     const auto file = files_.find(handle);
-    if (!identity || !file) return Errno{EBADF};
-    if (identity->isSpecial()) return std::size_t{0};
-    return fileSystem_->readFileAtPath(pathOf(*identity), file->userData.get(), buffer, size, offset);
+    if (!file) return Errno{EBADF};
+    if (!file->userData) return std::size_t{0};
+    return fileSystem_->readFileAtPath(pathOf(node), file->userData.get(), buffer, size, offset);
 }
 
 void DriveOperations::release(std::uint64_t node, std::uint64_t handle) {
     const auto file = files_.remove(handle);
-    const auto identity = nodes_.find(node);
-    if (!file || !file->userData) return;
-    fileSystem_->releaseFileAtPath(identity ? pathOf(*identity) : std::string(), file->userData.get());
+    if (file && file->userData) fileSystem_->releaseFileAtPath(pathOf(node), file->userData.get());
 }
 
 ErrnoOr<DriveOperations::OpenDirectory> DriveOperations::opendir(std::uint64_t node) {
-    const auto identity = nodes_.find(node);
-    if (!identity || pathOf(*identity).empty()) return Errno{ENOENT};
+    if (const auto place = placeOf(node); !place) return Errno{place.error()};
     return OpenDirectory{directories_.add(std::make_shared<DirectoryHandle>())};
 }
 
-ErrnoOr<DriveOperations::ListingPtr> DriveOperations::makeListing(const NodeIdentity& identity) const {
-    const auto path = pathOf(identity);
-    if (path.empty()) return Errno{ENOENT};
+ErrnoOr<DriveOperations::ListingPtr> DriveOperations::makeListing(std::uint64_t node) const {
+    NodeIdentity identity;
+    std::vector<TWFuseFileSystem::Child> children;
+    {
+        const auto place = placeOf(node);
+        if (!place) return Errno{place.error()};
+        identity = place->identity;
+        children = fileSystem_->childrenOfDirectoryAtPath(place->path);
+    }
     auto listing = std::make_shared<Listing>();
-    auto contents = fileSystem_->contentsOfDirectoryAtPath(path);
-    listing->entries.reserve(contents.size() + 2);
+    listing->entries.reserve(children.size() + 2);
     // The kernel knows the parent's number itself.
     const auto number = nodes_.shownNumber(identity);
     listing->entries.push_back({".", number, S_IFDIR});
     listing->entries.push_back({"..", number, S_IFDIR});
-    for (auto& entry : contents) {
-        if (!isSafeName(entry.name)) continue;
+    for (auto& entry : children) {
+        if (!isSafeName(entry.name.view())) continue;
         const NodeIdentity child{entry.id ? Kind::item : Kind::fuseLock, std::move(entry.id)};
-        listing->entries.push_back({std::move(entry.name), nodes_.shownNumber(child),
+        // As the item is spelled, not decomposed: programs compare names byte by byte with those they gave.
+        listing->entries.push_back({entry.name.str(), nodes_.shownNumber(child),
                                     static_cast<mode_t>(entry.isFolder ? S_IFDIR : S_IFREG)});
     }
     return ListingPtr(std::move(listing));
@@ -241,14 +307,13 @@ ErrnoOr<DriveOperations::ListingPtr> DriveOperations::makeListing(const NodeIden
 
 ErrnoOr<DriveOperations::ListingPtr> DriveOperations::listing(std::uint64_t node, std::uint64_t handle,
                                                               std::int64_t offset) const {
-    const auto identity = nodes_.find(node);
     const auto directory = directories_.find(handle);
-    if (!identity || !directory || offset < 0) return Errno{EBADF};
+    if (!directory || offset < 0) return Errno{EBADF};
     {
         std::lock_guard lock(directory->mutex);
         if (directory->listing && offset > 0) return directory->listing;
     }
-    auto listing = makeListing(*identity);
+    auto listing = makeListing(node);
     if (!listing) return listing;
     std::lock_guard lock(directory->mutex);
     directory->listing = *listing;
@@ -272,21 +337,17 @@ ErrnoOr<struct statvfs> DriveOperations::statfs() const {
 ErrnoOr<std::string> DriveOperations::getxattr(std::uint64_t node, std::string_view name) const {
     const std::string attribute(attributeName(name));
     if (attribute.empty()) return Errno{ENODATA};
-    const auto identity = nodes_.find(node);
-    if (!identity) return Errno{ENOENT};
-    return atPath(*identity, [&](const std::string& path) {
-        return fileSystem_->valueOfExtendedAttribute(attribute, path, 0);
-    });
+    const auto place = placeOf(node);
+    if (!place) return Errno{place.error()};
+    return fileSystem_->valueOfExtendedAttribute(attribute, place->path, 0);
 }
 
 ErrnoOr<std::string> DriveOperations::listxattr(std::uint64_t node) const {
-    const auto identity = nodes_.find(node);
-    if (!identity) return Errno{ENOENT};
+    const auto place = placeOf(node);
+    if (!place) return Errno{place.error()};
     std::string list;
-    if (identity->isSpecial()) return list;
-    const auto names = atPath(*identity, [&](const std::string& path) {
-        return fileSystem_->extendedAttributesOfItemAtPath(path);
-    });
+    if (place->identity.isSpecial()) return list;
+    const auto names = fileSystem_->extendedAttributesOfItemAtPath(place->path);
     if (!names) return Errno{names.error()};
     for (const auto& name : *names) {
         if (name.empty() || name.find('\0') != std::string::npos) continue;
@@ -304,6 +365,14 @@ void DriveOperations::identityChanged(std::string_view from, std::string_view to
 void DriveOperations::identitiesExchanged(std::string_view a, std::string_view b) {
     TWFuseFileData::identitiesExchanged(a, b);
     nodes_.identitiesExchanged(SharedString(a), SharedString(b));
+}
+
+void DriveOperations::contentsRenamed(std::string_view id, std::string_view from, std::string_view to) {
+    TWFuseFileData::contentsRenamed(id, from, to);
+}
+
+bool DriveOperations::isOpen(std::string_view id) const {
+    return TWFuseFileData::isOpen(id);
 }
 
 }  // namespace tarnwell

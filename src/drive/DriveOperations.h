@@ -24,11 +24,13 @@ namespace tarnwell {
 /// the path that its item has at this moment, asks the path-based drive, and turns the answer into the
 /// system's structures. It never replies itself and knows no fuse header: FuseAdapter binds it to libfuse.
 ///
-/// A record may be renamed between the forming of its path and the call: an answer that says "no such item"
-/// for a path that has changed meanwhile is asked for again (bounded).
+/// INVARIANT: a metadata request acts on the item of the node that the kernel named, or not at all. Item and
+/// parent are found by identity, and the path is formed and used, within one hold of the store's lock
+/// (Place). Downloads, truncation and the freeing of large files run outside the hold and go by an open file,
+/// which follows its item. A node whose item is gone answers ESTALE: the kernel then looks the name up again.
+/// Attributes of a removed item are answered as long as it is open.
 ///
-/// While it is set as the store's observer, nodes and open files follow their items to other identities. A
-/// node whose item is gone answers for the open files that still have it.
+/// While it is set as the store's observer, nodes and open files follow their items to other identities.
 ///
 /// Locks of files (POSIX and BSD) are left to the kernel: all programs that use the mount are on this
 /// machine.
@@ -97,7 +99,8 @@ class DriveOperations final : public DriveObserver {
                                std::int64_t offset, int flags);
     ErrnoOr<Done> fallocate(std::uint64_t node, std::uint64_t handle, int mode, std::int64_t offset,
                             std::int64_t length);
-    void flush(std::uint64_t node, std::uint64_t handle);
+    /// EIO: what was written cannot reach the service, since the item's share is gone.
+    ErrnoOr<Done> flush(std::uint64_t node, std::uint64_t handle);
     ErrnoOr<Done> fsync(std::uint64_t node, std::uint64_t handle);
     ErrnoOr<Done> fsyncdir(std::uint64_t node);
     void release(std::uint64_t node, std::uint64_t handle);
@@ -134,6 +137,8 @@ class DriveOperations final : public DriveObserver {
     void contentsChanged(std::string_view) override {}
     void identityChanged(std::string_view from, std::string_view to) override;
     void identitiesExchanged(std::string_view a, std::string_view b) override;
+    void contentsRenamed(std::string_view id, std::string_view from, std::string_view to) override;
+    [[nodiscard]] bool isOpen(std::string_view id) const override;
 
     /// Nodes beside the root that the kernel holds.
     [[nodiscard]] std::size_t nodeCount() const { return nodes_.size(); }
@@ -148,24 +153,34 @@ class DriveOperations final : public DriveObserver {
         ListingPtr listing;  // guarded by mutex
     };
 
-    static constexpr int kMoveRetries = 3;
+    /// What a request holds: the store's lock, and where its item is under it.
+    struct Place {
+        StorageLock lock;
+        NodeIdentity identity;
+        std::string path;
+    };
 
+    /// ESTALE: the item is gone.
+    [[nodiscard]] ErrnoOr<Place> placeOf(std::uint64_t node) const;
+    /// Of the item `name` in a folder, to be made or removed; an error for names that are none of the
+    /// drive's.
+    [[nodiscard]] ErrnoOr<Place> placeOfChild(std::uint64_t parent, std::string_view name, bool isNew) const;
+    /// Empty: the item is gone. REQUIRES LOCK.
     [[nodiscard]] std::string pathOf(const NodeIdentity& identity) const;
-    /// Calls `call(path)`; see the class comment. ENOENT for a node whose item is gone.
-    template <class Call>
-    auto atPath(const NodeIdentity& identity, Call call) const -> decltype(call(std::string()));
+    /// For log lines.
+    [[nodiscard]] std::string pathOf(std::uint64_t node) const;
     [[nodiscard]] Attributes attributesOf(std::uint64_t node,
                                           const TWFuseFileSystem::ItemAttributes& item) const;
+    /// Of an item under the lock that `place` holds.
+    [[nodiscard]] ErrnoOr<Attributes> attributesAt(const Place& place, std::uint64_t node) const;
     [[nodiscard]] ErrnoOr<Attributes> attributesOfRemoved(std::uint64_t node) const;
+    /// Under the lock that `folder` holds.
+    [[nodiscard]] ErrnoOr<Entry> entryIn(const Place& folder, std::string_view name);
     [[nodiscard]] TWFuseFileDataPtr removedFile(std::uint64_t node) const;
-    /// The path of an item to be made or removed in a folder; an error for names that are none of the
-    /// drive's.
-    [[nodiscard]] ErrnoOr<std::string> childPath(std::uint64_t parent, std::string_view name,
-                                                 bool isNew) const;
     [[nodiscard]] bool isSpecial(std::uint64_t parent, std::string_view name) const;
     [[nodiscard]] OpenFile addFile(std::uint64_t node, TWFuseFileDataPtr userData, bool changes,
                                    bool isSpecial);
-    [[nodiscard]] ErrnoOr<ListingPtr> makeListing(const NodeIdentity& identity) const;
+    [[nodiscard]] ErrnoOr<ListingPtr> makeListing(std::uint64_t node) const;
 
     const std::shared_ptr<TWFuseFileSystem> fileSystem_;
     const bool directIo_;
@@ -173,19 +188,5 @@ class DriveOperations final : public DriveObserver {
     HandleTable<FileHandle> files_;
     HandleTable<DirectoryHandle> directories_;
 };
-
-template <class Call>
-auto DriveOperations::atPath(const NodeIdentity& identity, Call call) const -> decltype(call(std::string())) {
-    auto path = pathOf(identity);
-    for (int attempt = 0; !path.empty(); ++attempt) {
-        auto result = call(path);
-        const bool missed = result.error() == ENOENT || result.error() == EINVAL || result.error() == ESTALE;
-        if (!missed || attempt == kMoveRetries) return result;
-        auto now = pathOf(identity);
-        if (now == path) return result;
-        path = std::move(now);
-    }
-    return Errno{ENOENT};
-}
 
 }  // namespace tarnwell

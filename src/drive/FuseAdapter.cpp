@@ -138,8 +138,7 @@ struct FuseBinding {
         return operations.fallocate(node, info->fh, mode, offset, length);
     }
     ErrnoOr<Done> flush(fuse_req_t, fuse_ino_t node, fuse_file_info* info) {
-        operations.flush(node, info->fh);
-        return Done{};
+        return operations.flush(node, info->fh);
     }
     ErrnoOr<Done> fsync(fuse_req_t, fuse_ino_t node, int, fuse_file_info* info) {
         return operations.fsync(node, info->fh);

@@ -33,6 +33,11 @@ CacheFile::~CacheFile() {
     ::close(descriptor_);
 }
 
+bool CacheFile::isAt(const std::string& path) const {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && isSameFile(status.st_dev, status.st_ino);
+}
+
 TWFuseFileData::TWFuseFileData(int openFlags, pid_t openProcess, SharedString fileId)
     : openFlags_(openFlags), openProcess_(openProcess), fileId_(std::move(fileId)) {}
 
@@ -88,6 +93,28 @@ void TWFuseFileData::identitiesExchanged(std::string_view a, std::string_view b)
     }
 }
 
+void TWFuseFileData::contentsRenamed(std::string_view id, std::string_view from, std::string_view to) {
+    if (from == to) return;
+    for (const auto& handle : openedFiles(id)) {
+        std::lock_guard lock(handle->mutex_);
+        if (!handle->pinned_ || !(handle->pinned_->UploadName == from)) continue;
+        const auto renamed = std::make_shared<TWVirtualFile>(*handle->pinned_);
+        renamed->UploadName = to;
+        handle->pinned_ = renamed;
+    }
+}
+
+void TWFuseFileData::cacheFileChanged(std::string_view fileId) {
+    for (const auto& handle : openedFiles(fileId)) {
+        std::lock_guard lock(handle->mutex_);
+        handle->verified_ = {};
+    }
+}
+
+bool TWFuseFileData::isOpen(std::string_view fileId) {
+    return !openedFiles(fileId).empty();
+}
+
 /// An absent `to` detaches.
 void TWFuseFileData::changeFileId(std::string_view from, const SharedString& to) {
     std::lock_guard lock(mutex_);
@@ -106,6 +133,7 @@ void TWFuseFileData::close() {
     closed_ = true;
     file.swap(file_);
     formerRecord_.reset();
+    pinned_.reset();
     fileId_.reset();
     modified_ = created_ = false;
     lastWrite_.reset();
@@ -145,7 +173,7 @@ ErrnoOr<CacheFilePtr> TWFuseFileData::openCacheFile(const std::string& path, con
     version_ = version;
     verified_ = std::chrono::steady_clock::now();
     struct stat now {};
-    if (file_ && (::stat(path.c_str(), &now) != 0 || file_->isSameFile(now.st_dev, now.st_ino))) return file_;
+    if (file_ && file_->isAt(path)) return file_;
 
     // The access mode alone: O_APPEND would defeat positioned writes, O_DIRECT asks for aligned buffers, and
     // creation and truncation are the drive's own decisions.
@@ -171,14 +199,61 @@ CacheFilePtr TWFuseFileData::cacheFile() const {
     return file_;
 }
 
+bool TWFuseFileData::pin(const TWVirtualFile& record) {
+    std::lock_guard lock(mutex_);
+    if (!pinned_) pinned_ = std::make_shared<TWVirtualFile>(record);
+    return pinned_->UploadName == record.UploadName;
+}
+
+void TWFuseFileData::repin(const TWVirtualFile& record) {
+    std::lock_guard lock(mutex_);
+    if (pinned_ && pinned_->UploadName == record.UploadName && pinned_->Tick == record.Tick) return;
+    pinned_ = std::make_shared<TWVirtualFile>(record);
+}
+
+TWVirtualFilePtr TWFuseFileData::pinned() const {
+    std::lock_guard lock(mutex_);
+    return pinned_;
+}
+
+bool TWFuseFileData::usesVersion(const SharedString& version) const {
+    std::lock_guard lock(mutex_);
+    return !pinned_ || pinned_->UploadName == version;
+}
+
 void TWFuseFileData::detach(TWVirtualFilePtr record, const std::string& path) {
     // Without a cache file there is nothing to open, and nothing to keep.
-    (void)openCacheFile(path, record->UploadName);
+    if (usesVersion(record->UploadName)) {
+        if (!path.empty()) (void)openCacheFile(path, record->UploadName);
+    } else {
+        record = pinned();
+    }
     std::lock_guard lock(mutex_);
     detached_ = true;
     fileId_.reset();
     formerRecord_ = std::move(record);
     modified_ = created_ = progress_ = false;
+}
+
+ErrnoOr<std::shared_ptr<TWFuseFileData>> TWFuseFileData::reopen(int openFlags, pid_t openProcess) const {
+    // Nobody else knows it yet.
+    auto handle = create(openFlags, openProcess, {});
+    std::lock_guard lock(mutex_);
+    handle->detached_ = true;
+    handle->formerRecord_ = formerRecord_;
+    handle->pinned_ = pinned_;
+    if (file_) {
+        const auto path = "/proc/self/fd/" + std::to_string(file_->descriptor());
+        const int descriptor = ::open(path.c_str(), (openFlags & O_ACCMODE) | O_CLOEXEC);
+        struct stat status {};
+        if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+            const Errno error{errno};
+            if (descriptor >= 0) ::close(descriptor);
+            return error;
+        }
+        handle->file_ = std::make_shared<const CacheFile>(descriptor, status.st_dev, status.st_ino);
+    }
+    return handle;
 }
 
 bool TWFuseFileData::isDetached() const {
@@ -247,6 +322,35 @@ bool TWFuseFileData::joinBurst(std::string_view fileId) {
 bool TWFuseFileData::takeProgress() {
     std::lock_guard lock(mutex_);
     return std::exchange(progress_, false);
+}
+
+void TWFuseFileData::noteProgress() {
+    std::lock_guard lock(mutex_);
+    progress_ = true;
+}
+
+void TWFuseFileData::dropBurst() {
+    std::lock_guard lock(mutex_);
+    modified_ = progress_ = false;
+    lastWrite_.reset();
+}
+
+void TWFuseFileData::noteStamp(bool isNew) {
+    bool unsynced = isNew;
+    for (const auto& handle : openedFiles(fileId().view()))
+        unsynced = unsynced || handle->stampUnsynced();
+    std::lock_guard lock(mutex_);
+    stampUnsynced_ = unsynced;
+}
+
+bool TWFuseFileData::stampUnsynced() const {
+    std::lock_guard lock(mutex_);
+    return stampUnsynced_;
+}
+
+void TWFuseFileData::stampSynced() {
+    std::lock_guard lock(mutex_);
+    stampUnsynced_ = false;
 }
 
 }  // namespace tarnwell

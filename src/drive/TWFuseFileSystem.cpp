@@ -14,6 +14,7 @@
 
 #include "drive/DriveNames.h"
 #include "drive/FileTimes.h"
+#include "store/ContentVersion.h"
 #include "store/Enums.h"
 #include "store/LocalChangeJournal.h"
 #include "util/TWLogger.h"
@@ -22,6 +23,8 @@
 namespace tarnwell {
 namespace {
 
+/// A file whose contents change each time while they are fetched is given up.
+constexpr int kVersionTries = 4;
 constexpr std::chrono::milliseconds kQuietPeriod = std::chrono::seconds(4);
 constexpr const char* kExcessiveNotFound = "TWFuseFileSystem: attributesOfItemAtPath: failed: %@";
 
@@ -58,47 +61,44 @@ std::vector<TWFuseFileSystem::DirectoryEntry> TWFuseFileSystem::contentsOfDirect
     const std::string& path) const {
     TWLog(kLogFuse, "TWFuseFileSystem: contentsOfDirectoryAtPath:%@", path);
     std::vector<DirectoryEntry> entries;
-    if (CacheLayout::isRootPath(path)) {
-        const auto lock = store_.beginReadStorage();
-        for (const auto& share : store_.shares()) {
-            const std::string name = share->DisplayName.value_or("");
-            if (!name.empty()) entries.push_back({decomposed(name), share->ShareId.value_or(""), true});
-        }
-        entries.push_back({std::string(kFuseLockName), {}, false});
-    } else {
-        struct Child {
-            SharedString name, id;
-            bool isFolder;
-        };
-        std::vector<Child> children;
-        {
-            const auto lock = store_.beginReadStorage();
-            SharedString parentId;
-            if (CacheLayout::isSharePath(path)) {
-                if (const auto share = store_.shareWithPath(path); share && share->ShareId)
-                    parentId = *share->ShareId;
-            } else if (const auto folder = store_.fileWithPath(path)) {
-                parentId = folder->InternalName;
-            }
-            if (const auto* items = store_.directoryItemsWithParent(parentId.view())) {
-                children.reserve(items->size());
-                items->forEach([&](const TWVirtualFilePtr& file) {
-                    if (!file->Deleted)
-                        children.push_back({file->PublicName, file->InternalName, !file->IsFile});
-                });
-            }
-        }
-        // A hundred thousand names are decomposed without anybody waiting for the store.
-        entries.reserve(children.size());
-        for (auto& child : children) {
-            if (CacheLayout::containsInvalidCharacters(child.name.view())) continue;
-            entries.push_back({decomposed(child.name.view()), std::move(child.id), child.isFolder});
-        }
-    }
+    auto children = childrenOfDirectoryAtPath(path);
+    // A hundred thousand names are decomposed without anybody waiting for the store.
+    entries.reserve(children.size());
+    for (auto& child : children)
+        entries.push_back({decomposed(child.name.view()), std::move(child.id), child.isFolder});
     if (mediator_.excessiveLogging()) {
         TWLog(kLogFuse, "TWFuseFileSystem: contentsOfDirectoryAtPath: returned %d items", entries.size());
     }
     return entries;
+}
+
+std::vector<TWFuseFileSystem::Child> TWFuseFileSystem::childrenOfDirectoryAtPath(
+    const std::string& path) const {
+    std::vector<Child> children;
+    const auto lock = store_.beginReadStorage();
+    if (CacheLayout::isRootPath(path)) {
+        for (const auto& share : store_.shares()) {
+            const auto& name = share->DisplayName;
+            if (name && !name->empty()) children.push_back({*name, share->ShareId.value_or(""), true});
+        }
+        children.push_back({kFuseLockName, {}, false});
+        return children;
+    }
+    SharedString parentId;
+    if (CacheLayout::isSharePath(path)) {
+        if (const auto share = store_.shareWithPath(path); share && share->ShareId)
+            parentId = *share->ShareId;
+    } else if (const auto folder = store_.fileWithPath(path)) {
+        parentId = folder->InternalName;
+    }
+    if (const auto* items = store_.directoryItemsWithParent(parentId.view())) {
+        children.reserve(items->size());
+        items->forEach([&](const TWVirtualFilePtr& file) {
+            if (!file->Deleted && !CacheLayout::containsInvalidCharacters(file->PublicName.view()))
+                children.push_back({file->PublicName, file->InternalName, !file->IsFile});
+        });
+    }
+    return children;
 }
 
 ErrnoOr<TWFuseFileSystem::VolumeAttributes> TWFuseFileSystem::attributesOfFileSystemForPath(
@@ -222,47 +222,65 @@ TWVirtualFilePtr TWFuseFileSystem::visibleFileWithPath(const std::string& path) 
 }
 
 ErrnoOr<TWFuseFileDataPtr> TWFuseFileSystem::openFileAtPath(const std::string& path, int mode, pid_t caller) {
-    TWLog(kLogFuse, "TWFuseFileSystem: openFileAtPath:%@ mode:%@ (%d)", path, openFlagsToString(mode), mode);
-    if (CacheLayout::isSpecialPath(path)) return TWFuseFileDataPtr{};
-    const bool changes = (mode & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
-    if (changes && !CacheLayout::isPathIgnored(path, false) && isReadOnly(path)) return Errno{EACCES};
     TWFuseFileDataPtr handle;
-    TWVirtualFilePtr file;
+    Resize resize;
     {
-        // Until the handle is known, no exchange may give the file another identity.
-        const auto lock = store_.beginReadStorage();
-        file = visibleFileWithPath(path);
-        if (!file) return Errno{ENOENT};
-        if (!file->IsFile && changes) return Errno{EISDIR};
-        handle = TWFuseFileData::create(mode, caller, file->InternalName);
+        const auto lock = store_.beginWriteStorage();
+        auto opened = openItem(path, mode, caller);
+        if (!opened || !*opened || (mode & O_TRUNC) == 0) return opened;
+        handle = *std::move(opened);
+        auto begun = beginResize(path, handle.get(), 0);
+        if (!begun) return Errno{begun.error()};
+        resize = *std::move(begun);
     }
-    if ((mode & O_TRUNC) != 0) {
-        if (const auto emptied = resizeItem(file, handle.get(), 0); !emptied) return Errno{emptied.error()};
+    if (const auto emptied = finishResize(resize); !emptied) {
+        releaseFileAtPath(path, handle.get());
+        return Errno{emptied.error()};
     }
     return handle;
 }
 
-/// What can still be read of a file that was removed while it was open.
-ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfDetached(const TWFuseFileData& userData,
-                                                                       std::size_t size,
-                                                                       std::int64_t offset) {
+ErrnoOr<TWFuseFileDataPtr> TWFuseFileSystem::openItem(const std::string& path, int mode, pid_t caller) {
+    TWLog(kLogFuse, "TWFuseFileSystem: openFileAtPath:%@ mode:%@ (%d)", path, openFlagsToString(mode), mode);
+    if (CacheLayout::isSpecialPath(path)) return TWFuseFileDataPtr{};
+    const bool changes = (mode & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
+    if (changes && !CacheLayout::isPathIgnored(path, false) && isReadOnly(path)) return Errno{EACCES};
+    const auto file = visibleFileWithPath(path);
+    if (!file) return Errno{ENOENT};
+    if (!file->IsFile && changes) return Errno{EISDIR};
+    return TWFuseFileData::create(mode, caller, file->InternalName);
+}
+
+/// What can still be read of a file that is not on the drive any more, or not with these contents.
+ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfHeld(const TWFuseFileData& userData,
+                                                                   std::size_t size, std::int64_t offset) {
     FileRange range;
     range.offset = offset;
     range.size = size;
     range.file = userData.cacheFile();
     if (range.file) return range;
-    const auto record = userData.formerRecord();
-    if (!record) return Errno{EIO};
+    const auto version = userData.isDetached() ? userData.formerRecord() : userData.pinned();
+    if (!version) return Errno{EIO};
     std::int64_t length = 0;
     {
         const auto lock = store_.beginReadStorage();
-        length = record->size();
+        length = version->size();
     }
-    range.size = 0;
+    auto fetched = fetchedRange(version, length, size, offset);
+    // Programs open the file again then.
+    if (!fetched && !userData.isDetached()) return Errno{ESTALE};
+    return fetched;
+}
+
+ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::fetchedRange(const TWVirtualFilePtr& file,
+                                                                    std::int64_t length, std::size_t size,
+                                                                    std::int64_t offset) {
+    FileRange range;
+    range.offset = offset;
     if (offset >= length) return range;
     const auto asked = std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset);
-    auto bytes = mediator_.downloadFileChunk(record, offset, asked);
-    if (!bytes) return Errno{EIO};
+    auto bytes = mediator_.downloadFileChunk(file, offset, asked);
+    if (!bytes || bytes->empty()) return Errno{EIO};
     range.data = std::move(*bytes);
     range.size = std::min(range.data.size(), static_cast<std::size_t>(asked));
     return range;
@@ -272,43 +290,61 @@ ErrnoOr<TWFuseFileSystem::FileRange> TWFuseFileSystem::rangeOfFileAtPath(const s
                                                                          TWFuseFileData* userData,
                                                                          std::size_t size,
                                                                          std::int64_t offset) {
-    TWVirtualFilePtr file;
-    FileRange range;
-    range.offset = offset;
-    {
-        const auto lock = store_.beginReadStorage();
-        file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(path);
-        if (file && file->IsFile && offset >= 0) {
-            const std::int64_t length = file->size();
-            if (offset >= length) return range;
-            range.size = static_cast<std::size_t>(
-                std::min<std::int64_t>(static_cast<std::int64_t>(size), length - offset));
-            if (userData && (range.file = userData->freshCacheFile(file->UploadName))) return range;
-            if (mediator_.isFileDownloaded(file)) {
-                if (!userData) {
-                    TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : userData is nil", path);
-                    return Errno{EBADF};
+    // Each time the contents change while they are fetched another look is needed.
+    for (int attempt = 0; attempt < kVersionTries; ++attempt) {
+        TWVirtualFilePtr file, version;
+        std::int64_t length = 0;
+        {
+            const auto lock = store_.beginReadStorage();
+            file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(path);
+            if (file && file->IsFile && offset >= 0) {
+                FileRange range;
+                range.offset = offset;
+                length = file->size();
+                range.size = static_cast<std::size_t>(
+                    std::clamp<std::int64_t>(length - offset, 0, static_cast<std::int64_t>(size)));
+                if (userData && (range.file = userData->freshCacheFile(file->UploadName))) return range;
+                const auto cachePath = layout_.cachePathForFile(*file);
+                const auto held = userData ? userData->cacheFile() : nullptr;
+                const bool isNamed = held && held->isAt(cachePath);
+                if (isNamed && (userData->usesVersion(file->UploadName) || mediator_.isFileDownloaded(file)))
+                    userData->repin(*file);
+                if (!userData || userData->usesVersion(file->UploadName)) {
+                    if (range.size == 0) return range;
+                    if (isNamed || mediator_.isFileDownloaded(file)) {
+                        if (!userData) {
+                            TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : userData is nil",
+                                  path);
+                            return Errno{EBADF};
+                        }
+                        // Under the lock: an exchange must not bring other bytes to this place in between.
+                        auto opened = userData->openCacheFile(cachePath, file->UploadName);
+                        if (!opened) return Errno{opened.error()};
+                        userData->pin(*file);
+                        range.file = *std::move(opened);
+                        return range;
+                    }
+                    // Dropped from the cache, and still here.
+                    if (held) {
+                        range.file = held;
+                        return range;
+                    }
+                    version = std::make_shared<TWVirtualFile>(*file);
                 }
-                // Under the lock: an exchange must not bring other bytes to this place in between.
-                auto opened = userData->openCacheFile(layout_.cachePathForFile(*file), file->UploadName);
-                if (!opened) return Errno{opened.error()};
-                range.file = *std::move(opened);
-                return range;
             }
         }
+        if (offset < 0 || (file && !file->IsFile) || (!file && !userData)) {
+            TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : EINVAL", path);
+            return Errno{EINVAL};
+        }
+        if (!version) return rangeOfHeld(*userData, size, offset);
+        auto fetched = fetchedRange(file, length, size, offset);
+        if (!fetched) return fetched;
+        const auto lock = store_.beginReadStorage();
+        if (file->UploadName != version->UploadName) continue;
+        if (!userData || userData->pin(*version)) return fetched;
     }
-    if (!file && userData && offset >= 0 && (userData->cacheFile() || userData->isDetached()))
-        return rangeOfDetached(*userData, size, offset);
-    if (!file || !file->IsFile || offset < 0) {
-        TWLog(kLogFuse, "TWFuseFileSystem: readFileAtPath:%@ failed : EINVAL", path);
-        return Errno{EINVAL};
-    }
-    auto bytes = mediator_.downloadFileChunk(file, offset, static_cast<std::int64_t>(range.size));
-    if (!bytes) return Errno{EIO};
-    if (bytes->size() > range.size) bytes->resize(range.size);
-    range.size = bytes->size();
-    range.data = std::move(*bytes);
-    return range;
+    return Errno{EIO};
 }
 
 ErrnoOr<std::size_t> TWFuseFileSystem::readFileAtPath(const std::string& path, TWFuseFileData* userData,
@@ -370,16 +406,23 @@ void TWFuseFileSystem::checkOpenedFiles() {
 
 void TWFuseFileSystem::journalUpdate(const TWVirtualFilePtr& file) {
     auto& journal = store_.journal();
-    journal.addChangeToJournal(journal.createJournalForFile(file, kJournalUpdate));
+    const SharedString former = file->UploadName;
+    const auto entry = journal.createJournalForFile(file, kJournalUpdate);
+    TWFuseFileData::contentsRenamed(file->InternalName.view(), former.view(), file->UploadName.view());
+    journal.addChangeToJournal(entry);
 }
 
 /// One open wrote, or made, the file and is done: the last one of them hands it to the journal.
 void TWFuseFileSystem::endBurst(const TWVirtualFilePtr& file, bool wrote, const TWFuseFileData* by) {
     if (!file->LocallyUpdated.value_or(false)) return;
     if (TWFuseFileData::isWritten(file->InternalName.view(), by)) return;
+    const bool isIgnored = CacheLayout::isPathIgnored(file->PublicName.view(), false);
+    // Nobody gives a new name to what is not sent. Before the mark goes: only one of the two proves the
+    // bytes.
+    if (isIgnored) (void)ContentVersion::clean(file->UploadName.view()).set(layout_.cachePathForFile(*file));
     file->LocallyUpdated.reset();
     store_.markChanged(*file);
-    if (wrote && !CacheLayout::isPathIgnored(file->PublicName.view(), false)) journalUpdate(file);
+    if (wrote && !isIgnored) journalUpdate(file);
 }
 
 std::string TWFuseFileSystem::openFlagsToString(int flags) {

@@ -34,6 +34,16 @@ namespace tarnwell {
 /// 3. Size and times follow. The change is journalled, and the mark cleared in the same step, when nobody has
 ///    written for more than four seconds or the last writer closes.
 ///
+/// The bytes that an open reads and writes are those of one version (TWFuseFileData). A write to a version
+/// that another one of the service has replaced brings it back as the item's contents, marked as changed by
+/// the user, so that the service sees two versions of one base and keeps both.
+///
+/// Operations on items by path are complete, and are made of two steps where a part takes long: the first
+/// acts on records and may be called, like all that is REQUIRES LOCK, within a hold of the store's lock; the
+/// second works without the lock on what the first returned.
+///
+/// A change is refused with the error of the change log when that cannot take it (ENOSPC on a full disk).
+///
 /// Threads: any, several at once. The store's lock is held for look-ups and changes of records, never while
 /// bytes are read, written, synced or fetched. One object per mount; everything it borrows outlives it and
 /// the mount's threads.
@@ -57,6 +67,13 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     struct DirectoryEntry {
         std::string name;  ///< in canonical decomposition
         SharedString id;   ///< `InternalName` or `ShareId`; absent for the special files
+        bool isFolder = false;
+    };
+
+    /// As DirectoryEntry, with the name as the item is spelled.
+    struct Child {
+        SharedString name;
+        SharedString id;
         bool isFolder = false;
     };
 
@@ -105,6 +122,7 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     /// Shares in the store's order and ".fuselock" at the root; the visible children elsewhere. An unknown
     /// folder has no entries.
     [[nodiscard]] std::vector<DirectoryEntry> contentsOfDirectoryAtPath(const std::string& path) const;
+    [[nodiscard]] std::vector<Child> childrenOfDirectoryAtPath(const std::string& path) const;
     ErrnoOr<VolumeAttributes> attributesOfFileSystemForPath(const std::string& path) const;
     /// `userData` may be null. A detached handle answers for itself.
     ErrnoOr<ItemAttributes> attributesOfItemAtPath(const std::string& path,
@@ -112,7 +130,10 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     /// The value may be null: special files have no user data. `caller` is the opening process, -1 unknown.
     /// O_TRUNC empties the file.
     ErrnoOr<TWFuseFileDataPtr> openFileAtPath(const std::string& path, int mode, pid_t caller);
-    /// Reads into `buffer`; 0 at the end of the file. Never past the record's size.
+    /// The same without the truncation, which beginResize() does. REQUIRES LOCK.
+    ErrnoOr<TWFuseFileDataPtr> openItem(const std::string& path, int mode, pid_t caller);
+    /// Reads into `buffer`; 0 at the end of the file. Never past the record's size. ESTALE: the open has
+    /// begun with another version than the present one, and its bytes cannot be had any more.
     ErrnoOr<std::size_t> readFileAtPath(const std::string& path, TWFuseFileData* userData, char* buffer,
                                         std::size_t size, std::int64_t offset);
     /// The last close of one open.
@@ -125,6 +146,16 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     /// EEXIST, without O_TRUNC it is opened as it is. The value is null for special files.
     ErrnoOr<TWFuseFileDataPtr> createFileAtPath(const std::string& path, const AttributeChanges& attributes,
                                                 pid_t caller, int mode = O_RDWR | O_CREAT | O_TRUNC);
+    /// A file that was created, or that is to be emptied.
+    struct Creation {
+        TWFuseFileDataPtr handle;
+        bool empties = false;
+    };
+    /// createFileAtPath() in two steps. The first REQUIRES LOCK. After an error of the second the handle is
+    /// to be released.
+    ErrnoOr<Creation> createItem(const std::string& path, const AttributeChanges& attributes, pid_t caller,
+                                 int mode);
+    ErrnoOr<Done> finishCreation(const Creation& creation, const AttributeChanges& attributes);
     ErrnoOr<Done> createDirectoryAtPath(const std::string& path, const AttributeChanges& attributes);
     /// Writes at `offset`, or with `append` at the end of the file. Contents that are not here are fetched
     /// first, unless the write replaces all of them; ENOENT when they cannot be had.
@@ -137,11 +168,25 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     /// `userData` may be null. A new size is part of the open's burst, or journalled at once without an open.
     ErrnoOr<Done> setAttributes(const AttributeChanges& attributes, const std::string& ofItemAtPath,
                                 TWFuseFileData* userData);
-    /// On return what was written through this open survives the end of the process.
-    void flushFileAtPath(const std::string& path, TWFuseFileData* userData);
-    /// On return contents, record and journal survive the loss of power. `userData` may be null.
+    /// A change of size in two steps.
+    struct Resize {
+        TWFuseFileDataPtr handle;
+        std::int64_t size = 0;
+        bool isOwn = false;  ///< `handle` is none of a program: what it does is journalled at once
+    };
+    /// `userData` may be null. No handle: there is nothing to do. REQUIRES LOCK.
+    ErrnoOr<Resize> beginResize(const std::string& path, TWFuseFileData* userData, std::int64_t size);
+    ErrnoOr<Done> finishResize(const Resize& resize);
+    /// On return what was written through this open survives the end of the process. EIO: its item is gone,
+    /// and not removed by the user.
+    ErrnoOr<Done> flushFileAtPath(const std::string& path, TWFuseFileData* userData);
+    /// On return contents, record and journal survive the loss of power. `userData` may be null. ENOSPC, EIO:
+    /// they do not.
     ErrnoOr<Done> syncFileAtPath(const std::string& path, TWFuseFileData* userData);
     ErrnoOr<Done> syncDirectoryAtPath(const std::string& path);
+    /// syncDirectoryAtPath() in two steps. REQUIRES LOCK; without it.
+    [[nodiscard]] std::string cacheFolderOfItemAtPath(const std::string& path) const;
+    ErrnoOr<Done> syncCacheFolder(const std::string& cacheFolder);
 
     /// Two files trade their contents and sizes; open files stay with the bytes.
     ErrnoOr<Done> exchangeDataOfItemAtPath(const std::string& path, const std::string& withItemAtPath);
@@ -151,6 +196,14 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     ErrnoOr<Done> moveItemAtPath(const std::string& path, const std::string& toPath) {
         return moveItemAtPath(path, toPath, MoveRules{});
     }
+    /// moveItemAtPath() in steps: the file whose contents have to be fetched first, null if none; the fetch,
+    /// without the lock; the move. REQUIRES LOCK (first and last).
+    [[nodiscard]] TWVirtualFilePtr missingForMove(const std::string& path, const std::string& toPath) const;
+    ErrnoOr<Done> fetchContents(const TWVirtualFilePtr& file);
+    ErrnoOr<Done> moveItem(const std::string& path, const std::string& toPath, MoveRules rules);
+    /// An open of the cache file of the item at `path` when that is large: its space, which takes time to
+    /// free, is freed when this is closed. To be closed without the lock.
+    [[nodiscard]] OwnedDescriptor holdLargeFile(const std::string& path) const;
     /// With everything in it.
     ErrnoOr<Done> removeDirectoryAtPath(const std::string& path);
     /// As above for a folder that shows nothing, else ENOTEMPTY.
@@ -192,14 +245,26 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
         CacheFilePtr file;
         /// Made for this write, of a file whose contents are not here: must not stay when the write fails.
         bool replacesUncached = false;
+        bool needsSync = false;  ///< of the stamp, before the bytes are changed
+    };
+    /// Why a file cannot be written to as it is.
+    struct Obstacle {
+        TWVirtualFilePtr notHere;   ///< has to be fetched
+        TWVirtualFilePtr outdated;  ///< the version of the open, which has to be brought back
+        [[nodiscard]] bool isSet() const { return notHere || outdated; }
     };
     /// What a write is about to change.
     struct Extent {
         std::int64_t offset = 0;
         std::int64_t length = 0;
         bool empties = false;
+        bool append = false;
         [[nodiscard]] bool replacesAll(std::int64_t size) const {
-            return empties || (offset == 0 && length >= size);
+            return empties || (!append && offset == 0 && length >= size);
+        }
+        /// Bytes that are there are changed in their place.
+        [[nodiscard]] bool overwrites(std::int64_t size) const {
+            return !empties && !append && length > 0 && offset < size;
         }
     };
     struct Parent {
@@ -209,7 +274,9 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
 
     ErrnoOr<FileRange> rangeOfFileAtPath(const std::string& path, TWFuseFileData* userData, std::size_t size,
                                          std::int64_t offset);
-    ErrnoOr<FileRange> rangeOfDetached(const TWFuseFileData& userData, std::size_t size, std::int64_t offset);
+    ErrnoOr<FileRange> rangeOfHeld(const TWFuseFileData& userData, std::size_t size, std::int64_t offset);
+    ErrnoOr<FileRange> fetchedRange(const TWVirtualFilePtr& file, std::int64_t length, std::size_t size,
+                                    std::int64_t offset);
     [[nodiscard]] ItemAttributes ownedAttributes() const;
     [[nodiscard]] ItemAttributes attributesOfRecord(const TWVirtualFile& file) const;
     [[nodiscard]] ErrnoOr<ItemAttributes> rootAttributes() const;
@@ -222,7 +289,9 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     [[nodiscard]] TWVirtualFilePtr visibleFileWithPath(const std::string& path) const;
     [[nodiscard]] Parent parentOfPath(const std::string& path) const;
     [[nodiscard]] bool showsEntries(const TWVirtualFile& folder, bool alsoHidden) const;
-    void mark(TWVirtualFile& file);
+    int mark(TWVirtualFile& file);
+    void unmark(TWVirtualFile& file);
+    int stamp(const TWVirtualFile& file, TWFuseFileData& userData, const CacheFile& cacheFile, bool isFirst);
     void journalUpdate(const TWVirtualFilePtr& file);
     void endBurst(const TWVirtualFilePtr& file, bool wrote, const TWFuseFileData* by);
     void setSize(TWVirtualFile& file, std::int64_t size) const;
@@ -236,17 +305,18 @@ class TWFuseFileSystem : public std::enable_shared_from_this<TWFuseFileSystem> {
     ErrnoOr<Done> moveLocked(const std::string& path, const std::string& toPath, MoveRules rules);
     ErrnoOr<TWFuseFileDataPtr> createNewFile(const std::string& path, const Parent& parent,
                                              const AttributeChanges& attributes, int mode, pid_t caller);
+    /// 0, or why the change log does not take a change of the user.
+    [[nodiscard]] int refusal() const;
+    [[nodiscard]] static ErrnoOr<Done> answered(LocalChange& change);
+    [[nodiscard]] static std::string described(const AttributeChanges& attributes);
 
     // Without the lock; all may take a while.
+    ErrnoOr<Done> syncChangeLog();
     ErrnoOr<WriteTarget> beginWriting(const std::string& path, TWFuseFileData& userData, Extent extent);
-    ErrnoOr<WriteTarget> tryToBeginWriting(TWFuseFileData& userData, Extent extent,
-                                           TWVirtualFilePtr& notHere);
+    ErrnoOr<WriteTarget> tryToBeginWriting(TWFuseFileData& userData, Extent extent, Obstacle& obstacle);
     void endWriting(TWFuseFileData& userData, const WriteTarget& target, bool failed);
     ErrnoOr<Done> resize(const std::string& path, TWFuseFileData& userData, std::int64_t size);
-    ErrnoOr<Done> resizeItem(const TWVirtualFilePtr& file, TWFuseFileData* userData, std::int64_t size);
-    ErrnoOr<Done> fetchContents(const TWVirtualFilePtr& file);
-    [[nodiscard]] OwnedDescriptor holdLargeFile(const std::string& path) const;
-    void fetchForMove(const std::string& path, const std::string& toPath);
+    ErrnoOr<Done> bringBack(TWFuseFileData& userData, const TWVirtualFilePtr& version, Extent extent);
 
     // Constant after construction.
     TWMetadataStorage& store_;

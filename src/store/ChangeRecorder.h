@@ -78,7 +78,7 @@ class ChangeRecorder {
     /// there has its bytes. Follows the file through exchangeFiles().
     void deleteLater(const std::string& path);
     /// Calls `action`, with the store's lock, once the changes of this hold of the lock are appended: what
-    /// must not be on the disk before them. It must be short and not use the store. Dropped by clear().
+    /// must not be on the disk before them. It must be short. Dropped by clear().
     void afterAppend(std::function<void()> action);
     /// The lock goes.
     void endOfHold() noexcept {

@@ -45,10 +45,12 @@ void ChangeReplay::run() {
         try {
             reader.read(piece, *this);
         } catch (const MalformedPiece& malformed) {
+            damaged_ = true;
             TWLog(kLogMain, "Warning! A change in the change log is not understood: %@", malformed.what());
         }
     };
-    const auto damaged = [](const std::string& name, std::string_view why) {
+    const auto damaged = [this](const std::string& name, std::string_view why) {
+        damaged_ = true;
         TWLog(kLogMain, "Warning! The change log %@ is cut off: %@. What stands before is taken.", name, why);
     };
     ChangeLog::read(store_.layout().rootCachePath(), each, damaged);
@@ -88,7 +90,9 @@ void ChangeReplay::share(const std::string& json) {
     }
     changes_.noteLogged(*share->ShareId);
     if (const auto stored = index_.shareWithId(*share->ShareId)) {
-        // Only what the user sets: the tick belongs to the records that were saved with it.
+        // The tick belongs to the records that were saved with it; a lower one asks for changes once more.
+        stored->LastApplyedJournalTick =
+            std::min(stored->LastApplyedJournalTick, share->LastApplyedJournalTick);
         stored->Synchronize = share->Synchronize;
         stored->DisplayName = share->DisplayName;
         store_.insertShare(stored);

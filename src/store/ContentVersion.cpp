@@ -5,7 +5,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
+
+#include "util/TWUtils.h"
 
 namespace tarnwell {
 
@@ -14,10 +15,20 @@ namespace {
 constexpr std::size_t kDigestBytes = 16;
 constexpr std::size_t kDigits = 2 * kDigestBytes;
 
-std::string digestOf(std::string_view uploadName) {
+/// Names this run of the program.
+const std::string& runId() {
+    static const std::string id = generateGUID();
+    return id;
+}
+
+}  // namespace
+
+std::string ContentVersion::digestOf(Kind kind, std::string_view uploadName) {
+    std::string text(uploadName);
+    if (kind == Kind::kUnsynced) text += '/' + runId();
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
     unsigned size = 0;
-    EVP_Digest(uploadName.data(), uploadName.size(), bytes.data(), &size, EVP_sha256(), nullptr);
+    EVP_Digest(text.data(), text.size(), bytes.data(), &size, EVP_sha256(), nullptr);
     constexpr std::string_view kHex = "0123456789abcdef";
     std::string digest;
     digest.reserve(kDigits);
@@ -28,27 +39,41 @@ std::string digestOf(std::string_view uploadName) {
     return digest;
 }
 
-}  // namespace
-
 ContentVersion ContentVersion::clean(std::string_view uploadName) {
-    return {false, digestOf(uploadName)};
+    return {Kind::kClean, digestOf(Kind::kClean, uploadName)};
+}
+
+ContentVersion ContentVersion::unsynced(std::string_view uploadName) {
+    return {Kind::kUnsynced, digestOf(Kind::kUnsynced, uploadName)};
+}
+
+ContentVersion ContentVersion::unsent(std::string_view uploadName) {
+    return {Kind::kUnsent, digestOf(Kind::kUnsent, uploadName)};
 }
 
 ContentVersion ContentVersion::edited(std::string_view uploadName) {
-    return {true, digestOf(uploadName)};
+    return {Kind::kEdited, digestOf(Kind::kEdited, uploadName)};
 }
 
 bool ContentVersion::isOf(std::string_view uploadName) const {
-    return digest_ == digestOf(uploadName);
+    return digest_ == digestOf(kind_, uploadName);
 }
 
 std::string ContentVersion::text() const {
-    return (edited_ ? "e" : "c") + digest_;
+    return static_cast<char>(kind_) + digest_;
 }
 
 std::optional<ContentVersion> ContentVersion::parse(std::string_view text) {
-    if (text.size() != kDigits + 1 || (text.front() != 'c' && text.front() != 'e')) return std::nullopt;
-    return ContentVersion(text.front() == 'e', std::string(text.substr(1)));
+    if (text.size() != kDigits + 1) return std::nullopt;
+    const auto kind = static_cast<Kind>(text.front());
+    switch (kind) {
+        case Kind::kClean:
+        case Kind::kUnsynced:
+        case Kind::kUnsent:
+        case Kind::kEdited:
+            return ContentVersion(kind, std::string(text.substr(1)));
+    }
+    return std::nullopt;
 }
 
 int ContentVersion::set(int descriptor) const {

@@ -86,9 +86,17 @@ TWVirtualFilePtr JournalExchange::liveItem(const LocalJournal& entry) const {
 bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     const auto first = liveItem(a);
     const auto second = liveItem(b);
-    if (!first || !second || !store_.hasWholeContents(*first)) return false;
+    if (!first || !second) return false;
+    if (!store_.hasWholeContents(*first) || !store_.hasWholeContents(*second)) return false;
     if (!store_.exchangeCachedFiles(*first, *second)) return false;
 
+    const bool hadContents = a.LocalJournalType == kJournalUpdate;
+    if (!hadContents) {
+        // The new contents replace those that are put aside now, which may have come after the move.
+        a.File->LastUploadName = first->UploadName;
+        a.File->Tick = first->Tick;
+        a.File->UpdateTick = first->UpdateTick;
+    }
     store_.deleteFileMetadata(first);
     store_.deleteFileMetadata(second);
     swapSomeFields(*first, *second);
@@ -96,7 +104,6 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     store_.addFileMetadata(second);
     store_.noteIdentitiesExchanged(*first, *second);
 
-    const bool hadContents = a.LocalJournalType == kJournalUpdate;
     swapSomeFields(*a.File, *b.File);
     std::swap(a.CurrentPath, b.CurrentPath);
     std::swap(a.JournalCreate, b.JournalCreate);
@@ -112,7 +119,8 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     if (!hadContents) {
         // The name is that of a version that the service has under the other identity.
         b.File->UploadName.reset();
-        second->UploadName.reset();
+        store_.stampEdited(*second);
+        store_.noteContentsRenamed(*second, std::exchange(second->UploadName, {}));
     }
     return true;
 }

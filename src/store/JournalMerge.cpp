@@ -1,6 +1,7 @@
 #include "store/JournalMerge.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "util/TWLogger.h"
@@ -45,6 +46,24 @@ void becomeRename(LocalJournal& entry) {
     resetUpload(entry);
 }
 
+/// `file` stands for what was made of `base`'s contents.
+void keepBase(TWVirtualFile& file, const TWVirtualFile& base) {
+    file.LastUploadName = base.LastUploadName;
+    file.Tick = base.Tick;
+    file.ShareTick = base.ShareTick;
+    file.UpdateTick = base.UpdateTick;
+    file.CreateTick = base.CreateTick;
+}
+
+/// Whether the contents of `newer` were made of those of `older`, which nobody needs then.
+bool continues(const LocalJournal& newer, const LocalJournal& older) {
+    return newer.File->LastUploadName == older.File->UploadName;
+}
+
+void takePutOff(LocalJournal& entry, const LocalJournal& gone) {
+    if (gone.ForeignTick) entry.ForeignTick = std::max(*gone.ForeignTick, entry.ForeignTick.value_or(-1));
+}
+
 bool isSameItem(const LocalJournal& a, const LocalJournal& b) {
     return a.File->InternalName == b.File->InternalName;
 }
@@ -81,7 +100,9 @@ bool JournalMerge::addToItem(const LocalJournalPtr& entry) {
             return false;
         case kJournalCreate:
         case kJournalUpdate:
-            mergeContents(earlier, *entry);
+            // Other contents came between: both are sent, and the service tells the conflict.
+            bringsContents(*earlier) && !continues(*entry, *earlier) ? append(entry)
+                                                                     : mergeContents(earlier, *entry);
             break;
         case kJournalRename:
             mergeRename(earlier, entry);
@@ -125,7 +146,8 @@ void JournalMerge::addAgain(const LocalJournalPtr& older) {
         }
         const auto contents = std::find_if(newer.begin(), newer.end(),
                                            [](const auto& entry) { return bringsContents(*entry); });
-        if (contents != newer.end() && older->File->IsFile) takeNewerContents(*older, *contents);
+        const bool follows = contents != newer.end() && continues(**contents, *older);
+        if (follows && older->File->IsFile) takeNewerContents(*older, *contents);
     }
     // At the end nothing waits for it. What later entries build on keeps its turn: a Create before all that
     // names the item, a move before the deletion of the folder that was left.
@@ -143,6 +165,8 @@ void JournalMerge::takeNewerContents(LocalJournal& older, const LocalJournalPtr&
         file->ParrentId = older.File->ParrentId;
         file->FullPath = older.File->FullPath;
     }
+    keepBase(*file, *older.File);
+    takePutOff(older, *newer);
     older.File = std::move(file);
     older.CopyingFile = newer->CopyingFile;
     older.JournalCreate = std::max(older.JournalCreate, newer->JournalCreate);
@@ -165,10 +189,14 @@ void JournalMerge::mergeDelete(const LocalJournalPtr& entry) {
         queue_.append(entry);
         return;
     }
-    bool deleted = false;
+    bool deleted = false, based = false;
     for (const auto& earlier : all) {
         if (earlier->Transmitting) continue;
-        if (bringsContents(*earlier)) host_.releaseUpload(*earlier);
+        if (bringsContents(*earlier)) {
+            host_.releaseUpload(*earlier);
+            // What is deleted was made of that.
+            if (!std::exchange(based, true)) keepBase(*entry->File, *earlier->File);
+        }
         if (unseen || entry->File->IsFile || staysWithout(*earlier)) {
             if (!unseen) inherit(*entry, *earlier);
             queue_.remove(*earlier);
@@ -221,6 +249,7 @@ void JournalMerge::mergeContents(const LocalJournalPtr& earlier, const LocalJour
     const bool ownsUpload = bringsContents(*earlier);
     if (ownsUpload && earlier->File->UploadName != entry.File->UploadName) host_.releaseUpload(*earlier);
     const JournalQueue::Edit edit(queue_, earlier);
+    if (ownsUpload) keepBase(*entry.File, *earlier->File);
     if (earlier->LocalJournalType != kJournalCreate) earlier->LocalJournalType = kJournalUpdate;
     earlier->File = entry.File;
     earlier->CurrentPath = entry.CurrentPath;

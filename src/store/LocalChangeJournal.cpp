@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
 #include "platform/PrivateFile.h"
+#include "store/ContentVersion.h"
 #include "store/FileCopy.h"
 #include "store/TWMetadataStorage.h"
 #include "util/PropertyList.h"
@@ -53,11 +55,12 @@ LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr&
     if (auto user = store_.userName(); !user.empty()) entry->File->User = std::move(user);
     entry->LocalJournalType = eventType;
     entry->CurrentPath = file->FullPath;
+    entry->File->LastUploadName = file->UploadName;
     if (file->IsFile && bringsContents(*entry)) {
         if (isEmpty) {
             // Nothing to copy; the name of former contents would lead to them.
             entry->File->UploadName.reset();
-            file->UploadName.reset();
+            store_.noteContentsRenamed(*file, std::exchange(file->UploadName, {}));
         } else {
             if (isScreenshot(*file)) entry->JournalCreate = now - 1s;
             copyForUpload(entry, *file);
@@ -67,12 +70,35 @@ LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr&
     return entry;
 }
 
-/// Begins the upload copy under a fresh name, which the record carries as well.
+/// Begins the upload copy under a fresh name, which the record carries as well, and the cache file from when
+/// the entry is in the change log: before, a kill would leave bytes of a version that nobody knows.
 void LocalChangeJournal::copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record) {
     entry->CopyingFile = true;
     entry->File->UploadName = TWMetadataStorage::generateFileUploadName();
-    record.UploadName = entry->File->UploadName;
+    store_.stampEdited(record);
+    store_.noteContentsRenamed(record, std::exchange(record.UploadName, entry->File->UploadName));
+    store_.changes_.afterAppend(
+        [this, id = record.InternalName, name = record.UploadName] { stampContents(id, name, false); });
     copies_.start(entry);
+}
+
+/// The contents of that name are whole in the cache, unless the user has begun to change them again.
+void LocalChangeJournal::stampContents(const SharedString& internalName, const SharedString& uploadName,
+                                       bool sent) const {
+    // An exchange may have given the bytes another identity.
+    const auto entry = queue_.withUpload(uploadName.str());
+    const auto file = store_.fileWithId((entry ? entry->File->InternalName : internalName).view());
+    if (!file || uploadName.empty() || file->UploadName != uploadName || file->LocallyUpdated.value_or(false))
+        return;
+    const auto path = store_.layout().cachePathForFile(*file);
+    const auto name = uploadName.view();
+    const int error = (sent ? ContentVersion::clean(name) : ContentVersion::unsent(name)).set(path);
+    if (error != 0 && error != ENOENT)
+        TWLog(kLogMain, "Warning! Cannot mark cache file %@ : error %d", path, error);
+}
+
+bool LocalChangeJournal::isPending(const SharedString& uploadName) const {
+    return !uploadName.empty() && queue_.withUpload(uploadName.str());
 }
 
 LocalJournalPtr LocalChangeJournal::entryWithUpload(const std::string& uploadName) const {
@@ -146,10 +172,35 @@ LocalChangeJournal::Backlog LocalChangeJournal::backlog() const {
 
 void LocalChangeJournal::contentsSent(const LocalJournal& entry) {
     const auto lock = store_.beginWriteJournal();
-    for (const auto& other : queue_.ofItem(entry.File->InternalName.view())) {
-        if (other.get() == &entry || !bringsContents(*other)) continue;
-        other->File->LastUploadName = entry.File->UploadName;
-        entryChanged(other);
+    store_.changes_.afterAppend([this, id = entry.File->InternalName, name = entry.File->UploadName] {
+        stampContents(id, name, true);
+    });
+    auto& item = sent_[entry.File->InternalName.str()];
+    item.when = ++sendings_;
+    item.replaced.push_back(entry.File->LastUploadName);
+}
+
+std::uint64_t LocalChangeJournal::sendings() const {
+    const auto lock = store_.beginReadJournal();
+    return sendings_;
+}
+
+bool LocalChangeJournal::replacedSince(std::uint64_t sendings, const TWVirtualFile& file) const {
+    const auto it = sent_.find(file.InternalName.str());
+    if (it == sent_.end() || it->second.when <= sendings) return false;
+    const auto& replaced = it->second.replaced;
+    return std::find(replaced.begin(), replaced.end(), file.UploadName) != replaced.end();
+}
+
+void LocalChangeJournal::forgetSent(std::string_view internalName) {
+    if (!sent_.empty()) sent_.erase(std::string(internalName));
+}
+
+void LocalChangeJournal::putOff(std::string_view internalName, std::int32_t tick) {
+    for (const auto& entry : queue_.ofItem(internalName)) {
+        if (entry->ForeignTick.value_or(tick - 1) >= tick) continue;
+        entry->ForeignTick = tick;
+        queue_.noteChanged(*entry);
     }
 }
 
@@ -367,6 +418,7 @@ void LocalChangeJournal::deleteShareEntries(std::string_view shareId) {
 void LocalChangeJournal::clear() {
     const auto lock = store_.beginWriteJournal();
     queue_.clear();
+    sent_.clear();
 }
 
 std::optional<std::string> LocalChangeJournal::journalText(std::uint64_t order) const {

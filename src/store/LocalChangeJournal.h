@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "store/Enums.h"
@@ -66,8 +67,18 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     /// The caller changed fields of an upload in progress, or when the entry is due: keeps the change. The
     /// entry alone is kept, whatever the length of the journal.
     void entryChanged(const LocalJournalPtr& entry);
-    /// The service has the contents of the entry: newer contents of the item are a version of these.
+    /// The service has the contents of the entry. What they replaced may still come once more, with a page
+    /// that was asked for before.
     void contentsSent(const LocalJournal& entry);
+    /// How many contents were sent by now, for replacedSince().
+    [[nodiscard]] std::uint64_t sendings() const;
+    /// Whether contents that were sent since then replaced those of `file`. REQUIRES LOCK.
+    [[nodiscard]] bool replacedSince(std::uint64_t sendings, const TWVirtualFile& file) const;
+    /// The service told of the item as it is since. REQUIRES LOCK.
+    void forgetSent(std::string_view internalName);
+    /// The service has something else of the item at `tick`, which cannot be taken while entries wait: the
+    /// share is asked again from there when they are sent. REQUIRES LOCK.
+    void putOff(std::string_view internalName, std::int32_t tick);
     /// The user changed times or permissions: what still waits to bring the item takes them along. By
     /// themselves they are nothing to send.
     void attributesChanged(const TWVirtualFile& file);
@@ -80,6 +91,8 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
 
     /// Whether an entry brings contents of the file that the service has not got yet.
     [[nodiscard]] bool hasPendingContents(std::string_view internalName) const;
+    /// Whether contents of that name wait to be sent. REQUIRES LOCK.
+    [[nodiscard]] bool isPending(const SharedString& uploadName) const;
     /// Whether the item's Create is still in the journal: nothing that names the item can be sent before.
     [[nodiscard]] bool hasPendingCreate(std::string_view internalName) const;
     /// That Create; null when there is none.
@@ -117,6 +130,7 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     void copyEnded(const std::string& uploadName, std::int64_t size) override;
 
     void copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record);
+    void stampContents(const SharedString& internalName, const SharedString& uploadName, bool sent) const;
     [[nodiscard]] bool isScreenshot(const TWVirtualFile& file) const;
     void adopt(const LocalJournalPtr& entry, std::uint64_t order);
     void journalModified(const TWVirtualFilePtr& file);
@@ -131,6 +145,13 @@ class LocalChangeJournal final : public JournalTexts, private JournalMerge::Host
     JournalExchange exchange_;
     /// The record that an exchange put in the place of what was created.
     TWVirtualFilePtr takenOver_;
+    /// What was sent lately, by item; of this run only.
+    struct Sent {
+        std::uint64_t when = 0;
+        std::vector<SharedString> replaced;
+    };
+    std::unordered_map<std::string, Sent> sent_;
+    std::uint64_t sendings_ = 0;
     // Last: its end waits for copies that use the others.
     UploadCopies copies_;
 };

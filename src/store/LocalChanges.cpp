@@ -1,7 +1,5 @@
 // What the user does to the tree on the drive: moves, renames, deletions, each with its journal entry.
 
-#include <sys/stat.h>
-
 #include "store/Enums.h"
 #include "store/LocalChangeJournal.h"
 #include "store/TWMetadataStorage.h"
@@ -20,13 +18,6 @@ bool isNoName(std::string_view name) {
 }
 
 }  // namespace
-
-bool TWMetadataStorage::hasWholeContents(const TWVirtualFile& file) const {
-    if (file.size() == 0) return true;
-    struct stat status {};
-    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_size == file.size();
-}
 
 bool TWMetadataStorage::mayMoveTo(const TWVirtualFile& file, std::string_view parentId,
                                   std::string_view name) const {
@@ -71,6 +62,7 @@ TWVirtualFilePtr TWMetadataStorage::giveNewIdentity(const TWVirtualFilePtr& file
     deleteFileMetadata(file);
     addFileMetadata(renewed);
     noteIdentityChanged(*file, *renewed);
+    noteContentsRenamed(*renewed, file->UploadName);
     return renewed;
 }
 

@@ -29,10 +29,16 @@ struct LocalJournal {
     std::optional<bool> CopyingFile;    ///< the upload copy is being made; not to be sent before it is there
     /// The record as the change left it. Its `UploadName` names the upload copy of a Create or Update; other
     /// entries merely carry it.
+    ///
+    /// Its base is what the user had before him: `LastUploadName` names the contents that the change replaces
+    /// or deletes, the ticks are the record's of then. By it the service tells a conflict, so it never
+    /// changes while the entry waits, whatever comes from other devices.
     TWVirtualFilePtr File;
     SharedString TransmitToken;  ///< of the upload transaction in progress
     std::optional<std::int64_t> UploadedSize;
     SharedString FileHash;  ///< of the whole upload copy
+    /// The newest tick at which the service had something else of the item, which was put off for this entry.
+    std::optional<std::int32_t> ForeignTick;
 
     /// What only the running journal knows of an entry; never saved, never copied.
     struct QueueState {
@@ -55,7 +61,7 @@ struct LocalJournal {
 
 BOOST_DESCRIBE_STRUCT(LocalJournal, (),
                       (LocalJournalType, JournalCreate, OriginalPath, OriginalParent, CurrentPath,
-                       Transmitting, CopyingFile, File, TransmitToken, UploadedSize, FileHash))
+                       Transmitting, CopyingFile, File, TransmitToken, UploadedSize, FileHash, ForeignTick))
 
 using LocalJournalPtr = std::shared_ptr<LocalJournal>;
 

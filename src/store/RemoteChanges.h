@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "store/ManagedShare.h"
@@ -27,9 +29,18 @@ class RemoteChanges {
 
     /// One catch-up page. Afterwards the share's `LastApplyedJournalTick` is `largestTick`, also for an empty
     /// page. The records become the store's. Those of a share that the store does not know (any more) are
-    /// dropped.
+    /// dropped. `asked`: how things were when the page was asked for. Where askAgain() lowered the tick
+    /// since, it stays low.
+    struct Asked {
+        std::int32_t tick = 0;  ///< the share's `LastApplyedJournalTick`
+        std::uint64_t sendings = 0;
+    };
     void updateFiles(const std::vector<TWVirtualFilePtr>& files, std::int32_t largestTick,
-                     const ManagedSharePtr& forShare);
+                     const ManagedSharePtr& forShare, const std::optional<Asked>& asked = std::nullopt);
+    [[nodiscard]] Asked asking(const ManagedShare& share) const;
+
+    /// The share's changes after this tick are needed once more: the next catch-up begins there.
+    void askAgain(std::string_view shareId, std::int32_t after);
 
     /// The shares of one domain, as its login reply lists them. Shares of the domain that are no longer
     /// listed are deleted with their data. The records become the store's, in place of those it had.

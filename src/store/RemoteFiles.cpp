@@ -1,21 +1,29 @@
 // One catch-up page, record by record.
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <boost/unordered/unordered_flat_set.hpp>
+#include <filesystem>
+#include <optional>
+#include <system_error>
 #include <utility>
 
+#include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
 #include "store/RemoteChanges.h"
 #include "store/TWMetadataStorage.h"
 #include "util/Format.h"
 #include "util/TWLogger.h"
+#include "util/TWUtils.h"
 
 namespace tarnwell {
 
 /// The state of one page. apply() takes each record, finish() settles what only the whole page can tell.
 class RemoteChanges::FilesMerge {
   public:
-    FilesMerge(TWMetadataStorage& store, const ManagedShare& share)
-        : store_(store), shareId_(share.ShareId.value_or("")) {}
+    FilesMerge(TWMetadataStorage& store, const ManagedShare& share, std::optional<std::uint64_t> sendings)
+        : store_(store), shareId_(share.ShareId.value_or("")), sendings_(sendings) {}
 
     void apply(const TWVirtualFilePtr& incoming);
     void finish();
@@ -30,8 +38,9 @@ class RemoteChanges::FilesMerge {
     void markOrphans(const SharedString& folderId);
     void add(const TWVirtualFilePtr& incoming);
     void update(const TWVirtualFilePtr& incoming, const TWVirtualFilePtr& stored);
+    [[nodiscard]] bool hasCacheFile(const TWVirtualFile& file);
+    void releaseContents(const TWVirtualFile& file, const std::optional<ContentVersion>& version);
     void takeContents(TWVirtualFile& incoming, const TWVirtualFilePtr& stored, bool downloading);
-    void takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored);
     void settleOrphans();
     void settlePathes();
     void noteFolder(const SharedString& id) {
@@ -47,9 +56,11 @@ class RemoteChanges::FilesMerge {
 
     TWMetadataStorage& store_;
     const SharedString shareId_;
+    const std::optional<std::uint64_t> sendings_;
     Ids orphans_, pathNeeded_, changedFolders_;
     std::vector<SharedString> deletedFolders_;
     std::vector<std::string> lines_;
+    std::optional<bool> anyCacheFiles_;  ///< of the share; most pages of a first catch-up find none
 };
 
 void RemoteChanges::FilesMerge::apply(const TWVirtualFilePtr& incoming) {
@@ -65,6 +76,7 @@ void RemoteChanges::FilesMerge::apply(const TWVirtualFilePtr& incoming) {
                 log("updateFile: %@ was deleted here, which the service has not heard of. Leaving it "
                     "deleted.",
                     incoming->PublicName);
+                store_.journal().putOff(incoming->InternalName.view(), incoming->Tick);
             } else {
                 add(incoming);
             }
@@ -100,6 +112,30 @@ bool RemoteChanges::FilesMerge::accepts(TWVirtualFile& incoming) {
     return true;
 }
 
+/// Files that come into the cache while the page is merged do not matter: they are stamped as what they are.
+bool RemoteChanges::FilesMerge::hasCacheFile(const TWVirtualFile& file) {
+    const auto path = store_.layout().cachePathForFile(file);
+    if (!anyCacheFiles_) {
+        std::error_code error;
+        anyCacheFiles_ = !std::filesystem::is_empty(deletingLastPathComponent(path), error) || error;
+    }
+    struct stat status {};
+    return *anyCacheFiles_ && ::lstat(path.c_str(), &status) == 0;
+}
+
+/// Removes cached bytes, which are no longer the record's, when the record that says so is in the change log.
+/// Bytes that only this machine has are put aside instead.
+void RemoteChanges::FilesMerge::releaseContents(const TWVirtualFile& file,
+                                                const std::optional<ContentVersion>& version) {
+    const bool isOnlyHere = version && version->isEdited();
+    if (isOnlyHere &&
+        store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
+                               "the service has newer contents of the file") != 0) {
+        return;
+    }
+    store_.deleteFileDataLater(file);
+}
+
 void RemoteChanges::FilesMerge::remove(const TWVirtualFile& incoming) {
     noteFolder(incoming.ParrentId);
     orphans_.erase(incoming.InternalName);
@@ -119,7 +155,9 @@ void RemoteChanges::FilesMerge::remove(const TWVirtualFile& incoming) {
     }
     log("updateFile: deleting %@", stored->FullPath);
     if (stored->IsFile && store_.downloads_) store_.downloads_->deleteFileDownload(stored);
-    store_.deleteFileDataLater(*stored);
+    std::optional<LocalChange> change;
+    if (stored->IsFile && hasCacheFile(*stored)) change.emplace(store_);
+    releaseContents(*stored, ContentVersion::of(store_.layout().cachePathForFile(*stored)));
     store_.deleteFileMetadata(stored);
 }
 
@@ -141,6 +179,20 @@ void RemoteChanges::FilesMerge::markOrphans(const SharedString& folderId) {
 
 void RemoteChanges::FilesMerge::add(const TWVirtualFilePtr& incoming) {
     noteFolder(incoming->ParrentId);
+    std::optional<LocalChange> change;
+    if (incoming->IsFile && hasCacheFile(*incoming)) {
+        // The record was lost, or went while its bytes could not. They count if they are of this version.
+        change.emplace(store_);
+        const auto version = ContentVersion::of(store_.layout().cachePathForFile(*incoming));
+        if (version && !version->isEdited() && version->isOf(incoming->UploadName.view())) {
+            incoming->DownloadDate = store_.clock().now();
+        } else if (version && version->isOwn()) {
+            (void)store_.keptFiles_.keep(*incoming, store_.layout().cachePathForFile(*incoming),
+                                         "the record of the file was lost");
+        } else {
+            store_.deleteFileDataLater(*incoming);
+        }
+    }
     store_.addFileMetadata(incoming);
     if (incoming->IsFile && store_.downloads_ && store_.isFileSynchronized(incoming)) {
         store_.downloads_->addFileDownloadTask(incoming, true);
@@ -159,6 +211,10 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
     noteFolder(stored->ParrentId);
     stored->OnlyLocal.reset();
     if (stored->Tick >= incoming->Tick && stored->UploadUrl) return;
+    if (sendings_ && store_.journal().replacedSince(*sendings_, *incoming)) {
+        log("updateFile: %@ was sent since this page was asked for. Leaving our data.", stored->FullPath);
+        return;
+    }
 
     const bool downloading = store_.downloads_ && store_.downloads_->isFileDownloading(*stored, false);
     incoming->POSIXPermissions = stored->POSIXPermissions;
@@ -169,12 +225,17 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
         incoming->PublicName = stored->PublicName;
         incoming->ParrentId = stored->ParrentId;
     }
-    if (stored->IsFile && incoming->UploadName != stored->UploadName)
+    std::optional<LocalChange> change;
+    if (stored->IsFile && incoming->UploadName != stored->UploadName) {
+        if (hasCacheFile(*stored)) change.emplace(store_);
         takeContents(*incoming, stored, downloading);
+    }
     if (store_.hasUnsentContents(*stored)) {
-        if (!stored->LocallyUpdated.value_or(false)) takeTicks(*incoming, *stored);
+        // The record keeps its ticks: they say which contents the user has seen.
+        store_.journal().putOff(stored->InternalName.view(), incoming->Tick);
         return;
     }
+    store_.journal().forgetSent(stored->InternalName.view());
 
     store_.addFileMetadata(incoming);
     if (incoming->FullPath.empty()) pathNeeded_.insert(incoming->InternalName);
@@ -193,26 +254,19 @@ void RemoteChanges::FilesMerge::takeContents(TWVirtualFile& incoming, const TWVi
             "data.");
         return;
     }
-    if (stored->LastUploadName && stored->LastUploadName == incoming.UploadName) {
-        // What we sent ourselves comes back: the cached bytes are these.
-        stored->LastUploadName.reset();
-    } else {
+    if (stored->LastUploadName == incoming.UploadName) stored->LastUploadName.reset();
+    const auto version = ContentVersion::of(store_.layout().cachePathForFile(*stored));
+    // What we sent ourselves comes back: the cached bytes are these.
+    const bool isThat = version && !version->isEdited() && version->isOf(incoming.UploadName.view());
+    if (!isThat) {
         log("updateFile: %@ : deleting file data because of newer data.",
             incoming.FullPath.empty() ? incoming.PublicName : incoming.FullPath);
-        store_.deleteFileData(*stored);
+        // Open files keep their descriptors.
+        releaseContents(*stored, version);
         store_.noteContentsChanged(*stored);
         incoming.DownloadDate.reset();
     }
     if (downloading) store_.downloads_->deleteFileDownload(stored);
-}
-
-/// A record that keeps what is not sent yet is as new as the page all the same.
-void RemoteChanges::FilesMerge::takeTicks(const TWVirtualFile& incoming, TWVirtualFile& stored) {
-    stored.Tick = incoming.Tick;
-    stored.ShareTick = incoming.ShareTick;
-    stored.UpdateTick = incoming.UpdateTick;
-    stored.CreateTick = incoming.CreateTick;
-    store_.markChanged(stored);
 }
 
 void RemoteChanges::FilesMerge::finish() {
@@ -275,7 +329,7 @@ std::vector<std::string> RemoteChanges::FilesMerge::changedFolders() const {
 }
 
 void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std::int32_t largestTick,
-                                const ManagedSharePtr& forShare) {
+                                const ManagedSharePtr& forShare, const std::optional<Asked>& asked) {
     const ShutdownBlock block(store_);
     {
         auto lock = store_.beginReadStorage();
@@ -288,7 +342,7 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         }
     }
 
-    FilesMerge merge(store_, *forShare);
+    FilesMerge merge(store_, *forShare, asked ? std::optional(asked->sendings) : std::nullopt);
     for (const auto& file : files) {
         merge.apply(file);
     }
@@ -304,7 +358,9 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         for (const auto& share : {forShare, stored}) {
             if (!share) continue;
             if (!files.empty()) share->ModificationDate = store_.clock().now();
-            share->LastApplyedJournalTick = largestTick;
+            // What is to be asked for again since is below this page.
+            const bool again = asked && share->LastApplyedJournalTick < asked->tick;
+            if (!again) share->LastApplyedJournalTick = largestTick;
         }
         if (stored && !files.empty() && store_.observer_) {
             store_.observer_->attributesChanged(*stored->ShareId);
@@ -312,6 +368,19 @@ void RemoteChanges::updateFiles(const std::vector<TWVirtualFilePtr>& files, std:
         store_.storageEmpty_ = false;
     }
     store_.saveDelayed();
+}
+
+RemoteChanges::Asked RemoteChanges::asking(const ManagedShare& share) const {
+    const auto lock = store_.beginReadStorage();
+    return {share.LastApplyedJournalTick, store_.journal().sendings()};
+}
+
+void RemoteChanges::askAgain(std::string_view shareId, std::int32_t after) {
+    const auto change = store_.beginLocalChange();
+    const auto share = store_.shareWithId(shareId);
+    if (!share || share->LastApplyedJournalTick <= after) return;
+    share->LastApplyedJournalTick = std::max(after, -1);
+    store_.noteShareChanged(*share);
 }
 
 }  // namespace tarnwell

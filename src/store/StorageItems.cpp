@@ -1,6 +1,7 @@
 // Items and shares as wholes, and the cache files that go with them.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -226,6 +227,8 @@ void TWMetadataStorage::createNewFileForFile(const TWVirtualFile& file) const {
         TWLog(kLogMain, "Warning! Cannot create cache file for file %@.", file.FullPath);
         return;
     }
+    if (const int error = ContentVersion::edited("").set(descriptor))
+        TWLog(kLogMain, "Warning! Cannot mark new cache file of %@ : error %d", file.FullPath, error);
     ::close(descriptor);
 }
 
@@ -246,12 +249,83 @@ void TWMetadataStorage::deleteFileDataLater(const TWVirtualFile& file) {
     changes_.deleteLater(layout().extendedAttrsPathForFile(file));
 }
 
+bool TWMetadataStorage::makeRoomForContents(const TWVirtualFile& file) {
+    const auto path = layout().cachePathForFile(file);
+    const auto version = ContentVersion::of(path);
+    struct stat status {};
+    const bool isEmpty = ::lstat(path.c_str(), &status) != 0 || status.st_size == 0;
+    if (isEmpty || !version || !version->isOwn()) return true;
+    return keptFiles_.keep(file, path, "the service has newer contents of the file") == 0;
+}
+
+bool TWMetadataStorage::isVersionOf(const TWVirtualFile& file, std::int64_t size,
+                                    const std::optional<ContentVersion>& version) const {
+    // Marked when its contents were here or were replaced as a whole, and nobody but the user touches it
+    // since.
+    if (file.LocallyUpdated.value_or(false)) return true;
+    const bool takesNoPart = CacheLayout::isPathIgnored(file.PublicName.view(), !file.IsFile);
+    if (takesNoPart && file.UploadUrl.empty()) return true;
+    if (!version) return false;
+    // The journal took it over, but its new name is not on it yet: the change log cannot be written.
+    if (version->isEdited()) return takesNoPart || journal_->isPending(file.UploadName);
+    return version->isOf(file.UploadName.view()) &&
+           (size == file.size() || journal_->hasPendingContents(file.InternalName.view()));
+}
+
 bool TWMetadataStorage::holdsContents(const TWVirtualFile& file) const {
     if (file.size() == 0) return true;
-    const auto version = ContentVersion::of(layout().cachePathForFile(file));
-    if (!version) return false;
-    if (version->isEdited()) return file.LocallyUpdated.value_or(false);
-    return version->isOf(file.UploadName.view());
+    const auto path = layout().cachePathForFile(file);
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           isVersionOf(file, status.st_size, ContentVersion::of(path));
+}
+
+bool TWMetadataStorage::hasWholeContents(const TWVirtualFile& file) const {
+    if (file.size() == 0) return true;
+    struct stat status {};
+    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 &&
+           status.st_size == file.size() && holdsContents(file);
+}
+
+OwnedDescriptor TWMetadataStorage::openVersion(std::string_view internalName, std::string_view uploadName,
+                                               OpenedVersion& state) const {
+    state = OpenedVersion::kGone;
+    const auto file = fileWithId(internalName);
+    if (!file || !(file->UploadName == uploadName)) return {};
+    if (file->LocallyUpdated.value_or(false)) {
+        state = OpenedVersion::kEdited;
+        return {};
+    }
+    OwnedDescriptor opened(
+        ::open(layout().cachePathForFile(*file).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!isStillVersion(opened.get(), *file)) return {};
+    state = OpenedVersion::kOpen;
+    return opened;
+}
+
+bool TWMetadataStorage::isStillVersion(int descriptor, std::string_view internalName,
+                                       std::string_view uploadName) const {
+    const auto file = fileWithId(internalName);
+    return file && file->UploadName == uploadName && !file->LocallyUpdated.value_or(false) &&
+           isStillVersion(descriptor, *file);
+}
+
+bool TWMetadataStorage::isStillVersion(int descriptor, const TWVirtualFile& file) const {
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+           isVersionOf(file, status.st_size, ContentVersion::of(descriptor));
+}
+
+void TWMetadataStorage::stampEdited(const TWVirtualFile& file) const {
+    const auto path = layout().cachePathForFile(file);
+    const auto version = ContentVersion::of(path);
+    if (!version || version->isEdited()) return;
+    if (const int error = ContentVersion::edited(file.UploadName.view()).set(path))
+        TWLog(kLogMain, "Warning! Cannot mark cache file %@ : error %d", path, error);
+}
+
+bool TWMetadataStorage::isOpen(std::string_view internalName) const {
+    return observer_ && observer_->isOpen(internalName);
 }
 
 bool TWMetadataStorage::exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b) {

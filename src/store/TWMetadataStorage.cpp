@@ -278,6 +278,12 @@ void TWMetadataStorage::noteIdentitiesExchanged(const TWVirtualFile& a, const TW
     if (observer_) observer_->identitiesExchanged(a.InternalName.view(), b.InternalName.view());
 }
 
+void TWMetadataStorage::noteContentsRenamed(const TWVirtualFile& file, const SharedString& from) {
+    const auto lock = beginReadStorage();
+    if (observer_ && file.UploadName != from)
+        observer_->contentsRenamed(file.InternalName.view(), from.view(), file.UploadName.view());
+}
+
 void TWMetadataStorage::noteAttributesChanged(const TWVirtualFile& file) {
     const auto lock = beginWriteStorage();
     noteChanged(file);

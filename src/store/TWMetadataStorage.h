@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -9,7 +11,9 @@
 
 #include "platform/Clock.h"
 #include "platform/Executor.h"
+#include "platform/LocalSocket.h"
 #include "store/CacheLayout.h"
+#include "store/ContentVersion.h"
 #include "store/DirectoryItems.h"
 #include "store/KeptFiles.h"
 #include "store/LocalChange.h"
@@ -140,6 +144,8 @@ class TWMetadataStorage {
     /// The item `from` goes on as `to`, or two items traded their places and contents. Open files follow.
     void noteIdentityChanged(const TWVirtualFile& from, const TWVirtualFile& to);
     void noteIdentitiesExchanged(const TWVirtualFile& a, const TWVirtualFile& b);
+    /// The present contents of the file, whose name was `from`, have the record's `UploadName` now.
+    void noteContentsRenamed(const TWVirtualFile& file, const SharedString& from);
     /// For a field that does not show.
     void markChanged(const TWVirtualFile& file);
 
@@ -185,11 +191,33 @@ class TWMetadataStorage {
     bool exchangeCachedFiles(const TWVirtualFile& a, const TWVirtualFile& b);
     /// As exchangeCachedFiles(); the attribute files stay.
     bool exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b);
-    /// The cache holds the file's bytes, as many as the record says.
-    [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
     /// The cache holds the file's present contents, and they say so themselves (ContentVersion): those of its
-    /// `UploadName`, or what the user made of them. True for an empty file. REQUIRES LOCK.
+    /// `UploadName`, or what the user made of them. True for an empty file. Whoever serves, sends or exchanges
+    /// cached bytes asks this; that a cache file exists means nothing. REQUIRES LOCK.
     [[nodiscard]] bool holdsContents(const TWVirtualFile& file) const;
+    /// As holdsContents(), and they are as many as the record says. REQUIRES LOCK.
+    [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
+    enum class OpenedVersion {
+        kOpen,
+        kEdited,  ///< the user goes on changing the file: its next version is about to be journalled
+        kGone,
+    };
+    /// Opens the cache file that has the contents `uploadName` of an item, while they are its present ones.
+    /// Once open they stay the same file, but the user may go on to change them: see isStillVersion().
+    /// REQUIRES LOCK.
+    [[nodiscard]] OwnedDescriptor openVersion(std::string_view internalName, std::string_view uploadName,
+                                              OpenedVersion& state) const;
+    /// What was read of that file since it was opened is all of that version. REQUIRES LOCK.
+    [[nodiscard]] bool isStillVersion(int descriptor, std::string_view internalName,
+                                      std::string_view uploadName) const;
+    /// Before fetched contents take the place of what is there and is not the record's version: unsent bytes
+    /// are put aside. False when that failed. REQUIRES LOCK.
+    bool makeRoomForContents(const TWVirtualFile& file);
+    /// The cached bytes are the user's own, from the contents that the record names: what was another version,
+    /// exactly, is about to get a name of its own. REQUIRES LOCK.
+    void stampEdited(const TWVirtualFile& file) const;
+    /// Whether a program has the file open on the drive. REQUIRES LOCK.
+    [[nodiscard]] bool isOpen(std::string_view internalName) const;
 
     [[nodiscard]] RemoteChanges& remoteChanges() { return *remoteChanges_; }
     [[nodiscard]] LocalChangeJournal& journal() const { return *journal_; }
@@ -209,6 +237,9 @@ class TWMetadataStorage {
     friend class StorePersistence;
 
     void noteChanged(const TWVirtualFile& file);
+    [[nodiscard]] bool isVersionOf(const TWVirtualFile& file, std::int64_t size,
+                                   const std::optional<ContentVersion>& version) const;
+    [[nodiscard]] bool isStillVersion(int descriptor, const TWVirtualFile& file) const;
     void deleteFileDataLater(const TWVirtualFile& file);
     void noteEntryChanged(std::string_view parentId, std::string_view name) const;
     void noteRemoved(const TWVirtualFile& file) const;

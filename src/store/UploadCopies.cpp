@@ -206,7 +206,7 @@ void UploadCopies::run(Job& job) {
         const auto cancelled = [&] { return job.cancelled || gate_->closed; };
         const auto source = openSource(job);
         FileCopyResult result;
-        result.error = std::error_code(errno, std::generic_category());
+        result.error = std::make_error_code(std::errc::no_such_file_or_directory);
         for (int attempt = 0; source && attempt < kMostTries; ++attempt) {
             if (attempt > 0) ::unlink(job.temporary.c_str());
             result = copyFileContents(source.get(), job.temporary, cancelled);
@@ -217,7 +217,7 @@ void UploadCopies::run(Job& job) {
         } else {
             size = result.size;
             // Old bytes beside new ones are nobody's version; what changed them is journalled in its turn.
-            if (result.sourceChanged) job.cancelled = true;
+            if (result.sourceChanged || !isStillVersion(source.get(), job)) job.cancelled = true;
             const int error = writeSideFile(sideFile(job.temporary), job.text);
             if (error != 0) problem = std::generic_category().message(error);
         }
@@ -228,14 +228,24 @@ void UploadCopies::run(Job& job) {
     if (size >= kSyncedCopy) syncFolder(store_.layout().uploadsCachePath());
 }
 
-/// The cache file as it is called now: an exchange may have given the bytes another identity. Once open they
-/// stay the same. errno when it cannot be opened.
-OwnedDescriptor UploadCopies::openSource(const Job& job) const {
+/// The item that has the bytes now: an exchange may have given them another identity. REQUIRES LOCK.
+std::string UploadCopies::itemOf(const Job& job) const {
+    const auto entry = host_.entryWithUpload(job.uploadName);
+    return entry ? entry->File->InternalName.str() : job.internalName;
+}
+
+/// The cache file, while it has the version that is to be sent.
+OwnedDescriptor UploadCopies::openSource(Job& job) const {
     const auto lock = store_.beginReadStorage();
-    auto entry = host_.entryWithUpload(job.uploadName);
-    if (!entry) entry = job.entry;
-    const std::string path = store_.layout().cachePathForFile(*entry->File);
-    return OwnedDescriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    auto state = TWMetadataStorage::OpenedVersion::kGone;
+    auto opened = store_.openVersion(itemOf(job), job.uploadName, state);
+    if (state == TWMetadataStorage::OpenedVersion::kEdited) job.cancelled = true;
+    return opened;
+}
+
+bool UploadCopies::isStillVersion(int source, const Job& job) const {
+    const auto lock = store_.beginReadStorage();
+    return store_.isStillVersion(source, itemOf(job), job.uploadName);
 }
 
 /// Gives the copy its name. Under the lock, so that a release comes either before or after.

@@ -54,7 +54,9 @@ class UploadCopies {
     struct Line;
 
     void run(Job& job);
-    [[nodiscard]] OwnedDescriptor openSource(const Job& job) const;
+    [[nodiscard]] OwnedDescriptor openSource(Job& job) const;
+    [[nodiscard]] bool isStillVersion(int source, const Job& job) const;
+    [[nodiscard]] std::string itemOf(const Job& job) const;
     void finish(Job& job, std::string_view problem, std::int64_t size);
     [[nodiscard]] bool place(Job& job, std::string& problem) const;
 

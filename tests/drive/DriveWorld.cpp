@@ -1,11 +1,14 @@
 #include "drive/DriveWorld.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
+#include "store/RemoteChanges.h"
 
 namespace tarnwell::testing {
 
@@ -22,7 +25,8 @@ std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePt
     changed_.notify_all();
     changed_.wait(lock, [this] { return !held_; });
     --waiting_;
-    const auto found = remote_.find(file->InternalName.str());
+    const auto version = remote_.find(file->InternalName.str() + "/" + file->UploadName.str());
+    const auto found = version != remote_.end() ? version : remote_.find(file->InternalName.str());
     if (found == remote_.end()) return std::nullopt;
     return found->second.substr(static_cast<std::size_t>(position), static_cast<std::size_t>(size) + excess_);
 }
@@ -68,6 +72,7 @@ TWVirtualFilePtr DriveWorld::add(const std::string& parentId, const std::string&
     file->CreationTime = file->LastWriteTime = file->LastAccessTime = clock.now();
     if (isFile) file->AllocationSize = file->EndOfFile = size;
     store.addFileMetadata(file);
+    if (isFile) file->UploadName = "version 1";
     return file;
 }
 
@@ -78,7 +83,9 @@ TWVirtualFilePtr DriveWorld::addFolder(const std::string& parentId, const std::s
 TWVirtualFilePtr DriveWorld::addCached(const std::string& parentId, const std::string& name,
                                        const std::string& contents) {
     auto file = add(parentId, name, true, static_cast<std::int64_t>(contents.size()));
-    std::ofstream(layout.cachePathForFile(*file), std::ios::binary) << contents;
+    const auto path = layout.cachePathForFile(*file);
+    std::ofstream(path, std::ios::binary) << contents;
+    EXPECT_EQ(ContentVersion::clean(file->UploadName.view()).set(path), 0);
     return file;
 }
 
@@ -95,6 +102,24 @@ void DriveWorld::rename(const TWVirtualFilePtr& file, const std::string& name) {
     file->PublicName = name;
     file->FullPath.reset();
     store.addFileMetadata(file);
+}
+
+void DriveWorld::changeRemotely(const std::string& path, const std::string& version,
+                                const std::string& contents) {
+    TWVirtualFilePtr incoming;
+    ManagedSharePtr share;
+    {
+        const auto lock = store.beginReadStorage();
+        const auto file = at(path);
+        incoming = std::make_shared<TWVirtualFile>(*file);
+        share = store.shareWithId(file->ShareId.view());
+    }
+    mediator.setRemote(incoming->InternalName.str() + "/" + version, contents);
+    incoming->UploadName = version;
+    incoming->LocallyUpdated.reset();
+    incoming->AllocationSize = incoming->EndOfFile = static_cast<std::int64_t>(contents.size());
+    incoming->Tick = incoming->UpdateTick = share->LastApplyedJournalTick + 1;
+    store.remoteChanges().updateFiles({incoming}, incoming->Tick, share);
 }
 
 std::vector<std::string> DriveWorld::journal() const {

@@ -28,6 +28,7 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
                                                  std::int64_t size) override;
     [[nodiscard]] bool excessiveLogging() const override { return false; }
 
+    /// `id`: of a file, or, for one of several versions, "id/UploadName".
     void setRemote(const std::string& id, const std::string& contents) {
         const std::lock_guard lock(mutex_);
         remote_[id] = contents;
@@ -77,6 +78,8 @@ class DriveWorld {
     TWVirtualFilePtr addRemote(const std::string& parentId, const std::string& name,
                                const std::string& contents);
     void rename(const TWVirtualFilePtr& file, const std::string& name);
+    /// The service has other contents, named `version`, and a page of changes says so. They can be fetched.
+    void changeRemotely(const std::string& path, const std::string& version, const std::string& contents);
     /// The journal in order: "[Update] /Share/f 12" (type, path, size).
     [[nodiscard]] std::vector<std::string> journal() const;
     [[nodiscard]] TWVirtualFilePtr at(const std::string& path) const { return store.fileWithPath(path); }
@@ -100,6 +103,10 @@ class DriveWorld {
         void identitiesExchanged(std::string_view a, std::string_view b) override {
             TWFuseFileData::identitiesExchanged(a, b);
         }
+        void contentsRenamed(std::string_view id, std::string_view from, std::string_view to) override {
+            TWFuseFileData::contentsRenamed(id, from, to);
+        }
+        bool isOpen(std::string_view id) const override { return TWFuseFileData::isOpen(id); }
     } openFiles;
     std::promise<void> driveGone;
     std::shared_ptr<TWFuseFileSystem> drive;

@@ -113,7 +113,7 @@ TEST_F(FuseProtocolTest, forgetsWhatTheKernelForgets) {
     forget(first.nodeid, 2);
     EXPECT_EQ(call(FUSE_GETATTR, first.nodeid, bytesOf(fuse_getattr_in{})).error, 0);
     forget(first.nodeid, 1);
-    EXPECT_EQ(call(FUSE_GETATTR, first.nodeid, bytesOf(fuse_getattr_in{})).error, ENOENT);
+    EXPECT_EQ(call(FUSE_GETATTR, first.nodeid, bytesOf(fuse_getattr_in{})).error, ESTALE);
     for (std::uint64_t node = 2; node < 10; ++node)
         forget(node, 100);
     EXPECT_EQ(adapter->operations().nodeCount(), 0u);
@@ -132,8 +132,8 @@ TEST_F(FuseProtocolTest, answersNonsenseOnceWithAnError) {
         {FUSE_LOOKUP, FUSE_ROOT_ID, std::string("..\0", 3), ENOENT},
         {FUSE_LOOKUP, FUSE_ROOT_ID, std::string("a/b\0", 4), ENOENT},
         {FUSE_LOOKUP, FUSE_ROOT_ID, std::string(1025, 'n') + '\0', ENAMETOOLONG},
-        {FUSE_LOOKUP, 999, std::string("f\0", 2), ENOENT},
-        {FUSE_GETATTR, 999, bytesOf(fuse_getattr_in{}), ENOENT},
+        {FUSE_LOOKUP, 999, std::string("f\0", 2), ESTALE},
+        {FUSE_GETATTR, 999, bytesOf(fuse_getattr_in{}), ESTALE},
         {FUSE_READ, file.nodeid, bytesOf(read), EBADF},
         {FUSE_READDIR, share.nodeid, bytesOf(read), EBADF},
         {FUSE_RELEASE, file.nodeid, bytesOf(fuse_release_in{4711, 0, 0, 0}), 0},
@@ -162,8 +162,20 @@ TEST_F(FuseProtocolTest, anItemInTheOldPlaceOfAnotherIsNotMistakenForIt) {
         const auto lock = world.store.beginWriteStorage();
         world.store.deleteFileMetadata(file);
     }
-    EXPECT_EQ(call(FUSE_GETATTR, node, bytesOf(fuse_getattr_in{})).error, ENOENT);
-    EXPECT_EQ(call(FUSE_OPEN, node, bytesOf(fuse_open_in{O_RDONLY, 0})).error, ENOENT);
+    // The kernel looks the name up again then, in place of telling the program that there is none.
+    const std::tuple<std::uint32_t, std::string> requests[] = {
+        {FUSE_GETATTR, bytesOf(fuse_getattr_in{})},
+        {FUSE_SETATTR, bytesOf(fuse_setattr_in{})},
+        {FUSE_ACCESS, bytesOf(fuse_access_in{R_OK, 0})},
+        {FUSE_OPEN, bytesOf(fuse_open_in{O_RDONLY, 0})},
+        {FUSE_OPENDIR, bytesOf(fuse_open_in{O_RDONLY, 0})},
+        {FUSE_LOOKUP, std::string("x\0", 2)},
+        {FUSE_MKDIR, bytesOf(fuse_mkdir_in{0700, 0}) + std::string("x\0", 2)},
+        {FUSE_UNLINK, std::string("x\0", 2)},
+        {FUSE_LISTXATTR, bytesOf(fuse_getxattr_in{})},
+    };
+    for (const auto& [opcode, body] : requests)
+        EXPECT_EQ(call(opcode, node, body).error, ESTALE) << opcode;
 }
 
 }  // namespace
