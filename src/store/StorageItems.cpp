@@ -153,9 +153,14 @@ void TWMetadataStorage::insertShare(const ManagedSharePtr& share) {
     noteEntryChanged("", share->DisplayName.value_or(""));
 }
 
-void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
-    if (!share->ShareId) return;
+int TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
+    if (!share->ShareId) return 0;
     const auto change = beginLocalChange();
+    if (const int error = unsentContents().keepOfShare(*share->ShareId, kShareGone)) {
+        TWLog(kLogMain, "Error! Share %@ stays: its unsent contents cannot be put aside.",
+              share->DisplayName.value_or(""));
+        return error;
+    }
     journal_->deleteShareEntries(*share->ShareId);
     deleteShareDownloads(*share);
     index_.removeShare(*share->ShareId);
@@ -176,6 +181,7 @@ void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
         });
     }
     saveDelayed();
+    return 0;
 }
 
 void TWMetadataStorage::deleteShareDownloads(const ManagedShare& share) const {
@@ -283,8 +289,8 @@ bool TWMetadataStorage::holdsContents(const TWVirtualFile& file) const {
 bool TWMetadataStorage::hasWholeContents(const TWVirtualFile& file) const {
     if (file.size() == 0) return true;
     struct stat status {};
-    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 &&
-           status.st_size == file.size() && holdsContents(file);
+    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 && status.st_size == file.size() &&
+           holdsContents(file);
 }
 
 OwnedDescriptor TWMetadataStorage::openVersion(std::string_view internalName, std::string_view uploadName,

@@ -21,6 +21,7 @@
 #include "store/StoreDelegates.h"
 #include "store/StoreIndex.h"
 #include "store/TWVirtualFile.h"
+#include "store/UnsentContents.h"
 
 namespace tarnwell {
 
@@ -170,8 +171,9 @@ class TWMetadataStorage {
     void changeInternalName(std::string_view toName, const TWVirtualFilePtr& forFolder);
     /// For `DisplayName` or `Synchronize` of a stored share, which the user changed within a LocalChange.
     void noteShareChanged(const ManagedShare& share);
-    /// Takes a share out with all its records; its cached contents go in the background.
-    void deleteShareData(const ManagedSharePtr& share);
+    /// Takes a share out with all its records; its cached contents go in the background, unsent ones to the
+    /// kept files first. 0, or errno with nothing changed: they could not be kept.
+    int deleteShareData(const ManagedSharePtr& share);
     /// Enters a share under its id and display name; replaces one of that id. A share without an id is
     /// refused with a log line.
     void insertShare(const ManagedSharePtr& share);
@@ -192,8 +194,8 @@ class TWMetadataStorage {
     /// As exchangeCachedFiles(); the attribute files stay.
     bool exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b);
     /// The cache holds the file's present contents, and they say so themselves (ContentVersion): those of its
-    /// `UploadName`, or what the user made of them. True for an empty file. Whoever serves, sends or exchanges
-    /// cached bytes asks this; that a cache file exists means nothing. REQUIRES LOCK.
+    /// `UploadName`, or what the user made of them. True for an empty file. Whoever serves, sends or
+    /// exchanges cached bytes asks this; that a cache file exists means nothing. REQUIRES LOCK.
     [[nodiscard]] bool holdsContents(const TWVirtualFile& file) const;
     /// As holdsContents(), and they are as many as the record says. REQUIRES LOCK.
     [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
@@ -213,8 +215,8 @@ class TWMetadataStorage {
     /// Before fetched contents take the place of what is there and is not the record's version: unsent bytes
     /// are put aside. False when that failed. REQUIRES LOCK.
     bool makeRoomForContents(const TWVirtualFile& file);
-    /// The cached bytes are the user's own, from the contents that the record names: what was another version,
-    /// exactly, is about to get a name of its own. REQUIRES LOCK.
+    /// The cached bytes are the user's own, from the contents that the record names: what was another
+    /// version, exactly, is about to get a name of its own. REQUIRES LOCK.
     void stampEdited(const TWVirtualFile& file) const;
     /// Whether a program has the file open on the drive. REQUIRES LOCK.
     [[nodiscard]] bool isOpen(std::string_view internalName) const;
@@ -224,6 +226,7 @@ class TWMetadataStorage {
     [[nodiscard]] StorePersistence& persistence() { return *persistence_; }
     /// Where unsent contents go that the program itself has to let go.
     [[nodiscard]] KeptFiles& keptFiles() { return keptFiles_; }
+    [[nodiscard]] UnsentContents unsentContents() { return {*this, index_}; }
     [[nodiscard]] const CacheLayout& layout() const { return environment_.layout; }
     [[nodiscard]] const Clock& clock() const { return environment_.clock; }
     /// REQUIRES LOCK.
