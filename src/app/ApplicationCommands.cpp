@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/TWApplicationDelegate.h"
+#include "app/UnsentTexts.h"
 #include "connector/CatchUpEngine.h"
 #include "connector/DownloadEngine.h"
 #include "connector/LoginEngine.h"
@@ -60,32 +61,42 @@ void TWApplicationDelegate::reloadSettings() {
     excessiveLogging_ = environment_.defaults.contains("TWExcessiveLogging");
 }
 
-void TWApplicationDelegate::login(const std::string& user, const std::string& password,
+void TWApplicationDelegate::login(const std::string& user, const std::string& password, bool discards,
                                   CommandRequests::Answer answer) {
     auto& connector = environment_.connector;
     const std::string present = connector.session().username();
+    std::string dropped;
     if (!present.empty() && present != user) {
+        const auto unsent = environment_.store.unsentContents().count();
+        if (!discards && !unsent.empty()) return answer({false, unsentRefusal(unsent)});
+        dropped = unsentDropped(unsent);
         // What lies here belongs to somebody else. The log-out's own handling is posted by this call, the
         // rest after it.
-        connector.login().logout();
+        if (!connector.login().logout()) return answer({false, "the old credentials could not be removed"});
     }
-    environment_.mainLoop.async([this, user, password, answer = std::move(answer)] {
-        cacheCleaner_.whenClean([this, user, password, answer] {
+    environment_.mainLoop.async([this, user, password, dropped, answer = std::move(answer)] {
+        cacheCleaner_.whenClean([this, user, password, dropped, answer] {
             auto& session = environment_.connector.session();
             if (termination_.terminating()) return answer({false, "the client is ending"});
             session.setUsername(user);
             session.setPassword(password);
-            environment_.connector.login().saveCredentials();
+            const bool stored = environment_.connector.login().saveCredentials();
             login_.begin();
-            answer({true, ""});
+            answer(stored ? CommandAnswer{true, dropped}
+                          : CommandAnswer{false, "logged in, but the credentials could not be stored"});
         });
     });
 }
 
-void TWApplicationDelegate::logout(CommandRequests::Answer answer) {
-    environment_.connector.login().logout();
-    environment_.mainLoop.async([this, answer = std::move(answer)] {
-        cacheCleaner_.whenClean([answer] { answer({true, ""}); });
+void TWApplicationDelegate::logout(bool discards, CommandRequests::Answer answer) {
+    const auto unsent = environment_.store.unsentContents().count();
+    if (!discards && !unsent.empty()) return answer({false, unsentRefusal(unsent)});
+    const bool removed = environment_.connector.login().logout();
+    environment_.mainLoop.async([this, removed, text = unsentDropped(unsent), answer = std::move(answer)] {
+        cacheCleaner_.whenClean([removed, text, answer] {
+            answer(removed ? CommandAnswer{true, text}
+                           : CommandAnswer{false, "the credentials could not be removed"});
+        });
     });
 }
 
@@ -112,7 +123,7 @@ void TWApplicationDelegate::refresh(CommandRequests::Answer answer) {
 
 void TWApplicationDelegate::answerQuitRequests() {
     for (const auto& answer : std::exchange(quitRequests_, {}))
-        answer({true, ""});
+        answer({quitProblem_.empty(), quitProblem_});
 }
 
 }  // namespace tarnwell

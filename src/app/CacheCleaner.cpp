@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "store/CacheLayout.h"
+#include "store/ChangeLog.h"
+#include "store/KeptFiles.h"
 #include "store/StoreFiles.h"
 #include "store/StorePersistence.h"
 #include "store/TWMetadataStorage.h"
@@ -49,6 +51,7 @@ void CacheCleaner::clearFiles(const CacheLayout& layout, bool keepLogs) {
     }
     if (!keepLogs) recreate(layout.logsPath());
     removeMetadataFiles(layout.rootCachePath());
+    ChangeLog::removeFrom(layout.rootCachePath());
 }
 
 void CacheCleaner::clearCaches() {
@@ -67,6 +70,15 @@ void CacheCleaner::clearCaches() {
             for (const auto& task : std::exchange(waiting_, {}))
                 task();
         });
+    });
+}
+
+void CacheCleaner::removeKeptFiles() {
+    auto block = std::make_shared<ShutdownBlock>(store_);
+    background_.async([block = std::move(block), folder = KeptFiles::folderIn(store_.layout())] {
+        std::error_code error;
+        fs::remove_all(folder, error);
+        if (error) TWLog(kLogMain, "Warning! Cannot empty folder %@ : error %@", folder, error.message());
     });
 }
 

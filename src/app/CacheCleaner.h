@@ -10,9 +10,9 @@ namespace tarnwell {
 class CacheLayout;
 class TWMetadataStorage;
 
-/// Takes everything of a user off this machine after a log-out: the records at once, the files on the
-/// background queue. The program does not end before that is done, and a new log-in waits for it: new
-/// contents would be deleted together with the old.
+/// Takes everything of a user off this machine after a log-out, kept files excepted: the records at once, the
+/// files on the background queue. The program does not end before that is done, and a new log-in waits for
+/// it: new contents would be deleted together with the old.
 ///
 /// Main thread only.
 class CacheCleaner {
@@ -23,6 +23,8 @@ class CacheCleaner {
     /// The part on disk: empties the cache folders and removes the saved store. The log must be closed if
     /// logs go too.
     static void clearFiles(const CacheLayout& layout, bool keepLogs);
+    /// A wipe takes the kept files as well; a log-out leaves them to the user.
+    void removeKeptFiles();
     /// Calls `task` once no clean-up is under way: at once, or on the main loop later.
     void whenClean(std::function<void()> task);
 

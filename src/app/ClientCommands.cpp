@@ -9,6 +9,7 @@
 #include "app/Foundation.h"
 #include "app/StatusReport.h"
 #include "app/StoredCredentials.h"
+#include "app/UnsentTexts.h"
 #include "platform/LocalSocket.h"
 #include "platform/SingleInstance.h"
 
@@ -25,11 +26,10 @@ int failed(const std::string& message) {
     return 1;
 }
 
-std::variant<SingleInstance, SingleInstance::Other, SingleInstance::Failure> lockClient(
-    const Foundation& foundation) {
+std::variant<SingleInstance, SingleInstance::Other, SingleInstance::Failure> lockAt(const std::string& path) {
     std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(foundation.lockPath()).parent_path(), error);
-    return SingleInstance::acquire(foundation.lockPath());
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+    return SingleInstance::acquire(path);
 }
 
 }  // namespace
@@ -50,24 +50,51 @@ std::optional<int> ClientCommands::request(const std::string& text, WithoutClien
     return 0;
 }
 
-int ClientCommands::login(const std::string& user, const std::string& password) {
-    if (user.empty() || user.find_first_of("\r\n") != std::string::npos)
-        return failed("the user name is malformed");
-    if (const auto status = request("login:" + user + "\n" + password, WithoutClient::kGoOn)) return *status;
-    const auto lock = lockClient(foundation_);
-    if (std::holds_alternative<SingleInstance::Other>(lock))
-        return failed("a client starts or ends: try again");
-    return StoredCredentials(foundation_).save(user, password)
-               ? 0
-               : failed("the credentials could not be stored");
+template <class Work>
+int ClientCommands::withoutClient(Work work) {
+    const auto lock = lockAt(foundation_.lockPath());
+    std::error_code error;
+    const bool hasData = std::filesystem::is_directory(foundation_.layout.rootCachePath(), error);
+    const auto dataLock = hasData ? lockAt(foundation_.dataLockPath()) : SingleInstance::Failure{};
+    if (std::holds_alternative<SingleInstance::Other>(lock) ||
+        std::holds_alternative<SingleInstance::Other>(dataLock)) {
+        return failed("a client starts or ends, or uses other settings: try again");
+    }
+    StoredCredentials credentials(foundation_);
+    return work(credentials);
 }
 
-int ClientCommands::logout() {
-    if (const auto status = request("logout:", WithoutClient::kGoOn)) return *status;
-    const auto lock = lockClient(foundation_);
-    if (std::holds_alternative<SingleInstance::Other>(lock))
-        return failed("a client starts or ends: try again");
-    return StoredCredentials(foundation_).clear() ? 0 : failed("the credentials could not be removed");
+int ClientCommands::login(const std::string& user, const std::string& password, bool discards) {
+    if (user.empty() || user.find_first_of("\r\n") != std::string::npos)
+        return failed("the user name is malformed");
+    std::string answer;
+    const std::string command = discards ? "login-discard:" : "login:";
+    if (const auto status = request(command + user + "\n" + password, WithoutClient::kGoOn, &answer)) {
+        std::fputs(answer.c_str(), stdout);
+        return *status;
+    }
+    return withoutClient([&](StoredCredentials& credentials) {
+        const auto unsent = credentials.unsentOfOthers(user);
+        if (!discards && !unsent.empty()) return failed(unsentRefusal(unsent));
+        if (!credentials.save(user, password)) return failed("the credentials could not be stored");
+        std::fputs(unsentDropped(unsent).c_str(), stdout);
+        return 0;
+    });
+}
+
+int ClientCommands::logout(bool discards) {
+    std::string answer;
+    if (const auto status = request(discards ? "logout:discard" : "logout:", WithoutClient::kGoOn, &answer)) {
+        std::fputs(answer.c_str(), stdout);
+        return *status;
+    }
+    return withoutClient([&](StoredCredentials& credentials) {
+        const auto unsent = credentials.unsent();
+        if (!discards && !unsent.empty()) return failed(unsentRefusal(unsent));
+        if (!credentials.clear()) return failed("the credentials could not be removed");
+        std::fputs(unsentDropped(unsent).c_str(), stdout);
+        return 0;
+    });
 }
 
 int ClientCommands::settingsList() {

@@ -16,8 +16,9 @@ class ClientCommands {
   public:
     explicit ClientCommands(Foundation& foundation) : foundation_(foundation) {}
 
-    int login(const std::string& user, const std::string& password);
-    int logout();
+    /// Both refuse where unsent changes would be lost, unless `discards`.
+    int login(const std::string& user, const std::string& password, bool discards);
+    int logout(bool discards);
     int settingsList();
     int settingsGet(const std::string& key);
     int settingsSet(const std::string& key, const std::string& value);
@@ -35,6 +36,9 @@ class ClientCommands {
     std::optional<int> request(const std::string& text, WithoutClient otherwise,
                                std::string* answer = nullptr);
     int changedSettings(bool stored);
+    /// For the time when no client runs. Holds off a start while `work` runs.
+    template <class Work>
+    int withoutClient(Work work);
 
     Foundation& foundation_;
 };

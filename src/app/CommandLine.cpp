@@ -22,6 +22,7 @@ struct Arguments {
     std::string user, key, value, text;
     bool passwordFromInput = false;
     bool json = false;
+    bool discards = false;
     Action action;  ///< empty: run the client
 };
 
@@ -29,14 +30,17 @@ void addLogin(CLI::App& program, Arguments& arguments) {
     auto* login = program.add_subcommand("login", "Store the credentials of a user and log in");
     login->add_option("--user", arguments.user, "E-mail address of the user")->required();
     login->add_flag("--password-stdin", arguments.passwordFromInput, "Read the password from standard input");
+    login->add_flag("--discard", arguments.discards, "Drop another user's changes that were not sent");
     login->callback([&arguments] {
         arguments.action = [&arguments](ClientCommands& commands) {
             const auto password = readPassword(arguments.user, arguments.passwordFromInput);
-            return password ? commands.login(arguments.user, *password) : 1;
+            return password ? commands.login(arguments.user, *password, arguments.discards) : 1;
         };
     });
-    program.add_subcommand("logout", "Forget the credentials and what is cached")->callback([&arguments] {
-        arguments.action = [](ClientCommands& commands) { return commands.logout(); };
+    auto* logout = program.add_subcommand("logout", "Forget the credentials and what is cached");
+    logout->add_flag("--discard", arguments.discards, "Also with changes that were not sent: they are lost");
+    logout->callback([&arguments] {
+        arguments.action = [&](ClientCommands& commands) { return commands.logout(arguments.discards); };
     });
 }
 

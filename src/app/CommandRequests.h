@@ -25,8 +25,10 @@ class CommandRequests {
         virtual ~Mediator() = default;
         [[nodiscard]] virtual std::string statusJson() = 0;
         virtual void reloadSettings() = 0;
-        virtual void login(const std::string& user, const std::string& password, Answer answer) = 0;
-        virtual void logout(Answer answer) = 0;
+        /// `discards`: what was not sent may be lost; else it is a reason to refuse.
+        virtual void login(const std::string& user, const std::string& password, bool discards,
+                           Answer answer) = 0;
+        virtual void logout(bool discards, Answer answer) = 0;
         virtual void quit(Answer answer) = 0;
         /// Answers as soon as the work has begun.
         virtual void refresh(Answer answer) = 0;

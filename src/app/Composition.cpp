@@ -70,6 +70,7 @@ struct Composition::Objects {
     QtLocalServer commandSocket;  // goes late: whoever asked to quit hears it when all else is gone
     Foundation foundation;
     std::variant<SingleInstance, SingleInstance::Other, SingleInstance::Failure> instance;
+    std::variant<SingleInstance, SingleInstance::Other, SingleInstance::Failure> dataLock;
     SystemClock clock;
     NotificationCenter notifications;
     BackgroundQueue background;
@@ -96,11 +97,13 @@ struct Composition::Objects {
     TWApplicationDelegate::Environment delegateEnvironment();
     TWApplicationDelegate::Machine machine();
     [[nodiscard]] std::string otherInstance() const;
+    std::string otherOnData();
 };
 
 Composition::Objects::Objects(int& argc, char** argv, bool /*headless: there are no windows to do without*/)
     : mainLoop(argc, argv),
       instance(lockInstance(foundation.lockPath())),
+      dataLock(SingleInstance::Failure{}),
       background(kBackgroundThreads),
       loginQueue(background),
       catchUpQueue(background),
@@ -162,6 +165,7 @@ TWApplicationDelegate::Environment Composition::Objects::delegateEnvironment() {
 
 TWApplicationDelegate::Machine Composition::Objects::machine() {
     return {.otherInstance = [this] { return otherInstance(); },
+            .otherOnData = [this] { return otherOnData(); },
             .checkFuseInstallation = DriveMount::checkFuseInstallation,
             .inAdminGroup = [] { return userIsInAdminGroup() && fuseAllowsOther(); },
             .checkForOldMountAtPath = FuseMount::checkForOldMountAtPath,
@@ -182,6 +186,21 @@ std::string Composition::Objects::otherInstance() const {
     return {};
 }
 
+/// Locks the data folder, if there is one; again after a migration may have put another in its place.
+std::string Composition::Objects::otherOnData() {
+    std::error_code error;
+    if (!std::filesystem::is_directory(foundation.layout.rootCachePath(), error)) return {};
+    dataLock = SingleInstance::Failure{};
+    dataLock = SingleInstance::acquire(foundation.dataLockPath());
+    if (const auto* other = std::get_if<SingleInstance::Other>(&dataLock)) {
+        return format("%@, process %d", other->executable.empty() ? "unknown" : other->executable,
+                      other->pid);
+    }
+    if (const auto* failure = std::get_if<SingleInstance::Failure>(&dataLock))
+        TWLog(kLogMain, "Warning! Cannot lock %@: error %d", foundation.dataLockPath(), failure->error);
+    return {};
+}
+
 Composition::Composition(int& argc, char** argv, bool headless)
     : objects_(std::make_unique<Objects>(argc, argv, headless)) {}
 
@@ -199,6 +218,7 @@ int Composition::run() {
     const bool ended = objects_->connector.stop(kStopDeadline) && !objects_->drive.wasAbandoned() &&
                        objects_->background.stop(kStopDeadline);
     objects_->commandSocket.close();
+    objects_->dataLock = SingleInstance::Failure{};
     objects_->instance = SingleInstance::Failure{};
     delegate.answerQuitRequests();
     TWClose();

@@ -45,6 +45,10 @@ std::string Foundation::lockPath() const {
     return appendPathComponent(settingsFolder(title), "client.lock");
 }
 
+std::string Foundation::dataLockPath() const {
+    return appendPathComponent(layout.rootCachePath(), ".client.lock");
+}
+
 std::string Foundation::commandSocketPath() const {
     return appendPathComponent(layout.metadataPath(), ".cmdsckt");
 }

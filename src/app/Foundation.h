@@ -25,6 +25,8 @@ struct Foundation {
 
     /// Held by the running client. Beside the settings, since the record of its shutdown is kept there.
     [[nodiscard]] std::string lockPath() const;
+    /// Held by it as well: the data folder may be shared by settings folders that differ.
+    [[nodiscard]] std::string dataLockPath() const;
     [[nodiscard]] std::string commandSocketPath() const;
     /// Folder of the installed resources; empty when there is none.
     [[nodiscard]] static std::string resourceFolder();

@@ -33,8 +33,18 @@ KeptNotices::~KeptNotices() {
 }
 
 void KeptNotices::add(const KeptFiles::Notice& notice) {
+    if (notice.offered > 0) return offer(notice);
     pending_.push_back(notice);
     if (pending_.size() == 1) timer_ = loop_.postAfter(kGathering, [this] { show(); });
+}
+
+void KeptNotices::offer(const KeptFiles::Notice& notice) {
+    userInterface_.showAlert(
+        {"A share is back",
+         format("%@ is here again. %d files of it that were never sent are in %@: copy back what you want.",
+                notice.drivePath, notice.offered, notice.path),
+         {"Ok"}},
+        [](std::size_t) {});
 }
 
 void KeptNotices::show() {

@@ -23,6 +23,7 @@ class KeptNotices {
   private:
     void add(const KeptFiles::Notice& notice);
     void show();
+    void offer(const KeptFiles::Notice& notice);
 
     KeptFiles& keptFiles_;
     RunLoop& loop_;

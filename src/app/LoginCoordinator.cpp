@@ -35,6 +35,7 @@ void LoginCoordinator::observe() {
     on<TWConnectorDomainsLoggedIn>(&LoginCoordinator::didDomainsLogin);
     on<TWConnectorGlobalLoginFailed>(&LoginCoordinator::didLoginFailed);
     on<TWConnectorGlobalConnectionFailed>(&LoginCoordinator::didGlobalConnectionFailed);
+    on<TWConnectorWipeOrdered>(&LoginCoordinator::didOrderWipe);
     on<TWConnectorGlobalLoggedOut>(&LoginCoordinator::didLoggedOut);
 }
 
@@ -88,6 +89,10 @@ void LoginCoordinator::didLoggedOut() {
     retry_.cancel();
     mediator_.stopFuse();
     mediator_.clearCaches();
+}
+
+void LoginCoordinator::didOrderWipe() {
+    mediator_.removeKeptFiles();
 }
 
 void LoginCoordinator::mountWhenNeeded() {

@@ -32,6 +32,7 @@ class LoginCoordinator {
         virtual void initializeFuse() = 0;
         virtual void stopFuse() = 0;
         virtual void clearCaches() = 0;
+        virtual void removeKeptFiles() = 0;
         virtual void askForLogin() = 0;
     };
 
@@ -56,6 +57,7 @@ class LoginCoordinator {
     void didLoginFailed();
     void didGlobalConnectionFailed();
     void didLoggedOut();
+    void didOrderWipe();
 
     template <class Notification>
     void on(void (LoginCoordinator::*handler)());

@@ -120,7 +120,11 @@ void RemoteCommands::togglesync(const Item& item) {
     {
         const auto change = use_.store.beginLocalChange();
         toggle(item.file ? item.file->Synchronize : share->Synchronize);
-        if (item.file) use_.store.markChanged(*item.file);
+        if (item.file) {
+            use_.store.markChanged(*item.file);
+        } else {
+            use_.store.noteShareChanged(*share);
+        }
     }
     if (item.file) {
         use_.mediator.refreshSyncStatus(item.file);

@@ -1,7 +1,14 @@
 #include "app/StoredCredentials.h"
 
+#include <filesystem>
+#include <functional>
+
 #include "app/CacheCleaner.h"
 #include "app/Foundation.h"
+#include "platform/Clock.h"
+#include "platform/Executor.h"
+#include "store/StorePersistence.h"
+#include "store/TWMetadataStorage.h"
 
 namespace tarnwell {
 
@@ -25,6 +32,27 @@ bool StoredCredentials::clear() {
     defaults.set(foundation_.identity.prependAppTitle("deviceId"), "");
     CacheCleaner::clearFiles(foundation_.layout, true);
     return defaults.synchronize();
+}
+
+UnsentContents::Count StoredCredentials::unsent() const {
+    struct NoTasks final : Executor {
+        void async(std::function<void()> /*task*/) override {}
+    } noTasks;
+    std::error_code error;
+    if (!std::filesystem::is_directory(foundation_.layout.filesCachePath(), error)) return {};
+    const SystemClock clock;
+    TWMetadataStorage store({.layout = foundation_.layout,
+                             .clock = clock,
+                             .background = noTasks,
+                             .userName = [] { return std::string(); },
+                             .saveDelayed = [] {}});
+    store.persistence().load();
+    return store.unsentContents().count();
+}
+
+UnsentContents::Count StoredCredentials::unsentOfOthers(const std::string& user) const {
+    const auto before = foundation_.defaults.get(foundation_.identity.prependAppTitle("username"));
+    return before && *before != user ? unsent() : UnsentContents::Count{};
 }
 
 bool StoredCredentials::clearKeychain() {

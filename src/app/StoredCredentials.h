@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "store/UnsentContents.h"
+
 namespace tarnwell {
 
 struct Foundation;
@@ -17,6 +19,11 @@ class StoredCredentials {
     bool save(const std::string& user, const std::string& password);
     /// Forgets the password and the device, and empties the cache. The user's name stays, as a suggestion.
     bool clear();
+
+    /// What clear() would drop. Loads the saved store, as a start would.
+    [[nodiscard]] UnsentContents::Count unsent() const;
+    /// What save() would drop: nothing, unless another user's cache is here.
+    [[nodiscard]] UnsentContents::Count unsentOfOthers(const std::string& user) const;
 
   private:
     bool clearKeychain();

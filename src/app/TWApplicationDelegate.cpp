@@ -1,5 +1,6 @@
 #include "app/TWApplicationDelegate.h"
 
+#include <cstring>
 #include <utility>
 
 #include "app/ApplicationIdentity.h"
@@ -7,8 +8,11 @@
 #include "connector/LoginEngine.h"
 #include "connector/TWConnector.h"
 #include "platform/DesktopServices.h"
+#include "platform/LocalSocket.h"
 #include "platform/NotificationCenter.h"
 #include "platform/UserDefaults.h"
+#include "store/LocalChangeJournal.h"
+#include "store/StorePersistence.h"
 #include "store/TWMetadataStorage.h"
 #include "util/TWLogger.h"
 #include "util/TWUtils.h"
@@ -66,8 +70,10 @@ void TWApplicationDelegate::applicationWillFinishLaunching() {
     const auto& layout = environment_.store.layout();
     excessiveLogging_ = defaults.contains(kExcessiveLogging);
     isOnlyInstance_ = environment_.machine.otherInstance().empty();
+    if (isOnlyInstance_) lockData();
     if (isOnlyInstance_) layout.migrateMetadataIfNeeded();
     layout.initCachePathes();
+    if (isOnlyInstance_) lockData();
     TWInitLogs(layout.logsPath());
     TWLog(kLogMain, "\n\n----------------------------------------------------\n\nStarting up %@ version %@",
           environment_.identity.appTitle, environment_.identity.version);
@@ -90,8 +96,26 @@ bool TWApplicationDelegate::checkFuseInstallation() {
     return false;
 }
 
+void TWApplicationDelegate::lockData() {
+    if (environment_.machine.otherOnData) otherOnData_ = environment_.machine.otherOnData();
+    isOnlyInstance_ = otherOnData_.empty();
+}
+
+void TWApplicationDelegate::refuseData() {
+    const auto& title = environment_.identity.appTitle;
+    environment_.userInterface.showAlert({"Cannot start " + title,
+                                          format("Another instance of %@ already uses %@ : %@", title,
+                                                 environment_.store.layout().rootCachePath(), otherOnData_),
+                                          {"Exit"}},
+                                         [this](std::size_t) { environment_.machine.quit(1); });
+}
+
 bool TWApplicationDelegate::checkSingleInstance() {
     if (isOnlyInstance_) return true;
+    if (!otherOnData_.empty()) {
+        refuseData();
+        return false;
+    }
     const std::string other = environment_.machine.otherInstance();
     const auto& title = environment_.identity.appTitle;
     environment_.userInterface.showAlert(
@@ -103,8 +127,8 @@ bool TWApplicationDelegate::checkSingleInstance() {
 }
 
 void TWApplicationDelegate::finishApplicationInitialization() {
+    if (!initializeCommandSocket()) return;
     fileBrowser_.start();
-    initializeCommandSocket();
     login_.observe();
     checkCleanShutdown();
     if (environment_.storeKeeper) environment_.storeKeeper->load();
@@ -121,7 +145,8 @@ std::string TWApplicationDelegate::commandSocketPath() const {
     return appendPathComponent(environment_.store.layout().metadataPath(), ".cmdsckt");
 }
 
-void TWApplicationDelegate::initializeCommandSocket() {
+/// False when another client answers there, which holds no lock that is seen here.
+bool TWApplicationDelegate::initializeCommandSocket() {
     std::string error;
     const bool listening = environment_.commandSocket.listen(
         commandSocketPath(),
@@ -129,10 +154,17 @@ void TWApplicationDelegate::initializeCommandSocket() {
             commands_.didReceive(text, std::move(reply));
         },
         error);
+    if (!listening && error == kLocalSocketInUse) {
+        isOnlyInstance_ = false;
+        otherOnData_ = "it answers at " + commandSocketPath();
+        refuseData();
+        return false;
+    }
     if (!listening) {
         TWLog(kLogMain, "Warning! Cannot bind socket for command receiving.");
         TWLog(kLogMain, "Command socket %@: %@", commandSocketPath(), error);
     }
+    return true;
 }
 
 void TWApplicationDelegate::checkCleanShutdown() {
@@ -256,6 +288,22 @@ bool TWApplicationDelegate::storageEmpty() {
 bool TWApplicationDelegate::saveStore() {
     environment_.storeKeeper->checkForFileModifications();
     return environment_.storeKeeper->save();
+}
+
+void TWApplicationDelegate::saveFailed() {
+    exitStatus_ = 1;
+    auto& store = environment_.store;
+    const int error = store.persistence().flushChanges();
+    quitProblem_ =
+        error == 0
+            ? std::string(
+                  "The state of the drive could not be saved. No change is lost: all are in the "
+                  "change log, which the next start reads.")
+            : format(
+                  "Not all changes could be written to the disk: %@. %d wait to be sent; the next start "
+                  "may not know all of them.",
+                  std::strerror(error), store.journal().backlog().changes);
+    environment_.userInterface.showAlert({"Saving failed", quitProblem_, {"Ok"}}, [](std::size_t) {});
 }
 
 bool TWApplicationDelegate::shutdownBlocked() {

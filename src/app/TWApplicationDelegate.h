@@ -45,6 +45,8 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     struct Machine {
         /// Path of the program of another client of this user that runs; empty: none.
         std::function<std::string()> otherInstance;
+        /// Locks the data folder; who uses it already, empty: nobody. Null: nobody.
+        std::function<std::string()> otherOnData = {};
         /// Why no drive can be mounted here; empty: it can.
         std::function<std::string()> checkFuseInstallation;
         /// The user may let root see the drive.
@@ -110,7 +112,9 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
   private:
     [[nodiscard]] bool checkSingleInstance();
     [[nodiscard]] bool checkFuseInstallation();
-    void initializeCommandSocket();
+    [[nodiscard]] bool initializeCommandSocket();
+    void refuseData();
+    void lockData();
     void checkCleanShutdown();
     void terminateWithStatus(int status);
     void askWhetherToExit(const std::vector<std::string>& programs, std::function<void(bool)> answer);
@@ -126,6 +130,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void initializeFuse() override { drive_.initializeFuse(); }
     void stopFuse() override;  // for the TerminationProtocol as well
     void clearCaches() override { cacheCleaner_.clearCaches(); }
+    void removeKeptFiles() override { cacheCleaner_.removeKeptFiles(); }
     void askForLogin() override;
 
     // DriveController::Mediator
@@ -145,6 +150,7 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     void stopObserving() override;
     bool storageEmpty() override;
     bool saveStore() override;
+    void saveFailed() override;
     bool shutdownBlocked() override;
     void setCleanShutdown() override;
     void terminateNow() override { environment_.machine.quit(exitStatus_); }
@@ -152,8 +158,9 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     // CommandRequests::Mediator
     std::string statusJson() override { return tarnwell::statusJson(statusReport()); }
     void reloadSettings() override;
-    void login(const std::string& user, const std::string& password, CommandRequests::Answer answer) override;
-    void logout(CommandRequests::Answer answer) override;
+    void login(const std::string& user, const std::string& password, bool discards,
+               CommandRequests::Answer answer) override;
+    void logout(bool discards, CommandRequests::Answer answer) override;
     void quit(CommandRequests::Answer answer) override;
     void refresh(CommandRequests::Answer answer) override;
     void parseRemoteCommand(std::string_view text) override { fileBrowser_.parseRemoteCommand(text); }
@@ -162,8 +169,10 @@ class TWApplicationDelegate final : private LoginCoordinator::Mediator,
     RecentErrors recentErrors_;
     std::atomic<bool> excessiveLogging_{false};
     bool isOnlyInstance_ = false;  // until then another one may own the settings and the cache
+    std::string otherOnData_;
     bool isFinishedInitialization_ = false;
     int exitStatus_ = 0;
+    std::string quitProblem_;  ///< what those who asked to quit are told; empty: nothing went wrong
     int signals_ = 0;
     std::vector<CommandRequests::Answer> quitRequests_;
     Timer openedFilesTimer_;

@@ -9,6 +9,9 @@ namespace tarnwell {
 namespace {
 
 constexpr std::chrono::seconds kBlockedCheckInterval{1};
+/// A full disk may have room again, a disk that is away may come back.
+constexpr std::chrono::seconds kSaveRetryInterval{2};
+constexpr int kSaveTries = 5;
 
 }  // namespace
 
@@ -47,19 +50,30 @@ void TerminationProtocol::takeDown() {
 }
 
 void TerminationProtocol::saveAndLeave() {
+    saveFailed_ = false;
     if (mediator_.storageEmpty()) {
         TWLog(kLogMain, "Terminating application : do not save database.");
     } else if (mediator_.saveStore()) {
         TWLog(kLogMain, "Terminating application : saved database.");
+    } else if (++failedSaves_ < kSaveTries) {
+        TWLog(kLogMain, "Terminating application : the database could not be saved, trying again.");
+        wait_ = loop_.postAfter(kSaveRetryInterval, [this] { saveAndLeave(); });
+        return;
     } else {
-        TWLog(kLogMain, "Terminating application : the database could not be saved.");
+        TWLog(kLogMain, "Error! Terminating application : the database could not be saved.");
+        saveFailed_ = true;
     }
+    leaveWhenUnblocked();
+}
+
+void TerminationProtocol::leaveWhenUnblocked() {
     if (mediator_.shutdownBlocked()) {
         TWLog(kLogMain, "Terminating application : shutdown is blocked, waiting.");
         wait_ = loop_.repeat(kBlockedCheckInterval, [this] { checkForTermination(); });
         return;
     }
     TWLog(kLogMain, "Terminating application : now.");
+    if (saveFailed_) mediator_.saveFailed();
     leave();
 }
 
@@ -67,14 +81,14 @@ void TerminationProtocol::checkForTermination() {
     if (mediator_.shutdownBlocked()) return;
     wait_.cancel();
     TWLog(kLogMain, "Terminating application : shutdown no longer blocked, exiting.");
-    mediator_.setCleanShutdown();
+    if (!saveFailed_) mediator_.setCleanShutdown();
     // The work that was waited for changed the store: it is saved once more.
     saveAndLeave();
 }
 
 void TerminationProtocol::leave() {
     stage_ = Stage::kEnded;
-    mediator_.setCleanShutdown();
+    if (!saveFailed_) mediator_.setCleanShutdown();
     answerAll(Outcome::kTerminating);
     mediator_.terminateNow();
 }

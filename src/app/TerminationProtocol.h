@@ -8,7 +8,9 @@
 namespace tarnwell {
 
 /// The way out: asks whether the program may end, takes the drive down, saves the store, waits for work that
-/// must be whole, records the clean shutdown, ends. Main thread only; the loop runs on while it waits.
+/// must be whole, records the clean shutdown, ends. A save that fails is tried again for some seconds; where
+/// that does not help, the user is told and the end is no clean one. Main thread only; the loop runs on while
+/// it waits.
 class TerminationProtocol {
   public:
     /// What it needs from the rest of the application. Called on the main thread.
@@ -25,6 +27,8 @@ class TerminationProtocol {
         [[nodiscard]] virtual bool storageEmpty() = 0;
         /// False when something could not be saved.
         virtual bool saveStore() = 0;
+        /// The last try failed: says so, and has the program end with a status other than 0.
+        virtual void saveFailed() = 0;
         [[nodiscard]] virtual bool shutdownBlocked() = 0;
         virtual void setCleanShutdown() = 0;
         /// Ends the main loop; the last call.
@@ -52,6 +56,7 @@ class TerminationProtocol {
     void exitAnswered(bool allowed);
     void takeDown();
     void saveAndLeave();
+    void leaveWhenUnblocked();
     void checkForTermination();
     void leave();
     void answerAll(Outcome outcome);
@@ -61,6 +66,8 @@ class TerminationProtocol {
     Stage stage_ = Stage::kRunning;
     std::vector<Answer> answers_;
     Timer wait_;
+    int failedSaves_ = 0;
+    bool saveFailed_ = false;
 };
 
 }  // namespace tarnwell

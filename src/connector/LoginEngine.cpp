@@ -74,15 +74,17 @@ void LoginEngine::loadCredentials() {
     }
 }
 
-void LoginEngine::saveCredentials() {
+bool LoginEngine::saveCredentials() {
     const std::string username = session_.username();
-    if (username.empty()) return;
-    environment_.keychain.setPassword(session_.settingsKey("keys"), username, session_.password());
+    if (username.empty()) return true;
+    const bool stored =
+        environment_.keychain.setPassword(session_.settingsKey("keys"), username, session_.password());
     environment_.userDefaults.set(session_.settingsKey("username"), username);
-    environment_.userDefaults.synchronize();
+    return environment_.userDefaults.synchronize() && stored;
 }
 
-void LoginEngine::clearCredentials(bool forgetUser) {
+bool LoginEngine::clearCredentials(bool forgetUser) {
+    bool cleared = true;
     exchange_.reset();
     session_.setLoggedInGlobal(false);
     auto& keychain = environment_.keychain;
@@ -90,7 +92,7 @@ void LoginEngine::clearCredentials(bool forgetUser) {
     for (const auto& account : keychain.accounts(service)) {
         // Overwritten first: a keychain may keep what was deleted.
         keychain.setPassword(service, account, "");
-        keychain.deletePassword(service, account);
+        cleared = keychain.deletePassword(service, account) && cleared;
     }
     session_.setPassword("");
     session_.setUserDomain("");
@@ -101,22 +103,24 @@ void LoginEngine::clearCredentials(bool forgetUser) {
         environment_.userDefaults.synchronize();
         session_.setUsername("");
     }
+    return cleared;
 }
 
 bool LoginEngine::credentialsAvailable() const {
     return !session_.username().empty() && !session_.password().empty();
 }
 
-void LoginEngine::logout() {
+bool LoginEngine::logout() {
     session_.setGlobalLoginResponce(nullptr);
     ++domainPass_;
     domainsAwaitingLogin_ = 0;
     failedDomains_.clear();
     catchUps_.cancelAll();
     // Queued downloads stay on purpose: they go on, or fail, without the user.
-    clearCredentials(false);
+    const bool cleared = clearCredentials(false);
     session_.setUserDomain("");
     environment_.notifications.post(TWConnectorGlobalLoggedOut{});
+    return cleared;
 }
 
 // Global login
@@ -270,6 +274,7 @@ void LoginEngine::applyGlobalReply(const GlobalAnswer& answer) {
 
 void LoginEngine::wipe(const GlobalLoginResponcePtr& responce) {
     TWLog(kLogMain, "loginToGlobal: WIPE command received. Wiping.");
+    environment_.notifications.post(TWConnectorWipeOrdered{});
     logout();
     clearCredentials(true);
     session_.setGlobalLoginResponce(responce);

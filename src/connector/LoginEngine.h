@@ -40,10 +40,11 @@ class LoginEngine {
     // Credentials
     /// User name and password from the keychain; without one there, the user name from the settings.
     void loadCredentials();
-    /// Does nothing without a user name.
-    void saveCredentials();
+    /// Does nothing without a user name. False when something could not be stored.
+    [[nodiscard]] bool saveCredentials();
     /// Forgets password, domain and device id; with `forgetUser` the user's name as well.
-    void clearCredentials(bool forgetUser);
+    /// False when a password could not be removed.
+    bool clearCredentials(bool forgetUser);
     [[nodiscard]] bool credentialsAvailable() const;
 
     // Logging in and out
@@ -53,7 +54,8 @@ class LoginEngine {
     /// Logs in to every domain of the last global reply; TWConnectorDomainsLoggedIn follows. Does nothing
     /// while such a pass runs.
     void domainLogin();
-    void logout();
+    /// As clearCredentials(false), and ends what runs.
+    bool logout();
 
     /// The domains that could not be asked in the last domainLogin().
     [[nodiscard]] const std::vector<UserDomain>& failedDomains() const { return failedDomains_; }

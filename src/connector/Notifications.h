@@ -23,6 +23,8 @@ struct TWConnectorGlobalConnectionFailed {
 /// The service refused this user or device. Another try with the same credentials is of little use.
 struct TWConnectorGlobalLoginFailed {};
 struct TWConnectorGlobalLoggedOut {};
+/// The service ordered that everything of the user goes. The log-out follows.
+struct TWConnectorWipeOrdered {};
 
 /// `total` and `queue` are `downloadQueueBytes` and `downloadQueueLen` at the moment of the notification.
 struct TWConnectorFileDownloadStarted {

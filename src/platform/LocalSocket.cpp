@@ -113,6 +113,16 @@ void OwnedDescriptor::reset() noexcept {
     if (descriptor_ >= 0) close(release());
 }
 
+namespace {
+
+/// EAGAIN: its backlog is full, so somebody made one.
+bool isListenedAt(const LocalAddress& address) {
+    const OwnedDescriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return probe && (connect(probe.get(), address.get(), sizeof address.address) == 0 || errno == EAGAIN);
+}
+
+}  // namespace
+
 OwnedDescriptor listenLocal(const std::string& path, std::string& error) {
     const auto failed = [&error](const char* step) {
         error = std::string(step) + ": " + std::strerror(errno);
@@ -125,6 +135,10 @@ OwnedDescriptor listenLocal(const std::string& path, std::string& error) {
     if (fchmod(listener.get(), S_IRUSR | S_IWUSR) != 0) return failed("fchmod");
     const LocalAddress address(path);
     if (!address.valid) return failed("path");
+    if (isListenedAt(address)) {
+        error = kLocalSocketInUse;
+        return {};
+    }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) return failed("unlink");
     if (bind(listener.get(), address.get(), sizeof address.address) != 0) return failed("bind");
     if (listen(listener.get(), kBacklog) != 0) return failed("listen");

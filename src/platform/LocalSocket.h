@@ -10,6 +10,7 @@ namespace tarnwell {
 
 /// Longest text that one connection may carry, either way.
 inline constexpr std::size_t kLocalTextLimit = 1u << 20;
+inline constexpr std::string_view kLocalSocketInUse = "another program listens there";
 
 /// Owns one descriptor. Move-only.
 class OwnedDescriptor {
@@ -30,9 +31,9 @@ class OwnedDescriptor {
 };
 
 /// A listening socket at `path`, non-blocking, usable by this user only (mode 0600 from the moment it
-/// exists). What stood at `path` is removed: the caller holds the single-instance lock, so it can only be a
-/// left-over. The path may be longer than a socket address holds: it is then reached through a descriptor of
-/// its folder. Empty on failure, with the reason in `error`.
+/// exists). A socket at `path` that nobody listens at is removed; one that answers is left alone, and the
+/// error is kLocalSocketInUse. The path may be longer than a socket address holds: it is then reached through
+/// a descriptor of its folder. Empty on failure, with the reason in `error`.
 OwnedDescriptor listenLocal(const std::string& path, std::string& error);
 
 /// What came of sendLocalText().

@@ -139,7 +139,7 @@ int KeptFiles::put(const TWVirtualFile& file, const std::string& bytesPath, std:
     describe(shareFolder, file, placed.path, reason);
     TWLog(kLogMain, "Warning! Unsent contents of %@ were put aside as %@, because %@.", drivePath,
           placed.path, reason);
-    if (observer_) observer_({drivePath, placed.path, std::string(reason)});
+    if (observer_) observer_({drivePath, placed.path, std::string(reason), 0});
     return 0;
 }
 
@@ -180,6 +180,16 @@ void KeptFiles::describe(const std::string& shareFolder, const TWVirtualFile& fi
         out && ::write(out.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
     if (!written || ::fsync(out.get()) != 0)
         TWLog(kLogMain, "Warning! Cannot write %@ : error %@", text, std::strerror(errno));
+}
+
+void KeptFiles::shareIsBack(std::string_view shareId, const std::string& drivePath) const {
+    const auto paths = pathsOfShare(shareId);
+    if (paths.empty()) return;
+    const auto folder = folder_ + "/" + fs::relative(paths.back(), folder_).begin()->native();
+    TWLog(kLogMain, "Warning! Share %@ is back. %d files of it that were not sent are in %@.", drivePath,
+          paths.size(), folder);
+    const std::lock_guard lock(mutex_);
+    if (observer_) observer_({drivePath, folder, "the share is back", paths.size()});
 }
 
 std::vector<std::string> KeptFiles::pathsOfShare(std::string_view shareId) const {

@@ -11,6 +11,9 @@ namespace tarnwell {
 
 class CacheLayout;
 class Clock;
+
+/// Why contents of a share are kept that the user has no more.
+inline constexpr std::string_view kShareGone = "the share was withdrawn";
 struct TWVirtualFile;
 
 /// The folder of kept files, "Kept" in the cache root: contents that the service has not got and that this
@@ -28,6 +31,7 @@ class KeptFiles {
         std::string drivePath;  ///< where the user knows it
         std::string path;       ///< where the bytes are
         std::string reason;
+        std::size_t offered = 0;  ///< above 0: a share is back, and so many kept files of it wait in `path`
     };
     using Observer = std::function<void(const Notice&)>;
 
@@ -45,6 +49,9 @@ class KeptFiles {
     [[nodiscard]] int keepBeforeRemoval(const TWVirtualFile& file, const std::string& bytesPath,
                                         std::string_view reason);
 
+    /// The share is shown again, as `drivePath`: tells the user of what was kept of it. The files stay where
+    /// they are; the user decides what to copy back.
+    void shareIsBack(std::string_view shareId, const std::string& drivePath) const;
     /// Where files of the share were kept that are still there; empty when there are none.
     [[nodiscard]] std::vector<std::string> pathsOfShare(std::string_view shareId) const;
 

@@ -123,6 +123,7 @@ void RemoteChanges::SharesMerge::add(const ManagedSharePtr& incoming) {
           *incoming->DisplayName);
     store_.insertShare(incoming);
     store_.createFolderForShare(*incoming);
+    store_.keptFiles().shareIsBack(*incoming->ShareId, "/" + *incoming->DisplayName);
 }
 
 std::string RemoteChanges::SharesMerge::freeName(const std::string& base) const {
@@ -149,6 +150,14 @@ void RemoteChanges::updateShares(const std::vector<ManagedSharePtr>& managedShar
         return;
     }
     const ShutdownBlock block(store_);
+    // Most of the work for the disk is done before the lock is held.
+    for (const auto& share : store_.shares()) {
+        const bool listed =
+            std::any_of(managedShares.begin(), managedShares.end(),
+                        [&](const ManagedSharePtr& each) { return each && each->ShareId == share->ShareId; });
+        if (share->DomainId == domain->DomainId && !listed)
+            (void)store_.unsentContents().keepOfShare(*share->ShareId, kShareGone);
+    }
     const auto lock = store_.beginWriteStorage();
     SharesMerge merge(store_, *domain->DomainId, domain->Url.value_or(""));
     for (const auto& share : managedShares) {
@@ -159,11 +168,16 @@ void RemoteChanges::updateShares(const std::vector<ManagedSharePtr>& managedShar
 }
 
 void RemoteChanges::deleteDomainShares(const std::vector<std::string>& domainIds) {
+    const auto isGone = [&](const ManagedShare& share) {
+        return !share.DomainId ||
+               std::find(domainIds.begin(), domainIds.end(), *share.DomainId) == domainIds.end();
+    };
+    for (const auto& share : store_.shares()) {
+        if (isGone(*share)) (void)store_.unsentContents().keepOfShare(*share->ShareId, kShareGone);
+    }
     const auto lock = store_.beginWriteStorage();
     for (const auto& share : store_.shares()) {
-        const bool known = share->DomainId &&
-                           std::find(domainIds.begin(), domainIds.end(), *share->DomainId) != domainIds.end();
-        if (known) continue;
+        if (!isGone(*share)) continue;
         TWLog(kLogMain, "Deleting share %@ data since it is not in user domains anymore.",
               share->DisplayName.value_or(""));
         store_.deleteShareData(share);

@@ -153,9 +153,14 @@ void TWMetadataStorage::insertShare(const ManagedSharePtr& share) {
     noteEntryChanged("", share->DisplayName.value_or(""));
 }
 
-void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
-    if (!share->ShareId) return;
+int TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
+    if (!share->ShareId) return 0;
     const auto change = beginLocalChange();
+    if (const int error = unsentContents().keepOfShare(*share->ShareId, kShareGone)) {
+        TWLog(kLogMain, "Error! Share %@ stays: its unsent contents cannot be put aside.",
+              share->DisplayName.value_or(""));
+        return error;
+    }
     journal_->deleteShareEntries(*share->ShareId);
     deleteShareDownloads(*share);
     index_.removeShare(*share->ShareId);
@@ -176,6 +181,7 @@ void TWMetadataStorage::deleteShareData(const ManagedSharePtr& share) {
         });
     }
     saveDelayed();
+    return 0;
 }
 
 void TWMetadataStorage::deleteShareDownloads(const ManagedShare& share) const {

@@ -21,6 +21,7 @@
 #include "store/StoreDelegates.h"
 #include "store/StoreIndex.h"
 #include "store/TWVirtualFile.h"
+#include "store/UnsentContents.h"
 
 namespace tarnwell {
 
@@ -170,8 +171,9 @@ class TWMetadataStorage {
     void changeInternalName(std::string_view toName, const TWVirtualFilePtr& forFolder);
     /// For `DisplayName` or `Synchronize` of a stored share, which the user changed within a LocalChange.
     void noteShareChanged(const ManagedShare& share);
-    /// Takes a share out with all its records; its cached contents go in the background.
-    void deleteShareData(const ManagedSharePtr& share);
+    /// Takes a share out with all its records; its cached contents go in the background, unsent ones to the
+    /// kept files first. 0, or errno with nothing changed: they could not be kept.
+    int deleteShareData(const ManagedSharePtr& share);
     /// Enters a share under its id and display name; replaces one of that id. A share without an id is
     /// refused with a log line.
     void insertShare(const ManagedSharePtr& share);
@@ -224,6 +226,7 @@ class TWMetadataStorage {
     [[nodiscard]] StorePersistence& persistence() { return *persistence_; }
     /// Where unsent contents go that the program itself has to let go.
     [[nodiscard]] KeptFiles& keptFiles() { return keptFiles_; }
+    [[nodiscard]] UnsentContents unsentContents() { return {*this, index_}; }
     [[nodiscard]] const CacheLayout& layout() const { return environment_.layout; }
     [[nodiscard]] const Clock& clock() const { return environment_.clock; }
     /// REQUIRES LOCK.

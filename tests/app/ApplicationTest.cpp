@@ -184,6 +184,33 @@ TEST(ApplicationTest, nothingOfAUserIsLeftForTheNext) {
     }
 }
 
+TEST(ApplicationTest, unsentChangesHoldUpALogOutUnlessDiscarded) {
+    for (const std::string argument : {"discard", ""}) {
+        for (const bool other : {true, false}) {
+            FakeClient client(kIsland);
+            serveOneShare(client);
+            client.start();
+            client.command("login:ann@example.org\nsecret");
+            {
+                const auto change = client.store.beginLocalChange();
+                const auto file = client.store.createFile("f", client.store.shares().at(0), nullptr, false);
+                file->LocallyUpdated = true;
+                client.store.noteContentsChanged(*file);
+            }
+            const std::string bob = "bob@example.org\nother";
+            client.command(other ? "login" + (argument.empty() ? "" : "-" + argument) + ":" + bob
+                                 : "logout:" + argument);
+            const bool discards = !argument.empty();
+            EXPECT_EQ(client.answers.back().starts_with("ok\n"), discards) << client.answers.back();
+            EXPECT_NE(client.answers.back().find("1 changes that were not sent yet"), std::string::npos);
+            EXPECT_EQ(client.keychain.password("Fern Disk.keys", "ann@example.org").has_value(), !discards);
+            EXPECT_EQ(client.store.fileCount() > 0, !discards);
+            client.command("login:ann@example.org\nsecret");
+            EXPECT_TRUE(discards || client.answers.back() == "ok\n") << "the same user is always let in";
+        }
+    }
+}
+
 TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
     FakeClient client(kIsland);
     client.start();

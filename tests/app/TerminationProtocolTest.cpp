@@ -31,6 +31,7 @@ struct FakeMediator : TerminationProtocol::Mediator {
         return saved;
     }
     bool shutdownBlocked() override { return blocked; }
+    void saveFailed() override { calls.emplace_back("failed"); }
     void setCleanShutdown() override { calls.emplace_back("clean"); }
     void terminateNow() override { calls.emplace_back("end"); }
 
@@ -61,7 +62,6 @@ TEST_F(TerminationProtocolTest, takesDownWhatThereIsAndEnds) {
         // An empty store never overwrites a saved one.
         {true, true, true, {"ask", "begin", "unmount", "stopObserving", "clean", "end"}},
         {false, false, true, {"clean", "end"}},
-        {true, false, false, {"ask", "begin", "unmount", "stopObserving", "save", "clean", "end"}},
     };
     for (const auto& [finished, empty, saved, calls] : cases) {
         LogCapture log;
@@ -90,6 +90,20 @@ TEST_F(TerminationProtocolTest, waitsForBlockedWorkAndSavesWhatItChanged) {
     EXPECT_EQ(answers, (std::vector{Outcome::kTerminating, Outcome::kTerminating}));
     loop.advance(1min);
     EXPECT_EQ(mediator.take(), Calls{}) << "ends once";
+}
+
+TEST_F(TerminationProtocolTest, triesAFailedSaveAgainAndSaysWhereThatDoesNotHelp) {
+    for (const bool room : {true, false}) {
+        FakeMediator one;
+        one.saved = false;
+        TerminationProtocol protocol(one, loop);
+        protocol.applicationShouldTerminate();
+        EXPECT_EQ(one.take(), (Calls{"ask", "begin", "unmount", "stopObserving", "save"}));
+        one.saved = room;
+        loop.advance(1min);
+        EXPECT_EQ(one.take(), room ? (Calls{"save", "clean", "end"})
+                                   : (Calls{"save", "save", "save", "save", "failed", "end"}));
+    }
 }
 
 TEST_F(TerminationProtocolTest, insistingPassesTheOpenQuestion) {

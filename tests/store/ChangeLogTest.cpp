@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -17,6 +18,7 @@
 #include "store/JournalWorld.h"
 #include "store/StorePersistence.h"
 #include "support/LogCapture.h"
+#include "support/Seed.h"
 
 namespace {
 /// Calls that reach the disk until the process ends; 0: it goes on.
@@ -24,6 +26,11 @@ int callsLeft = 0;
 void mayEnd() {
     if (callsLeft > 0 && --callsLeft == 0) _exit(77);
 }
+/// While above 0, what is written to the disk fails so; half of it is written before that.
+int writeError = 0;
+bool writesHalf = false;
+/// While set, nothing can be reserved.
+bool isFull = false;
 }  // namespace
 
 // The linker leads the calls of the program under test here. A process that ends loses nothing that is not on
@@ -43,7 +50,19 @@ ssize_t __wrap_write(int file, const void* bytes, size_t size) {
 ssize_t __real_pwrite64(int, const void*, size_t, off64_t);
 ssize_t __wrap_pwrite64(int file, const void* bytes, size_t size, off64_t at) {
     mayEnd();
+    if (writeError != 0) {
+        if (writesHalf && size > 1)
+            return __real_pwrite64(file, bytes, std::exchange(writesHalf, false) ? size / 2 : 0, at);
+        errno = writeError;
+        return -1;
+    }
     return __real_pwrite64(file, bytes, size, at);
+}
+int __real_fallocate64(int, int, off64_t, off64_t);
+int __wrap_fallocate64(int file, int mode, off64_t from, off64_t size) {
+    if (!isFull) return __real_fallocate64(file, mode, from, size);
+    errno = ENOSPC;
+    return -1;
 }
 int __real_rename(const char*, const char*);
 int __wrap_rename(const char* from, const char* to) {
@@ -456,6 +475,99 @@ TEST(ChangeLogTest, aFullDiskIsMadeUpForByTheNextTryOrSave) {
     EXPECT_TRUE(world.store.persistence().save());
     EXPECT_TRUE(world.store.persistence().syncChanges());
     EXPECT_EQ(treeOf(NextRun(world).store).count("lost"), 1U);
+}
+
+/// Random changes, failures, saves and kills. What a commit acknowledged is there after the kill, what
+/// admitChange() refused has left no trace, and of what failed in between there is all or nothing.
+TEST(ChangeLogModelTest, aKillLosesNothingThatWasAcknowledged) {
+    LogCapture log;
+    const unsigned seed = testing::seed();
+    SCOPED_TRACE(testing::replayWith(seed));
+    std::mt19937 random(seed);
+    const auto chance = [&](unsigned percent) { return random() % 100 < percent; };
+    int refused = 0, failed = 0, acknowledged = 0;
+    for (int round = 0; round < 15; ++round) {
+        KilledWorld world;
+        // By id: numbers that the record may have; the last is the newest.
+        std::map<std::string, std::vector<std::int64_t>> model;
+        std::int64_t number = 0;
+        for (int step = 0; step < 60; ++step) {
+            if (chance(20)) {
+                const int errors[] = {0, 0, ENOSPC, EIO};
+                writeError = errors[random() % 4];
+                writesHalf = chance(50);
+                isFull = chance(30);
+            }
+            if (chance(8)) {
+                if (world.store.persistence().save()) {
+                    for (auto& [id, numbers] : model)
+                        numbers = {numbers.back()};
+                }
+            } else if (world.store.admitChange() != 0) {
+                ++refused;
+            } else {
+                auto change = world.store.beginLocalChange();
+                std::vector<std::string> ids;
+                for (int i = 0; i < (chance(20) ? 2 : 1); ++i) {
+                    TWVirtualFilePtr file;
+                    if (chance(30)) {
+                        const std::string name = "n" + std::to_string(++number);
+                        file = JournalWorld::file(name, "s", name);
+                        world.store.addFileMetadata(file);
+                    } else {
+                        const char* const known[] = {"fa", "fb", "fc", "d"};
+                        file = world.store.fileWithId(known[random() % 4]);
+                    }
+                    file->CreationTime = Date{std::chrono::seconds(++number)};
+                    world.store.markChanged(*file);
+                    model[file->InternalName.str()].push_back(number);
+                    ids.push_back(file->InternalName.str());
+                }
+                if (change.commit() == 0) {
+                    // What failed before it is in the log by now as well.
+                    for (auto& [id, numbers] : model)
+                        numbers = {numbers.back()};
+                    ++acknowledged;
+                } else {
+                    ++failed;
+                    for (const auto& id : ids) {
+                        if (model[id].size() == 1) model[id].insert(model[id].begin(), -1);
+                    }
+                }
+            }
+            if (!chance(10)) continue;
+            const int error = std::exchange(writeError, 0);
+            const bool full = std::exchange(isFull, false);
+            const testing::TemporaryFolder copy;
+            fs::copy(world.data(), copy.path("data"), fs::copy_options::recursive);
+            const CacheLayout layout{
+                {copy.path("home"), copy.path("data"), copy.path("cache"), "Tarnwell", ""}};
+            ManualExecutor background;
+            TWMetadataStorage next({layout, world.clock, background, [] { return std::string(); }, [] {}});
+            next.persistence().load();
+            for (const auto& [id, numbers] : model) {
+                const auto file = next.fileWithId(id);
+                const std::int64_t found =
+                    file ? file->CreationTime.time_since_epoch() / std::chrono::seconds(1) : -1;
+                const bool isKnown = id == "fa" || id == "fb" || id == "fc" || id == "d";
+                const bool untouched = numbers.front() == -1 && isKnown && file;
+                EXPECT_TRUE(untouched || std::find(numbers.begin(), numbers.end(), found) != numbers.end())
+                    << id << " has " << found << ", last written " << numbers.back() << "\n"
+                    << log.text();
+            }
+            for (const auto& file : next.allFiles()) {
+                const auto id = file->InternalName.str();
+                EXPECT_TRUE(id.front() != 'n' || model.contains(id)) << "a trace of what was refused";
+            }
+            writeError = error;
+            isFull = full;
+        }
+        writeError = 0;
+        isFull = writesHalf = false;
+    }
+    EXPECT_GT(acknowledged, 50);
+    EXPECT_GT(failed, 5);
+    EXPECT_GT(refused, 5);
 }
 
 }  // namespace

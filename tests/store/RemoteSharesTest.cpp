@@ -1,3 +1,9 @@
+#include <filesystem>
+#include <map>
+
+#include "store/ContentVersion.h"
+#include "store/JournalWorld.h"
+#include "store/StorePersistence.h"
 #include "store/StoreWorld.h"
 #include "support/LogCapture.h"
 
@@ -123,6 +129,93 @@ TEST(RemoteSharesTest, whatIsNoLongerListedGoesWithItsData) {
     EXPECT_EQ(world.name("2") + world.name("s"), "--");
     EXPECT_EQ(world.name("1"), "One");
     EXPECT_EQ(world.store.fileCount(), 0U);
+}
+
+/// Contents of the kept files, by path below "Kept/<share>/<date>".
+std::map<std::string, std::string> keptIn(const CacheLayout& layout) {
+    namespace fs = std::filesystem;
+    std::map<std::string, std::string> kept;
+    if (!fs::exists(KeptFiles::folderIn(layout))) return kept;
+    for (const auto& entry : fs::recursive_directory_iterator(KeptFiles::folderIn(layout))) {
+        if (!entry.is_regular_file() || entry.path().filename() == "Kept.txt") continue;
+        fs::path shown;
+        const auto below = fs::relative(entry.path(), KeptFiles::folderIn(layout));
+        for (auto part = std::next(below.begin(), 2); part != below.end(); ++part)
+            shown /= *part;
+        kept[shown.native()] = testing::bytesOf(entry.path().native());
+    }
+    return kept;
+}
+
+/// Whether the share goes while the client runs or while it was stopped, and whichever of the bytes are in
+/// the cache or in an upload copy.
+TEST(RemoteSharesTest, unsentContentsOfAShareThatGoesAreKept) {
+    for (const std::string way : {"not listed", "not listed after a restart", "domain gone", "no room"}) {
+        const LogCapture log;
+        testing::JournalWorld world;
+        world.store.persistence().load();
+        world.share->DomainId = "dom";
+        world.store.insertShare(world.share);
+        world.known("fa", "a", "AAAA");
+        world.known("fb", "b", "BB");
+        world.known("d", "d", nullptr);
+        ASSERT_TRUE(world.store.persistence().save());
+        world.run("write a XXXX");
+        world.background.runAll();
+        world.run("create n;write n NN;create d/m;write d/m MMM;create ~local");
+        {
+            // Being written.
+            const auto change = world.store.beginLocalChange();
+            const auto file = world.item("b");
+            file->LocallyUpdated = true;
+            world.store.noteContentsChanged(*file);
+        }
+        // The copy alone has the contents of "a".
+        std::filesystem::remove(world.layout.cachePathForFile(*world.item("a")));
+        UserDomain domain;
+        domain.Domain.emplace();
+        domain.Domain->DomainId = "dom";
+        const auto goes = [&](TWMetadataStorage& store) {
+            if (way == "domain gone") {
+                store.remoteChanges().deleteDomainShares({"other"});
+            } else {
+                store.remoteChanges().updateShares({}, domain);
+            }
+        };
+        const std::map<std::string, std::string> unsent{
+            {"a", "XXXX"}, {"b", "BB"}, {"n", "NN"}, {"d/m", "MMM"}, {"~local", ""}};
+        if (way == "no room") {
+            world.temporary.write("data/Tarnwell/Kept", "in the way");
+            goes(world.store);
+            EXPECT_NE(world.store.shareWithId("s"), nullptr) << "tried again when it is not listed again";
+            EXPECT_EQ(testing::bytesOf(world.layout.cachePathForFile(*world.item("n"))), "NN");
+            std::filesystem::remove(world.temporary.path("data/Tarnwell/Kept"));
+        }
+        if (way == "not listed after a restart") {
+            testing::ManualExecutor background;
+            TWMetadataStorage next(
+                {world.layout, world.clock, background, [] { return std::string(); }, [] {}});
+            next.persistence().load();
+            goes(next);
+            background.runAll();
+            EXPECT_TRUE(next.shares().empty());
+        } else {
+            goes(world.store);
+            world.background.runAll();
+            EXPECT_TRUE(world.store.shares().empty()) << way;
+            EXPECT_TRUE(world.journal().journalItems().empty()) << way;
+        }
+        EXPECT_EQ(keptIn(world.layout), unsent) << way << log.text();
+        if (way != "not listed") continue;
+
+        std::vector<KeptFiles::Notice> notices;
+        world.store.keptFiles().setObserver([&](const KeptFiles::Notice& each) { notices.push_back(each); });
+        world.store.remoteChanges().updateShares({StoreWorld::makeShare("s", "Back")}, domain);
+        ASSERT_EQ(notices.size(), 1U);
+        EXPECT_EQ(notices[0].offered, unsent.size());
+        EXPECT_EQ(notices[0].drivePath, "/Back");
+        EXPECT_EQ(keptIn(world.layout), unsent) << "offered, not taken";
+    }
 }
 
 }  // namespace
