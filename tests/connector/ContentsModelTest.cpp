@@ -175,8 +175,9 @@ class ContentsModel {
         auto& store = world_->store;
         const auto change = store.beginLocalChange();
         const auto file = store.fileWithId(id);
-        editing_[id] += "!";
-        std::ofstream(world_->cachePath(file), std::ios::binary | std::ios::app) << "!";
+        std::ofstream last(world_->cachePath(file), std::ios::binary | std::ios::app);
+        // The disk may be full.
+        if (last << "!" << std::flush) editing_[id] += "!";
         unsent_[id] = editing_[id];
         editing_.erase(id);
         file->AllocationSize = file->EndOfFile = static_cast<std::int64_t>(unsent_[id].size());
