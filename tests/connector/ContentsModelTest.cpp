@@ -203,7 +203,8 @@ class ContentsModel {
                 problem_ = "sent '" + bytes + "' as " + name + ", '" + contents_[name] + "'";
             sent_.insert(name);
             remote_[id] = {name, ++tick_};
-            if (unsent_.contains(id) && unsent_[id] == bytes) unsent_.erase(id);
+            // As another item's, perhaps: cache files that were swapped while they were edited.
+            std::erase_if(unsent_, [&](const auto& unsent) { return unsent.second == bytes; });
         }
         const TWVirtualFile sent = *entry->File;
         {
@@ -253,7 +254,8 @@ class ContentsModel {
     }
     void harm(const std::string& root) {
         const auto what = pick(8);
-        if (what > 2) return;
+        // Unsent bytes that somebody gives to another item are sent as that item's.
+        if (what > 2 || (what == 1 && !unsent_.empty())) return;
         note(what == 0 ? "without share file" : what == 1 ? "swapped" : "cut log");
         damaged_ = true;
         if (what == 0) fs::remove(root + "/share_s1.db");
