@@ -74,8 +74,8 @@ class ChangeRecorder {
     /// Deletes a file of the cache once the changes of this hold of the lock are appended: a record that is
     /// there has its bytes. Follows the file through exchangeFiles().
     void deleteLater(const std::string& path);
-    /// Calls `action`, with the lock, when all that is noted so far is in the log or saved: at the end of this
-    /// change at the earliest, after a later one when the log cannot be written now.
+    /// Calls `action`, with the lock, when all that is noted so far is in the log or saved: at the end of
+    /// this change at the earliest, after a later one when the log cannot be written now.
     void afterAppend(std::function<void()> action) {
         actions_.push_back(std::move(action));
         busy_ = true;

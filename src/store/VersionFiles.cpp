@@ -50,7 +50,8 @@ std::optional<std::string> identity(int descriptor, bool bindsContents, std::str
         return " " + std::to_string(at.tv_sec) + "." + std::to_string(at.tv_nsec);
     };
     std::string text = (status.stx_mask & STATX_BTIME) != 0 ? time(status.stx_btime) : " -";
-    if (bindsContents) text += " " + std::to_string(status.stx_size) + time(status.stx_mtime) + std::string(kBound);
+    if (bindsContents)
+        text += " " + std::to_string(status.stx_size) + time(status.stx_mtime) + std::string(kBound);
     return text;
 }
 

@@ -8,8 +8,8 @@ namespace tarnwell {
 /// What ContentVersion stores with a cache file, for file systems that keep no extended attributes: one small
 /// file per inode in a folder of the cache root (docs/formats/store.md). Like an attribute it follows renames
 /// and exchanges; a new file that gets the inode of an old one is told from it by its time of birth and, but
-/// for an edited one, by its size and time of modification. It is not synced: what a loss of power takes proves
-/// nothing, and is fetched again.
+/// for an edited one, by its size and time of modification. It is not synced: what a loss of power takes
+/// proves nothing, and is fetched again.
 ///
 /// Threads: any. use() once, before the first cache file is looked at.
 class VersionFiles {

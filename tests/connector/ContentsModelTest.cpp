@@ -1,5 +1,5 @@
-// Cached bytes are those of the version that the record names, whatever comes between, and nothing that a user
-// wrote is lost on the way.
+// Cached bytes are those of the version that the record names, whatever comes between, and nothing that a
+// user wrote is lost on the way.
 
 #include <unistd.h>
 
@@ -37,19 +37,30 @@ class ContentsModel {
     void step() {
         const std::string id = kIds[pick(kIds.size())];
         switch (pick(13)) {
-            case 0: return note("remote " + id), changeRemotely(id);
-            case 1: return note("merge " + id), merge(id);
-            case 2: return note("read " + id), read(id);
-            case 3: return note("download " + id), download(id);
+            case 0:
+                return note("remote " + id), changeRemotely(id);
+            case 1:
+                return note("merge " + id), merge(id);
+            case 2:
+                return note("read " + id), read(id);
+            case 3:
+                return note("download " + id), download(id);
             case 4:
-            case 5: return note("edit " + id), editing_.contains(id) ? endEdit(id) : beginEdit(id);
-            case 6: return note("background"), static_cast<void>(world_->settle());
+            case 5:
+                return note("edit " + id), editing_.contains(id) ? endEdit(id) : beginEdit(id);
+            case 6:
+                return note("background"), static_cast<void>(world_->settle());
             case 7:
-            case 8: return note("send"), send();
-            case 9: return note("expire"), expire();
-            case 10: return note("save"), static_cast<void>(world_->store.persistence().save());
-            case 11: return note("kill"), kill();
-            default: return fullDisk(id);
+            case 8:
+                return note("send"), send();
+            case 9:
+                return note("expire"), expire();
+            case 10:
+                return note("save"), static_cast<void>(world_->store.persistence().save());
+            case 11:
+                return note("kill"), kill();
+            default:
+                return fullDisk(id);
         }
     }
     /// Empty when all is as it must be.
@@ -222,10 +233,14 @@ class ContentsModel {
         note("full disk");
         const FileSizeLimit full(1);
         switch (pick(4)) {
-            case 0: return note("merge " + id), changeRemotely(id), merge(id);
-            case 1: return note("read " + id), read(id);
-            case 2: return note("expire"), expire();
-            default: return note("edit " + id), editing_.contains(id) ? void() : beginEdit(id);
+            case 0:
+                return note("merge " + id), changeRemotely(id), merge(id);
+            case 1:
+                return note("read " + id), read(id);
+            case 2:
+                return note("expire"), expire();
+            default:
+                return note("edit " + id), editing_.contains(id) ? void() : beginEdit(id);
         }
     }
 
@@ -275,7 +290,8 @@ class ContentsModel {
 
     [[nodiscard]] bool isIn(const std::string& folder, const std::string& bytes) const {
         std::error_code error;
-        for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
+             it.increment(error)) {
             if (it->is_regular_file(error) && contentsOf(it->path()) == bytes) return true;
         }
         return false;
@@ -284,8 +300,8 @@ class ContentsModel {
         return isIn(KeptFiles::folderIn(world_->layout), bytes);
     }
     [[nodiscard]] bool isOnDisk(const std::string& bytes) const {
-        return isIn(world_->layout.filesCachePath(), bytes) || isIn(world_->layout.uploadsCachePath(), bytes) ||
-               isKept(bytes);
+        return isIn(world_->layout.filesCachePath(), bytes) ||
+               isIn(world_->layout.uploadsCachePath(), bytes) || isKept(bytes);
     }
 
     std::mt19937 random_;
@@ -294,7 +310,8 @@ class ContentsModel {
     std::set<std::string> sent_;                   ///< names that the service has
     std::map<std::string, Remote> remote_;
     std::map<std::string, std::string> editing_;  ///< bytes of files that are open for writing
-    std::map<std::string, std::string> unsent_;   ///< the last bytes that were closed, until the service has them
+    std::map<std::string, std::string>
+        unsent_;  ///< the last bytes that were closed, until the service has them
     int made_ = 0, tick_ = 0;
     bool damaged_ = false;
     std::string steps_, problem_;

@@ -86,7 +86,9 @@ TEST(CacheRecoveryTest, bytesCountForWhatTheySayTheyAre) {
         {"a replacement that never began", {.size = 0, .marked = true}, Action::kUnmark},
         {"edited, the mark is lost", {.version = edited}, Action::kJournal},
         {"journalled, the stamp is lost", {.version = editedOther, .pending = true}, Action::kStampUnsent},
-        {"edited since it was journalled", {.version = edited, .pending = true, .pendingOther = true}, Action::kJournal},
+        {"edited since it was journalled",
+         {.version = edited, .pending = true, .pendingOther = true},
+         Action::kJournal},
         {"edited, of another version", {.version = editedOther}, Action::kKeep},
         {"waits to be sent", {.version = unsent, .pending = true}, Action::kLeave},
         {"was sent", {.version = unsent}, Action::kStampClean},
@@ -118,7 +120,9 @@ TEST(CacheRecoveryTest, aStartSettlesTheCache) {
     add("lost", ContentVersion::unsent("Ulost"));
     world.store.deleteFileMetadata(world.store.fileWithId("lost"));
     ASSERT_TRUE(world.save());
-    const auto cached = [&](const char* id) { return world.temporary.exists("data/Tarnwell/Files/s/" + std::string(id)); };
+    const auto cached = [&](const char* id) {
+        return world.temporary.exists("data/Tarnwell/Files/s/" + std::string(id));
+    };
     {
         // A cache of an older client: what fits is taken for what it was.
         const SavedWorld::Run run(world);
@@ -128,7 +132,8 @@ TEST(CacheRecoveryTest, aStartSettlesTheCache) {
         EXPECT_EQ(KeptFiles::count(world.layout), 1U);
     }
     // Once; and after a clean end the cache is not walked.
-    ASSERT_EQ(::removexattr((world.layout.filesCachePath() + "/s/old").c_str(), ContentVersion::kAttribute), 0);
+    ASSERT_EQ(::removexattr((world.layout.filesCachePath() + "/s/old").c_str(), ContentVersion::kAttribute),
+              0);
     {
         const SavedWorld::Run run(world);
         EXPECT_FALSE(run.store.holdsContents(*run.store.fileWithId("old")));
