@@ -13,6 +13,7 @@
 
 #include "store/ManagedShare.h"
 #include "store/TWVirtualFile.h"
+#include "store/VersionFiles.h"
 #include "util/Format.h"
 #include "util/TWLogger.h"
 #include "util/TWUtils.h"
@@ -114,6 +115,7 @@ void CacheLayout::initCachePathes() const {
     for (const auto* path : {&root_, &files_, &uploads_, &downloads_, &logs_}) {
         ensureFolder(*path);
     }
+    VersionFiles::use(root_ + "/Versions");
 }
 
 std::string CacheLayout::fileNameForId(std::string_view id) {

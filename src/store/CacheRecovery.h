@@ -35,9 +35,9 @@ class CacheRecovery {
 
     /// What is known of a cache file and its record.
     struct Case {
-        std::optional<ContentVersion> version;
+        std::optional<ContentVersion> version = std::nullopt;
         std::int64_t size = 0;
-        SharedString uploadName;  ///< of the record, as all below
+        SharedString uploadName{};  ///< of the record, as all below
         std::int64_t recordSize = 0;
         bool marked = false;        ///< `LocallyUpdated`
         bool takesNoPart = false;   ///< by its name

@@ -1,11 +1,14 @@
 #include "store/ContentVersion.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/xattr.h>
 
 #include <array>
 #include <cerrno>
 
+#include "platform/LocalSocket.h"
+#include "store/VersionFiles.h"
 #include "util/TWUtils.h"
 
 namespace tarnwell {
@@ -19,6 +22,10 @@ constexpr std::size_t kDigits = 2 * kDigestBytes;
 const std::string& runId() {
     static const std::string id = generateGUID();
     return id;
+}
+
+int openFile(const std::string& path) {
+    return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
 }  // namespace
@@ -78,24 +85,33 @@ std::optional<ContentVersion> ContentVersion::parse(std::string_view text) {
 
 int ContentVersion::set(int descriptor) const {
     const auto value = text();
-    return ::fsetxattr(descriptor, kAttribute, value.data(), value.size(), 0) == 0 ? 0 : errno;
+    if (::fsetxattr(descriptor, kAttribute, value.data(), value.size(), 0) == 0) return 0;
+    return errno == ENOTSUP ? VersionFiles::set(descriptor, value, !isEdited()) : errno;
 }
 
 int ContentVersion::set(const std::string& path) const {
     const auto value = text();
-    return ::lsetxattr(path.c_str(), kAttribute, value.data(), value.size(), 0) == 0 ? 0 : errno;
+    if (::lsetxattr(path.c_str(), kAttribute, value.data(), value.size(), 0) == 0) return 0;
+    if (errno != ENOTSUP) return errno;
+    const OwnedDescriptor file(openFile(path));
+    return file ? VersionFiles::set(file.get(), value, !isEdited()) : errno;
 }
 
 std::optional<ContentVersion> ContentVersion::of(int descriptor) {
     std::array<char, kDigits + 1> value{};
     const auto size = ::fgetxattr(descriptor, kAttribute, value.data(), value.size());
-    return size < 0 ? std::nullopt : parse({value.data(), static_cast<std::size_t>(size)});
+    if (size >= 0) return parse({value.data(), static_cast<std::size_t>(size)});
+    const auto text = errno == ENOTSUP ? VersionFiles::of(descriptor) : std::nullopt;
+    return text ? parse(*text) : std::nullopt;
 }
 
 std::optional<ContentVersion> ContentVersion::of(const std::string& path) {
     std::array<char, kDigits + 1> value{};
     const auto size = ::lgetxattr(path.c_str(), kAttribute, value.data(), value.size());
-    return size < 0 ? std::nullopt : parse({value.data(), static_cast<std::size_t>(size)});
+    if (size >= 0) return parse({value.data(), static_cast<std::size_t>(size)});
+    if (errno != ENOTSUP) return std::nullopt;
+    const OwnedDescriptor file(openFile(path));
+    return file ? of(file.get()) : std::nullopt;
 }
 
 }  // namespace tarnwell

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +20,8 @@
 #include "store/StorePersistence.h"
 #include "support/LogCapture.h"
 #include "support/Seed.h"
+
+extern bool withoutAttributes;  ///< CacheRecoveryTest.cpp
 
 namespace {
 /// Calls that reach the disk until the process ends; 0: it goes on.
@@ -77,12 +80,24 @@ int __wrap_renameat2(int a, const char* from, int b, const char* to, unsigned fl
 int __real_fsetxattr(int, const char*, const void*, size_t, int);
 int __wrap_fsetxattr(int file, const char* name, const void* value, size_t size, int flags) {
     mayEnd();
+    if (withoutAttributes) return errno = ENOTSUP, -1;
     return __real_fsetxattr(file, name, value, size, flags);
 }
 int __real_lsetxattr(const char*, const char*, const void*, size_t, int);
 int __wrap_lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags) {
     mayEnd();
+    if (withoutAttributes) return errno = ENOTSUP, -1;
     return __real_lsetxattr(path, name, value, size, flags);
+}
+ssize_t __real_fgetxattr(int, const char*, void*, size_t);
+ssize_t __wrap_fgetxattr(int file, const char* name, void* value, size_t size) {
+    if (withoutAttributes) return errno = ENOTSUP, -1;
+    return __real_fgetxattr(file, name, value, size);
+}
+ssize_t __real_lgetxattr(const char*, const char*, void*, size_t);
+ssize_t __wrap_lgetxattr(const char* path, const char* name, void* value, size_t size) {
+    if (withoutAttributes) return errno = ENOTSUP, -1;
+    return __real_lgetxattr(path, name, value, size);
 }
 int __real_unlink(const char*);
 int __wrap_unlink(const char* path) {
