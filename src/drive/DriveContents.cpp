@@ -104,6 +104,7 @@ ErrnoOr<Done> TWFuseFileSystem::fetchContents(const TWVirtualFilePtr& file) {
     const bool isCurrent = stored && stored->UploadName == version && stored->size() == size &&
                            !mediator_.isFileDownloaded(stored);
     if (!isCurrent) return Done{};
+    if (!store_.makeRoomForContents(*stored)) return Errno{EIO};
     if (const int error = temporary.moveTo(layout_.cachePathForFile(*stored))) return Errno{error};
     stored->DownloadDate = store_.clock().now();
     store_.markChanged(*stored);
@@ -143,6 +144,7 @@ ErrnoOr<Done> TWFuseFileSystem::bringBack(TWFuseFileData& userData, const TWVirt
     const auto path = layout_.cachePathForFile(*stored);
     if (stored->UploadName == version->UploadName) {
         if (!mediator_.isFileDownloaded(stored)) {
+            if (!store_.makeRoomForContents(*stored)) return Errno{EIO};
             if (const int error = copy.moveTo(path)) return Errno{error};
             stored->DownloadDate = store_.clock().now();
             store_.markChanged(*stored);
@@ -160,6 +162,7 @@ ErrnoOr<Done> TWFuseFileSystem::bringBack(TWFuseFileData& userData, const TWVirt
     stored->LocallyUpdated = true;
     store_.markChanged(*stored);
     int error = change.commit();
+    if (error == 0 && !store_.makeRoomForContents(*stored)) error = EIO;
     if (error == 0) error = copy.moveTo(path);
     if (error != 0) {
         takeVersion(*stored, former);

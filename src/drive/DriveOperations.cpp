@@ -75,6 +75,11 @@ ErrnoOr<DriveOperations::Place> DriveOperations::placeOf(std::uint64_t node) con
     Place place{fileSystem_->store().beginWriteStorage(), {}, {}};
     auto identity = nodes_.find(node);
     if (!identity || (identity->kind == Kind::gone && removedFile(node))) return Errno{ESTALE};
+    if (identity->kind == Kind::gone) {
+        // Opened since it was replaced: it follows its item as every open does.
+        const auto file = files_.findIf([&](const auto& open) { return open.node == node && open.userData; });
+        if (file) identity->id = file->userData->fileId();
+    }
     place.identity = *std::move(identity);
     place.path = pathOf(place.identity);
     if (place.path.empty()) return Errno{ESTALE};
@@ -285,7 +290,8 @@ ErrnoOr<DriveOperations::ListingPtr> DriveOperations::makeListing(std::uint64_t 
     std::vector<TWFuseFileSystem::Child> children;
     {
         const auto place = placeOf(node);
-        if (!place) return Errno{place.error()};
+        // As the kernel itself says of a removed folder that is open: its reader is at the end.
+        if (!place) return Errno{ENOENT};
         identity = place->identity;
         children = fileSystem_->childrenOfDirectoryAtPath(place->path);
     }

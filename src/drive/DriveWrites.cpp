@@ -98,10 +98,16 @@ ErrnoOr<TWFuseFileSystem::WriteTarget> TWFuseFileSystem::tryToBeginWriting(TWFus
     struct stat status {};
     // Bytes of which nobody knows the version give way.
     const bool isStale = isEmpty && !wasMarked && ::lstat(path.c_str(), &status) == 0 && status.st_size > 0;
-    if (replaces || (isStale && !isNamed)) ::unlink(path.c_str());
-    const auto opened = userData.openCacheFile(path, file->UploadName, isEmpty || replaces ? O_CREAT : 0);
-    int error = opened.error();
-    if (error == 0) error = stamp(*file, userData, **opened, !wasMarked);
+    int error = 0;
+    if (replaces || (isStale && !isNamed)) {
+        if (!store_.makeRoomForContents(*file)) error = EIO;
+        if (error == 0) ::unlink(path.c_str());
+    }
+    ErrnoOr<CacheFilePtr> opened = Errno{EIO};
+    if (error == 0) {
+        opened = userData.openCacheFile(path, file->UploadName, isEmpty || replaces ? O_CREAT : 0);
+        error = opened ? stamp(*file, userData, **opened, !wasMarked) : opened.error();
+    }
     if (error != 0) {
         if (!wasMarked) unmark(*file);
         return Errno{error};

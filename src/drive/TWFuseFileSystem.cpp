@@ -14,7 +14,6 @@
 
 #include "drive/DriveNames.h"
 #include "drive/FileTimes.h"
-#include "store/ContentVersion.h"
 #include "store/Enums.h"
 #include "store/LocalChangeJournal.h"
 #include "util/TWLogger.h"
@@ -406,23 +405,16 @@ void TWFuseFileSystem::checkOpenedFiles() {
 
 void TWFuseFileSystem::journalUpdate(const TWVirtualFilePtr& file) {
     auto& journal = store_.journal();
-    const SharedString former = file->UploadName;
-    const auto entry = journal.createJournalForFile(file, kJournalUpdate);
-    TWFuseFileData::contentsRenamed(file->InternalName.view(), former.view(), file->UploadName.view());
-    journal.addChangeToJournal(entry);
+    journal.addChangeToJournal(journal.createJournalForFile(file, kJournalUpdate));
 }
 
 /// One open wrote, or made, the file and is done: the last one of them hands it to the journal.
 void TWFuseFileSystem::endBurst(const TWVirtualFilePtr& file, bool wrote, const TWFuseFileData* by) {
     if (!file->LocallyUpdated.value_or(false)) return;
     if (TWFuseFileData::isWritten(file->InternalName.view(), by)) return;
-    const bool isIgnored = CacheLayout::isPathIgnored(file->PublicName.view(), false);
-    // Nobody gives a new name to what is not sent. Before the mark goes: only one of the two proves the
-    // bytes.
-    if (isIgnored) (void)ContentVersion::clean(file->UploadName.view()).set(layout_.cachePathForFile(*file));
     file->LocallyUpdated.reset();
     store_.markChanged(*file);
-    if (wrote && !isIgnored) journalUpdate(file);
+    if (wrote && !CacheLayout::isPathIgnored(file->PublicName.view(), false)) journalUpdate(file);
 }
 
 std::string TWFuseFileSystem::openFlagsToString(int flags) {

@@ -14,7 +14,8 @@ namespace tarnwell::testing {
 
 bool FakeMediator::isFileDownloaded(const TWVirtualFilePtr& file) {
     if (failNext_.exchange(false)) throw std::runtime_error("scripted");
-    return file->size() == 0 || ::access(layout_.cachePathForFile(*file).c_str(), F_OK) == 0;
+    const auto lock = store_->beginReadStorage();
+    return store_->holdsContents(*file);
 }
 
 std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePtr& file,
@@ -33,8 +34,8 @@ std::optional<std::string> FakeMediator::downloadFileChunk(const TWVirtualFilePt
 
 DriveWorld::DriveWorld()
     : layout({folder.path(), folder.path("data"), folder.path("cache"), "Tarnwell", ""}),
-      mediator(layout),
       store({layout, clock, background, [] { return std::string("user"); }, [] {}}) {
+    mediator.setStore(store);
     layout.initCachePathes();
     store.setDriveObserver(&openFiles);
     drive = {new TWFuseFileSystem(store, layout, background, mediator), [this](TWFuseFileSystem* gone) {

@@ -21,7 +21,7 @@ namespace tarnwell::testing {
 /// goes wrong.
 class FakeMediator final : public TWFuseFileSystem::Mediator {
   public:
-    explicit FakeMediator(const CacheLayout& layout) : layout_(layout) {}
+    void setStore(TWMetadataStorage& store) { store_ = &store; }
 
     bool isFileDownloaded(const TWVirtualFilePtr& file) override;
     std::optional<std::string> downloadFileChunk(const TWVirtualFilePtr& file, std::int64_t position,
@@ -52,7 +52,7 @@ class FakeMediator final : public TWFuseFileSystem::Mediator {
     [[nodiscard]] std::size_t fetches() const { return fetches_; }
 
   private:
-    const CacheLayout& layout_;
+    TWMetadataStorage* store_ = nullptr;
     std::atomic<bool> held_ = false, failNext_ = false;
     std::atomic<std::size_t> fetches_ = 0, excess_ = 0;
     std::mutex mutex_;

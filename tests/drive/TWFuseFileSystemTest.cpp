@@ -65,7 +65,9 @@ TEST_F(TWFuseFileSystemTest, readsBytes) {
     world.addShare("S", "B");
     world.addFolder("S", "folder");
     world.addCached("S", "cached", bytes);
-    world.addCached("S", "longer-in-cache", bytes)->AllocationSize = 4;
+    const auto growing = world.addCached("S", "longer-in-cache", bytes);
+    growing->AllocationSize = 4;
+    growing->LocallyUpdated = true;
     world.addRemote("S", "remote", bytes);
     const auto empty = world.addRemote("S", "empty", "");
     const auto lost = world.addRemote("S", "lost", bytes);

@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <sys/mman.h>
 
+#include <map>
+#include <random>
+#include <set>
+
 #include "drive/MountedDrive.h"
 #include "store/ContentVersion.h"
 #include "store/FileSizeLimit.h"
@@ -173,6 +177,86 @@ TEST_F(VersionMountTest, handlesOfAShareThatIsGoneSaySo) {
     }
     EXPECT_EQ(::open(path("Taken/f").c_str(), O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+/// Versions of the service are one letter each, edits are digits. No open sees two letters at once, and what
+/// was acknowledged is there until it is sent.
+TEST_F(VersionMountTest, opensOfManyVersionsNeverMixThemNorLoseAnEdit) {
+    const auto seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::minstd_rand random(seed);
+    const auto choose = [&](std::size_t bound) { return random() % bound; };
+    const auto lettersOf = [](const std::string& bytes) {
+        std::set<char> letters;
+        for (const char c : bytes)
+            if (c >= 'a') letters.insert(c);
+        return letters;
+    };
+    world.addCached("S", "f", std::string(400, 'a'));
+    const auto id = world.at("/Share/f")->InternalName.str();
+    world.mediator.setRemote(id + "/version 1", std::string(400, 'a'));
+    const auto cachePath = world.layout.cachePathForFile(*world.at("/Share/f"));
+    struct Open {
+        int descriptor;
+        std::set<char> seen;
+    };
+    std::vector<Open> opens;
+    std::map<off_t, char> acknowledged;  // and not sent
+    int version = 1;
+    for (int step = 0; step < 600; ++step) {
+        const auto kind = choose(12);
+        if (kind == 0 && opens.size() < 8) {
+            opens.push_back({::open(path("Share/f").c_str(), choose(3) ? O_RDWR : O_RDONLY), {}});
+            ASSERT_GE(opens.back().descriptor, 0) << std::strerror(errno);
+        } else if (kind == 1) {
+            const auto letter = static_cast<char>('a' + ++version % 26);
+            world.changeRemotely("/Share/f", "version " + std::to_string(version),
+                                 std::string(100 + choose(500), letter));
+        } else if (kind == 2) {
+            const auto lock = world.store.beginWriteStorage();
+            const auto file = world.at("/Share/f");
+            if (acknowledged.empty() && !world.store.hasUnsentContents(*file)) ::unlink(cachePath.c_str());
+        } else if (kind == 3) {
+            world.clock.advance(std::chrono::seconds(5));
+            world.drive->checkOpenedFiles();
+            world.background.runAll();
+            const auto lock = world.store.beginWriteStorage();
+            const auto file = world.at("/Share/f");
+            if (file->LocallyUpdated.value_or(false)) continue;
+            // Sent: the service has it by the name that the record has.
+            const auto contents = world.cached("/Share/f");
+            if (contents != "(none)") world.mediator.setRemote(id + "/" + file->UploadName.str(), contents);
+            for (const auto& entry : world.store.journal().journalEntriesForShare("S"))
+                world.store.journal().deleteJournalEntry(entry);
+            acknowledged.clear();
+        } else if (!opens.empty()) {
+            auto& open = opens[choose(opens.size())];
+            const auto offset = static_cast<off_t>(choose(100));
+            if (kind < 6) {
+                const char digit = static_cast<char>('0' + choose(10));
+                const int error = write(open.descriptor, std::string(1, digit), offset);
+                if (error == 0) acknowledged[offset] = digit;
+                ASSERT_TRUE(error == 0 || error == EBADF || error == ESTALE) << std::strerror(error);
+            } else if (kind < 11) {
+                const auto bytes = read(open.descriptor, 1 + choose(300), offset);
+                if (bytes == std::strerror(ESTALE)) continue;
+                ASSERT_LE(lettersOf(bytes).size(), 1u) << bytes;
+                open.seen.merge(lettersOf(bytes));
+                ASSERT_LE(open.seen.size(), 1u) << "step " << step;
+            } else {
+                ::close(open.descriptor);
+                std::swap(open, opens.back());
+                opens.pop_back();
+            }
+        }
+        if (acknowledged.empty()) continue;
+        const auto now = world.cached("/Share/f");
+        ASSERT_LE(lettersOf(now).size(), 1u) << "step " << step;
+        for (const auto& [offset, digit] : acknowledged)
+            ASSERT_EQ(now.at(static_cast<std::size_t>(offset)), digit) << "step " << step;
+    }
+    for (const auto& open : opens)
+        ::close(open.descriptor);
 }
 
 /// The change log is full, the disk is not: an edit in place needs no room of its own.
