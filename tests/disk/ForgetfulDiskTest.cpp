@@ -1,0 +1,2 @@
+#include "disk/ForgetfulDisk.h"
+#include <gtest/gtest.h>
