@@ -39,7 +39,7 @@ def report(world, seed):
         say(f"\n{who}: {text}")
         path, token = details.get("path"), details.get("v")
         base = next((event.get("base") for event in events if event.get("v") == token and event["what"] == "write"), None)
-        concerned = [event for event in events if token and (event.get("v") in (token, base) or event.get("base") == token)
+        concerned = [event for event in events if token and (event.get("v") in (token, base or token) or event.get("base") == token)
                      or path and path in (event.get("path"), event.get("to"))]
         last = max((event["t"] for event in concerned if event.get("v") == token), default=0)
         concerned = [event for event in events if event in concerned or

@@ -96,8 +96,9 @@ class User:
             raise OSError(errno.ENOENT, "no share")
         return files, folders
 
-    def any_file(self, local=False):
-        files = [path for path in self.tree()[0] if local or not local_only(os.path.basename(path))]
+    def any_file(self, local=False, of=None):
+        files = [path for path in self.tree()[0] if (local or not local_only(os.path.basename(path)))
+                 and (not of or path.split("/")[0] == of)]
         if not files:
             raise OSError(errno.ENOENT, "no file")
         return self.random.choice(files)
@@ -341,7 +342,7 @@ class User:
 
     def rename_over(self):
         path = self.any_file()
-        target = self.random.choice([other for other in self.tree()[0] if other.split("/")[0] == path.split("/")[0]])
+        target = self.any_file(of=path.split("/")[0])
         moved = self.look(path)
         if target != path and moved:
             self.put_in_place(moved, path, target)
