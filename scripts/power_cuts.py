@@ -190,7 +190,7 @@ class Campaign:
             self.look_at(state, False)
         if ending == "cut":
             world.disk.unmount()
-            world.disk.mount(cuts / "end0/state")
+            world.disk.mount(cuts / "end0")
         else:
             world.disk.tell("keep", cuts / ending)
             self.look_at(cuts / ending, True)
@@ -200,7 +200,7 @@ class Campaign:
 
     def look_at(self, state, nothing_lost):
         """Another client starts over the state, offline."""
-        other = self.world.other_client(state / "state")
+        other = self.world.other_client(state)
         try:
             other.begin()
             self.check_offline(other, int((state / "time").read_text()), nothing_lost, f"state {state.name}")
@@ -227,7 +227,7 @@ class Campaign:
         self.world.service.kill()
         self.world.service.wait()
         disk.unmount()
-        disk.mount(state / "state")
+        disk.mount(state)
         self.world.serve()
 
     def remove_empty(self):
