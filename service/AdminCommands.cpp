@@ -154,9 +154,17 @@ void AdminCommands::import(const std::string& share, const std::string& domain,
 
 void AdminCommands::exportTo(const std::string& share, const std::string& domain,
                              const std::filesystem::path& target) {
-    const auto counts = exportShare(data_.metadata(), data_.contents(), needShare(share, domain).id, target);
+    const auto report = [this](const std::string& line) { err_ << line << "\n"; };
+    const auto counts =
+        exportShare(data_.metadata(), data_.contents(), needShare(share, domain).id, target, report);
     out_ << "exported " << counts.files << " files, " << counts.folders << " folders, " << counts.bytes
          << " bytes\n";
+    if (counts.missing > 0)
+        throw ServiceError("the contents of " + std::to_string(counts.missing) + " files are missing");
+}
+
+void AdminCommands::dropContents(int hours) {
+    out_ << "dropped " << data_.dropOldContents(std::chrono::hours(hours)) << " former contents\n";
 }
 
 void AdminCommands::grant(const std::string& share, const std::string& domain, const std::string& email,

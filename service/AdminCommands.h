@@ -42,6 +42,9 @@ class AdminCommands {
     void move(const std::string& share, const std::string& domain, const std::string& path,
               const std::string& newPath);
 
+    /// Contents that no item has named for so many hours.
+    void dropContents(int hours);
+
     void listLinks();
     void revokeLink(std::int64_t number);
 

@@ -58,7 +58,7 @@ class ClientApi {
         const auto command = parsed<RequestCommand>(request.needHeader("command"), "the header \"command\"");
         if (command->Method == "CreateDirectLink") return createLink(request, *command);
         TWVirtualFile record;
-        record.Tick = std::numeric_limits<std::int32_t>::max();
+        record.Tick = record.UpdateTick = std::numeric_limits<std::int32_t>::max();
         if (command->Method == "CreateFolder") {
             const auto asked = requestRecord<CreateFolderRequest>(request);
             record.InternalName = newInternalName();
@@ -72,7 +72,7 @@ class ClientApi {
         if (command->Method == "Delete") {
             const auto asked = requestRecord<DeleteRequest>(request);
             record.InternalName = asked->TwVirtualFileId;
-            if (asked->Tick) record.Tick = *asked->Tick;
+            if (asked->Tick) record.Tick = record.UpdateTick = *asked->Tick;
             return perform<DeleteResponse>(request, *command, asked->ShareId, removeAsAsked, record,
                                            &DeleteResponse::responce);
         }

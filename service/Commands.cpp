@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "service/AdminCommands.h"
+#include "service/Restore.h"
 #include "service/ServiceError.h"
 
 namespace tarnwell::service {
@@ -69,6 +70,7 @@ struct Arguments {
     std::string name, address, domain, email, share, path, newPath, source;
     std::optional<std::string> device;
     std::int64_t number = 0;
+    int hours = 0;
     bool passwordFromInput = false;
     bool readOnly = false;
 };
@@ -154,6 +156,16 @@ void describeShares(CLI::App& app, Arguments& a, Work& chosen) {
     add->add_option("NEWPATH", a.newPath, "New path; its folder must exist and the name be free")->required();
 }
 
+void describeContents(CLI::App& app, Arguments& a, Work& chosen) {
+    CLI::App& contents = *app.add_subcommand("contents", "Stored bytes");
+    contents.require_subcommand(1);
+    auto* drop = command(contents, "drop",
+                         "Drop contents of former versions and deleted files now, which otherwise stay a day",
+                         chosen, [&a](AdminCommands& admin) { admin.dropContents(a.hours); });
+    drop->add_option("--older-than", a.hours, "Only those that were replaced or deleted so many hours ago")
+        ->check(CLI::NonNegativeNumber);
+}
+
 void describeLinks(CLI::App& app, Arguments& a, Work& chosen) {
     CLI::App& link = *app.add_subcommand("link", "Links that users have made");
     link.require_subcommand(1);
@@ -181,11 +193,18 @@ int runCommand(int argc, const char* const* argv, std::istream& in, std::ostream
     serving->add_flag("--quiet", a.quiet, "Log warnings only, not every request");
     describeAccounts(app, a, chosen);
     describeShares(app, a, chosen);
+    describeContents(app, a, chosen);
     describeLinks(app, a, chosen);
+    CLI::App* restoring = app.add_subcommand("restore", "Put a backup of the database in place");
+    restoring->add_option("FILE", a.source, "The copy of service.db")->required();
     try {
         app.parse(argc, argv);
         if (serving->parsed()) {
             serve(a.folder, a.server, a.quiet, out);
+            return 0;
+        }
+        if (restoring->parsed()) {
+            restoreDatabase(a.folder, a.source, out);
             return 0;
         }
         const ServiceData data(a.folder);

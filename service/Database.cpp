@@ -12,19 +12,19 @@ namespace {
 /// seconds).
 constexpr int kBusyMilliseconds = 30'000;
 
-[[noreturn]] void fail(sqlite3* handle, const char* what) {
-    if (handle && (sqlite3_errcode(handle) & 0xFF) == SQLITE_FULL) {
-        throw StorageFullError("database: the disk is full");
-    }
-    throw ServiceError(std::string("database: ") + what + ": " +
-                       (handle ? sqlite3_errmsg(handle) : "no memory"));
-}
-
-void check(sqlite3_stmt* statement, int code) {
-    if (code != SQLITE_OK) fail(sqlite3_db_handle(statement), "cannot bind a value");
-}
-
 }  // namespace
+
+void Database::fail(const char* what) const {
+    const int code = handle_ ? sqlite3_errcode(handle_) & 0xFF : SQLITE_NOMEM;
+    const std::string text =
+        std::string("database: ") + what + ": " + (handle_ ? sqlite3_errmsg(handle_) : "no memory");
+    if (code == SQLITE_FULL) throw StorageFullError("database: the disk is full");
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) {
+        if (damaged_) *damaged_ = true;
+        throw DamagedError(text);
+    }
+    throw ServiceError(text);
+}
 
 Rows::~Rows() {
     if (!statement_) return;
@@ -36,7 +36,7 @@ bool Rows::next() {
     const int code = sqlite3_step(statement_);
     if (code == SQLITE_ROW) return true;
     if (code == SQLITE_DONE) return false;
-    fail(sqlite3_db_handle(statement_), "statement failed");
+    database_.fail("statement failed");
 }
 
 std::int64_t Rows::integer(int column) const {
@@ -53,7 +53,7 @@ std::string_view Rows::view(int column) const {
                 : std::string_view();
 }
 
-Database::Database(const std::string& path) {
+Database::Database(const std::string& path, std::atomic<bool>* damaged) : damaged_(damaged) {
     const int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
     if (sqlite3_open_v2(path.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
@@ -80,7 +80,7 @@ Database::~Database() {
 }
 
 void Database::execute(const char* sql) {
-    if (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(handle_, "statement failed");
+    if (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail("statement failed");
 }
 
 sqlite3_stmt* Database::prepared(std::string_view sql) {
@@ -92,7 +92,7 @@ sqlite3_stmt* Database::prepared(std::string_view sql) {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v3(handle_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
                            &statement, nullptr) != SQLITE_OK) {
-        fail(handle_, "cannot prepare a statement");
+        fail("cannot prepare a statement");
     }
     statements_.emplace(sql, statement);
     return statement;
@@ -103,12 +103,12 @@ int Database::changes() const {
 }
 
 void Database::bind(sqlite3_stmt* statement, int index, std::int64_t value) {
-    check(statement, sqlite3_bind_int64(statement, index, value));
+    check(sqlite3_bind_int64(statement, index, value));
 }
 
 void Database::bind(sqlite3_stmt* statement, int index, std::string_view value) {
-    check(statement, sqlite3_bind_text64(statement, index, value.data() ? value.data() : "", value.size(),
-                                         SQLITE_TRANSIENT, SQLITE_UTF8));
+    check(sqlite3_bind_text64(statement, index, value.data() ? value.data() : "", value.size(),
+                              SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
 void Database::bind(sqlite3_stmt* statement, int index, const SharedString& value) {
@@ -119,7 +119,7 @@ void Database::bind(sqlite3_stmt* statement, int index, const SharedString& valu
 }
 
 void Database::bindNull(sqlite3_stmt* statement, int index) {
-    check(statement, sqlite3_bind_null(statement, index));
+    check(sqlite3_bind_null(statement, index));
 }
 
 Database::Unsynced::Unsynced(Database& database, bool on) : database_(on ? &database : nullptr) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,7 +21,8 @@ class Database;
 /// the same connection: collect what is needed, then recurse.
 class Rows {
   public:
-    Rows(Rows&& other) noexcept : statement_(std::exchange(other.statement_, nullptr)) {}
+    Rows(Rows&& other) noexcept
+        : statement_(std::exchange(other.statement_, nullptr)), database_(other.database_) {}
     Rows& operator=(Rows&&) = delete;
     ~Rows();
 
@@ -41,16 +43,19 @@ class Rows {
 
   private:
     friend class Database;
-    explicit Rows(sqlite3_stmt* statement) : statement_(statement) {}
+    Rows(sqlite3_stmt* statement, const Database& database) : statement_(statement), database_(database) {}
     sqlite3_stmt* statement_;
+    const Database& database_;
 };
 
 /// One SQLite connection with its prepared statements (kept by text). Used by one thread at a time.
 ///
-/// Errors are ServiceErrors.
+/// Errors are ServiceErrors; StorageFullError for a full disk, DamagedError for a file that is no database or
+/// a damaged one, which also sets `damaged`.
 class Database {
   public:
-    explicit Database(const std::string& path);
+    /// `damaged`, if given, outlives the connection.
+    explicit Database(const std::string& path, std::atomic<bool>* damaged = nullptr);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -63,7 +68,7 @@ class Database {
         sqlite3_stmt* statement = prepared(sql);
         int index = 0;
         (bind(statement, ++index, values), ...);
-        return Rows(statement);
+        return Rows(statement, *this);
     }
     /// Runs a statement that returns no rows; the number of rows changed.
     template <class... T>
@@ -88,26 +93,31 @@ class Database {
     };
 
   private:
+    friend class Rows;
+    [[noreturn]] void fail(const char* what) const;
+    void check(int code) const {
+        if (code != 0) fail("cannot bind a value");
+    }
     sqlite3_stmt* prepared(std::string_view sql);
     int changes() const;
-    static void bind(sqlite3_stmt* statement, int index, std::int64_t value);
-    static void bind(sqlite3_stmt* statement, int index, std::int32_t value) {
+    void bind(sqlite3_stmt* statement, int index, std::int64_t value);
+    void bind(sqlite3_stmt* statement, int index, std::int32_t value) {
         bind(statement, index, static_cast<std::int64_t>(value));
     }
-    static void bind(sqlite3_stmt* statement, int index, bool value) {
+    void bind(sqlite3_stmt* statement, int index, bool value) {
         bind(statement, index, static_cast<std::int64_t>(value));
     }
-    static void bind(sqlite3_stmt* statement, int index, std::string_view value);
-    static void bind(sqlite3_stmt* statement, int index, const std::string& value) {
+    void bind(sqlite3_stmt* statement, int index, std::string_view value);
+    void bind(sqlite3_stmt* statement, int index, const std::string& value) {
         bind(statement, index, std::string_view(value));
     }
-    static void bind(sqlite3_stmt* statement, int index, const char* value) {
+    void bind(sqlite3_stmt* statement, int index, const char* value) {
         bind(statement, index, std::string_view(value));
     }
-    static void bind(sqlite3_stmt* statement, int index, const SharedString& value);
-    static void bindNull(sqlite3_stmt* statement, int index);
+    void bind(sqlite3_stmt* statement, int index, const SharedString& value);
+    void bindNull(sqlite3_stmt* statement, int index);
     template <class T>
-    static void bind(sqlite3_stmt* statement, int index, const std::optional<T>& value) {
+    void bind(sqlite3_stmt* statement, int index, const std::optional<T>& value) {
         if (value)
             bind(statement, index, *value);
         else
@@ -115,6 +125,7 @@ class Database {
     }
 
     sqlite3* handle_ = nullptr;
+    std::atomic<bool>* const damaged_;
     std::unordered_map<std::string_view, sqlite3_stmt*> statements_;
 };
 

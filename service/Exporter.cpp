@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -46,8 +47,9 @@ std::unordered_map<std::string, TWVirtualFilePtr> liveRecords(MetadataStore& met
 
 class Export {
   public:
-    Export(ContentStore& contents, const std::unordered_map<std::string, TWVirtualFilePtr>& records)
-        : contents_(contents), buffer_(kCopyBytes, '\0') {
+    Export(ContentStore& contents, const std::unordered_map<std::string, TWVirtualFilePtr>& records,
+           const std::function<void(const std::string&)>& report)
+        : contents_(contents), report_(report), buffer_(kCopyBytes, '\0') {
         for (const auto& [id, record] : records)
             children_[record->ParrentId.str()].push_back(record);
     }
@@ -58,7 +60,7 @@ class Export {
         for (const auto& item : items->second) {
             const fs::path itemPath = path / item->PublicName.str();
             if (item->IsFile) {
-                writeFile(*item, itemPath);
+                if (!writeFile(*item, itemPath)) continue;
             } else {
                 if (::mkdir(itemPath.c_str(), 0700) != 0) fail("cannot make", itemPath);
                 ++counts_.folders;
@@ -70,27 +72,50 @@ class Export {
     [[nodiscard]] const ExportCounts& counts() const { return counts_; }
 
   private:
-    void writeFile(const TWVirtualFile& record, const fs::path& path) {
+    /// False, and reported, when there are no such contents.
+    bool writeFile(const TWVirtualFile& record, const fs::path& path) {
         const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         if (file.get() < 0) fail("cannot make", path);
-        ++counts_.files;
-        if (record.size() == 0) return;
-        const auto reader = contents_.open(record.UploadName.view());
-        if (!reader || reader->size() != record.size()) {
-            throw ServiceError("the contents of " + path.string() + " are missing");
+        const auto why = copyContents(record, file.get(), path);
+        if (why.empty()) {
+            ++counts_.files;
+            counts_.bytes += record.size();
+            return true;
         }
+        ++counts_.missing;
+        report_("left out " + path.string() + ": " + why);
+        ::unlink(path.c_str());
+        return false;
+    }
+
+    /// Empty, or what is wrong with the stored contents.
+    std::string copyContents(const TWVirtualFile& record, int file, const fs::path& path) {
+        if (record.size() == 0) return {};
+        std::unique_ptr<ContentReader> reader;
+        try {
+            reader = contents_.open(record.UploadName.view());
+        } catch (const ServiceError& error) {
+            return error.what();
+        }
+        if (!reader) return "its contents are missing";
+        if (reader->size() != record.size()) return "its contents have a wrong size";
         for (std::int64_t at = 0; at < reader->size();) {
-            const auto count = reader->read(at, buffer_.data(), buffer_.size());
-            if (count == 0) throw ServiceError("the contents of " + path.string() + " end early");
+            std::size_t count = 0;
+            try {
+                count = reader->read(at, buffer_.data(), buffer_.size());
+            } catch (const ServiceError& error) {
+                return error.what();
+            }
+            if (count == 0) return "its contents end early";
             for (std::size_t done = 0; done < count;) {
-                const ssize_t written = ::write(file.get(), buffer_.data() + done, count - done);
+                const ssize_t written = ::write(file, buffer_.data() + done, count - done);
                 if (written < 0 && errno == EINTR) continue;
                 if (written <= 0) fail("cannot write", path);
                 done += static_cast<std::size_t>(written);
             }
             at += static_cast<std::int64_t>(count);
         }
-        counts_.bytes += reader->size();
+        return {};
     }
 
     /// Permissions and times, which what is written into a folder would change.
@@ -109,6 +134,7 @@ class Export {
     }
 
     ContentStore& contents_;
+    const std::function<void(const std::string&)>& report_;
     std::unordered_map<std::string, std::vector<TWVirtualFilePtr>> children_;
     std::string buffer_;
     ExportCounts counts_;
@@ -117,15 +143,18 @@ class Export {
 }  // namespace
 
 ExportCounts exportShare(MetadataStore& metadata, ContentStore& contents, const std::string& shareId,
-                         const fs::path& target) {
+                         const fs::path& target, const std::function<void(const std::string&)>& report) {
     const auto records = liveRecords(metadata, shareId);
     std::error_code error;
     fs::create_directories(target, error);
     if (error || !fs::is_empty(target, error) || error) {
         throw ServiceError(target.string() + " is not an empty folder");
     }
-    Export work(contents, records);
+    const FileDescriptor disk(::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!disk) fail("cannot open", target);
+    Export work(contents, records, report);
     work.writeFolder(shareId, target);
+    if (::syncfs(disk.get()) != 0) fail("cannot sync", target);
     return work.counts();
 }
 

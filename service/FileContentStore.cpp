@@ -1,7 +1,9 @@
 #include "service/FileContentStore.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +28,11 @@ namespace {
     throw ServiceError(text);
 }
 
+void syncFolder(const fs::path& path) {
+    const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || ::fsync(folder.get()) != 0) fail("cannot sync " + path.string(), errno);
+}
+
 /// Whether it was not there.
 bool makeFolder(const fs::path& path) {
     if (::mkdir(path.c_str(), 0700) == 0) return true;
@@ -44,11 +51,6 @@ std::size_t readAt(int file, std::int64_t position, char* out, std::size_t count
         done += static_cast<std::size_t>(got);
     }
     return done;
-}
-
-void syncFolder(const fs::path& path) {
-    const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || ::fsync(folder.get()) != 0) fail("cannot sync " + path.string(), errno);
 }
 
 class FileReader final : public ContentReader {
@@ -81,14 +83,14 @@ class PartialFile final : public PartialContents {
     }
     [[nodiscard]] std::int64_t size() const override { return size_; }
     void write(std::int64_t position, std::string_view bytes) override {
-        if (position < size_) cutTo(position);
+        if (position < size_) cut(position);
         const std::size_t count = bytes.size();
         while (!bytes.empty()) {
             const ssize_t put = ::pwrite(file_.get(), bytes.data(), bytes.size(), size_);
             if (put < 0 && errno == EINTR) continue;
             if (put < 0) {
                 const int error = errno;
-                cutTo(position);
+                cut(position);
                 fail("cannot write", error);
             }
             bytes.remove_prefix(static_cast<std::size_t>(put));
@@ -99,13 +101,15 @@ class PartialFile final : public PartialContents {
             ::sync_file_range(file_.get(), position, static_cast<off_t>(count), SYNC_FILE_RANGE_WRITE);
         }
     }
+    void cut(std::int64_t position) override {
+        if (::ftruncate(file_.get(), position) != 0) fail("cannot cut", errno);
+        size_ = position;
+    }
     std::size_t read(std::int64_t position, char* out, std::size_t count) override {
         return readAt(file_.get(), position, out, count);
     }
     bool publish(std::string_view uploadName) override {
         const fs::path target = targetOf_(uploadName);
-        const fs::path folder = target.parent_path();
-        const bool added = makeFolder(folder);
         // A second name and no rename: whoever is cut off before the item is stored finds all as it was.
         if (::link(path_.c_str(), target.c_str()) != 0) {
             if (errno != EEXIST) fail("cannot store " + std::string(uploadName), errno);
@@ -116,9 +120,14 @@ class PartialFile final : public PartialContents {
             if (theirs.st_ino != ours.st_ino || theirs.st_dev != ours.st_dev) return false;
         }
         // After the link: file systems with a journal then write bytes and name in one go.
-        if (::fdatasync(file_.get()) != 0) fail("cannot write", errno);
-        syncFolder(folder);
-        if (added) syncFolder(folder.parent_path());
+        const FileDescriptor folder(::open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (::fdatasync(file_.get()) != 0 || !folder || ::fsync(folder.get()) != 0) {
+            const int error = errno;
+            ::unlink(target.c_str());
+            drop();
+            throw DiskFailedError("contents: cannot sync " + std::string(uploadName) + ": " +
+                                  std::strerror(error));
+        }
         return true;
     }
     void drop() override { ::unlink(path_.c_str()); }
@@ -128,10 +137,6 @@ class PartialFile final : public PartialContents {
         struct stat status {};
         if (::fstat(file, &status) != 0) fail("cannot read", errno);
         return status;
-    }
-    void cutTo(std::int64_t position) {
-        if (::ftruncate(file_.get(), position) != 0) fail("cannot cut", errno);
-        size_ = position;
     }
 
     const fs::path path_;
@@ -163,15 +168,11 @@ class FileWriter final : public ContentWriter {
         if (durability == Durability::now && ::fdatasync(file_.get()) != 0) fail("cannot write", errno);
         // Some file systems tell a failed delayed write only here.
         if (::close(file_.release()) != 0) fail("cannot write", errno);
-        makeFolder(target_.parent_path());
         if (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) != 0) {
             fail("cannot store " + target_.filename().string(), errno);
         }
         committed_ = true;
-        if (durability == Durability::now) {
-            syncFolder(target_.parent_path());
-            syncFolder(target_.parent_path().parent_path());
-        }
+        if (durability == Durability::now) syncFolder(target_.parent_path());
     }
 
   private:
@@ -180,6 +181,32 @@ class FileWriter final : public ContentWriter {
     FileDescriptor file_;
     bool committed_ = false;
 };
+
+class FileHold final : public ContentHold {
+  public:
+    FileHold(const fs::path& lock, const fs::path& blobs)
+        : lock_(::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
+          disk_(::open(blobs.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (!lock_ || !disk_) fail("cannot open " + lock.string(), errno);
+        while (::flock(lock_.get(), LOCK_SH) != 0)
+            if (errno != EINTR) fail("cannot lock " + lock.string(), errno);
+    }
+    void sync() override {
+        // A descriptor tells of the failed writes since it was opened, once: hence one of before the first
+        // write, and no second try.
+        if (::syncfs(disk_.get()) != 0)
+            throw DiskFailedError(std::string("contents: cannot sync: ") + std::strerror(errno));
+    }
+
+  private:
+    FileDescriptor lock_;
+    FileDescriptor disk_;
+};
+
+std::string sliceName(unsigned slice) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    return {kDigits[slice / 16 % 16], kDigits[slice % 16]};
+}
 
 }  // namespace
 
@@ -191,9 +218,14 @@ bool isUploadName(std::string_view name) {
 }
 
 FileContentStore::FileContentStore(const fs::path& folder)
-    : blobs_(folder / "blobs"), incoming_(folder / "incoming") {
-    makeFolder(blobs_);
-    makeFolder(incoming_);
+    : folder_(folder), blobs_(folder / "blobs"), incoming_(folder / "incoming") {
+    bool added = makeFolder(blobs_);
+    added = makeFolder(incoming_) || added;
+    if (added) syncFolder(folder_);
+    added = false;
+    for (unsigned slice = 0; slice < kSlices; ++slice)
+        added = makeFolder(blobs_ / sliceName(slice)) || added;
+    if (added) syncFolder(blobs_);
 }
 
 fs::path FileContentStore::pathOf(std::string_view uploadName) const {
@@ -230,9 +262,20 @@ void FileContentStore::remove(std::string_view uploadName) {
     }
 }
 
-void FileContentStore::sync() {
-    const FileDescriptor folder(::open(blobs_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || ::syncfs(folder.get()) != 0) fail("cannot sync", errno);
+std::unique_ptr<ContentHold> FileContentStore::hold() {
+    return std::make_unique<FileHold>(folder_ / "holds", blobs_);
+}
+
+std::optional<std::int64_t> FileContentStore::sizeOf(std::string_view uploadName) {
+    struct stat status {};
+    if (!isUploadName(uploadName) || ::lstat(pathOf(uploadName).c_str(), &status) != 0) return std::nullopt;
+    return status.st_size;
+}
+
+std::int64_t FileContentStore::freeBytes() {
+    struct statvfs disk {};
+    if (::statvfs(blobs_.c_str(), &disk) != 0) fail("cannot ask for free space", errno);
+    return static_cast<std::int64_t>(disk.f_bavail) * static_cast<std::int64_t>(disk.f_frsize);
 }
 
 void FileContentStore::dropUnfinished(std::chrono::seconds age) {
@@ -247,8 +290,7 @@ void FileContentStore::dropUnfinished(std::chrono::seconds age) {
 }
 
 std::vector<std::string> FileContentStore::namesOlderThan(std::chrono::seconds age, unsigned slice) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    const fs::path folder = blobs_ / std::string{kDigits[slice / 16 % 16], kDigits[slice % 16]};
+    const fs::path folder = blobs_ / sliceName(slice);
     const std::time_t limit = std::time(nullptr) - age.count();
     std::vector<std::string> names;
     std::error_code error;
@@ -259,6 +301,30 @@ std::vector<std::string> FileContentStore::namesOlderThan(std::chrono::seconds a
             names.push_back(entry->path().filename().string());
     }
     return names;
+}
+
+int FileContentStore::sweep(std::chrono::seconds age, unsigned slice,
+                            const std::function<bool(const std::string&)>& isNamed) {
+    const FileDescriptor lock(::open((folder_ / "holds").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!lock) fail("cannot open the lock of the store", errno);
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return 0;
+    int count = 0;
+    for (const auto& name : namesOlderThan(age, slice)) {
+        if (isNamed(name)) continue;
+        remove(name);
+        ++count;
+    }
+    return count;
+}
+
+void FileContentStore::setAside(std::string_view uploadName) {
+    const fs::path folder = folder_ / "unclaimed";
+    if (makeFolder(folder)) syncFolder(folder_);
+    if (!isUploadName(uploadName) ||
+        ::renameat2(AT_FDCWD, pathOf(uploadName).c_str(), AT_FDCWD,
+                    (folder / std::string(uploadName)).c_str(), RENAME_NOREPLACE) != 0) {
+        fail("cannot set " + std::string(uploadName) + " aside", errno);
+    }
 }
 
 }  // namespace tarnwell::service

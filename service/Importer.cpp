@@ -57,7 +57,7 @@ TWVirtualFile recordOf(const char* name, const struct statx& status) {
 /// The bytes of an open file under a new upload name; none, with errno set, when it cannot be read.
 std::optional<ContentsInfo> storeContents(ContentStore& contents, int file, std::string& buffer,
                                           ContentWriter::Durability durability) {
-    ContentsInfo stored{newUploadName(), {}, 0, {}};
+    ContentsInfo stored{newUploadName(), {}, 0, {}, {}};
     const auto writer = contents.create(stored.uploadName);
     ContentHash hash;
     for (;;) {
@@ -82,6 +82,12 @@ void takeContents(TWVirtualFile& record, const ContentsInfo& stored) {
     record.EndOfFile = record.AllocationSize = stored.size;
 }
 
+/// Throws when the bytes are not in the store: a record must not lead to nothing.
+void needContents(ContentStore& contents, const TWVirtualFile& record) {
+    if (contents.sizeOf(record.UploadName.view()) != record.size())
+        throw ServiceError("the contents of \"" + record.PublicName.str() + "\" vanished during the import");
+}
+
 class Import {
   public:
     Import(MetadataStore& metadata, ContentStore& contents,
@@ -91,9 +97,12 @@ class Import {
     ImportCounts run(const std::string& shareId, const std::filesystem::path& source) {
         FileDescriptor folder(::open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!folder) throw ServiceError("cannot open " + source.string() + ": " + std::strerror(errno));
+        const auto hold = contents_.hold();
         try {
             walk(std::move(folder), source.string(), kRoot, 0);
-            contents_.sync();
+            hold->sync();
+            for (const auto& item : items_)
+                if (item.record.IsFile) needContents(contents_, item.record);
             metadata_.change(shareId, [this](ShareChange& change) { insertAll(change); });
         } catch (...) {
             dropContents();
@@ -177,8 +186,8 @@ class Import {
                 record.PublicName = name;
             }
             if (record.IsFile) {
-                change.addContents(
-                    {record.UploadName.str(), change.share().id, record.size(), record.FilehHash.str()});
+                change.addContents({record.UploadName.str(), change.share().id, record.size(),
+                                    record.FilehHash.str(), record.InternalName.str()});
             }
             insertItem(change, record);
         }
@@ -219,6 +228,7 @@ void putFile(MetadataStore& metadata, ContentStore& contents, const std::string&
         throw ServiceError("cannot open " + source.string() + ": " + std::strerror(errno));
     if (!S_ISREG(status.stx_mode)) throw ServiceError(source.string() + " is not a file");
     std::string buffer(kCopyBytes, '\0');
+    const auto hold = contents.hold();
     auto stored = storeContents(contents, file.get(), buffer, ContentWriter::Durability::now);
     if (!stored) throw ServiceError("cannot read " + source.string() + ": " + std::strerror(errno));
     stored->shareId = shareId;
@@ -227,9 +237,12 @@ void putFile(MetadataStore& metadata, ContentStore& contents, const std::string&
     TWVirtualFile record = recordOf(target.name.c_str(), status);
     takeContents(record, *stored);
     try {
+        needContents(contents, record);
         metadata.change(shareId, [&](ShareChange& change) {
+            const auto present = itemAtPath(change, path);
+            stored->item = present ? present->InternalName.str() : record.InternalName.str();
             change.addContents(*stored);
-            if (const auto present = itemAtPath(change, path)) {
+            if (present) {
                 updateItem(change, *present, record);
                 return;
             }

@@ -64,6 +64,7 @@ struct ContentsInfo {
     std::string shareId;
     std::int64_t size = 0;
     std::string hash;
+    std::string item = {};  ///< internal name of the item that they were stored for; empty: not known
 };
 
 /// A link to something, for whoever knows its id. Only the id's digest is kept.
@@ -126,8 +127,8 @@ class ShareView {
     /// The live items of a folder.
     virtual std::vector<TWVirtualFilePtr> children(std::string_view parent) = 0;
     virtual Authorship authorship(std::string_view internalName) = 0;
-    /// Of any share: a name is given once.
-    virtual bool hasContents(std::string_view uploadName) = 0;
+    /// Of any share, also retired ones: a name is given once.
+    virtual std::optional<ContentsInfo> contents(std::string_view uploadName) = 0;
 };
 
 /// One share inside a write transaction: what it finds includes what was changed before. Only put() changes
@@ -153,7 +154,7 @@ class ShareChange : public ShareView {
 /// processes may have the same store open, and each call sees what was committed before it.
 ///
 /// Each change is one transaction, durable on return. Failures are ServiceErrors whose text names what was
-/// wrong. "None" and null mean not found.
+/// wrong; DamagedError for every change after damage was found. "None" and null mean not found.
 class MetadataStore {
   public:
     virtual ~MetadataStore() = default;
@@ -209,6 +210,11 @@ class MetadataStore {
                                                            std::int32_t take,
                                                            const std::string& uploadUrl) = 0;
     virtual std::optional<ContentsInfo> contents(std::string_view uploadName) = 0;
+    /// Whether anything names these contents, without trusting an index. Slow: reads all.
+    virtual bool namesContents(std::string_view uploadName) = 0;
+    /// Looks through the whole store for damage; what was found, if anything. After that, and after damage
+    /// that was met by chance, every change is refused with DamagedError. Reading goes on.
+    virtual std::vector<std::string> faults() = 0;
 
     enum class Durability {
         powerLoss,  ///< on the disk on return

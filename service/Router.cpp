@@ -95,6 +95,9 @@ Reply Router::refusal(const Request& request) const {
         return reply;
     } catch (const ForeignIdentityError& error) {
         return Reply::text(409, std::string(error.what()) + "\n");
+    } catch (const DamagedError& error) {
+        log_.warning("error in " + pathOf(request.target) + ": " + error.what());
+        return Reply::text(503, "the database of the service is damaged\n");
     } catch (const StorageFullError& error) {
         log_.warning("error in " + pathOf(request.target) + ": " + error.what());
         return Reply::text(507, "the disk of the service is full\n");

@@ -151,8 +151,13 @@ CREATE TABLE links (
 CREATE INDEX links_of_grant ON links(share, user);
 )";
 
+/// Tells a repeated upload from one of the same name and bytes that is meant for another item.
+constexpr const char* kVersion3 = R"(
+ALTER TABLE contents ADD COLUMN item TEXT NOT NULL DEFAULT '';        -- internal name; empty: not known
+)";
+
 /// Step n brings a database of version n to n + 1. Released steps never change; new ones follow at the end.
-constexpr const char* kSteps[] = {kVersion1, kVersion2};
+constexpr const char* kSteps[] = {kVersion1, kVersion2, kVersion3};
 constexpr std::int64_t kVersion = std::size(kSteps);
 
 std::int64_t versionOf(Database& database) {

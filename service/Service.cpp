@@ -23,17 +23,32 @@ constexpr int kDropAtOnce = 500;
 fs::path madeFolder(const fs::path& path) {
     std::error_code error;
     if (path.has_parent_path()) fs::create_directories(path.parent_path(), error);
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(path.c_str(), 0700) == 0) {
+        // Or a power cut could take the folder away with everything that was promised in it.
+        const auto parent = path.has_parent_path() ? path.parent_path() : fs::path(".");
+        const FileDescriptor above(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!above || ::fsync(above.get()) != 0)
+            throw ServiceError("cannot sync " + parent.string() + ": " + std::strerror(errno));
+    } else if (errno != EEXIST) {
         throw ServiceError("cannot make " + path.string() + ": " + std::strerror(errno));
     }
     return path;
+}
+
+std::unique_ptr<DiskReserve> reserveIn(const fs::path& folder) {
+    auto reserve = std::make_unique<DiskReserve>(madeFolder(folder));
+    reserve->adjust();
+    reserve->needRoomToOpen();
+    return reserve;
 }
 
 }  // namespace
 
 ServiceData::ServiceData(fs::path folder)
     : folder_(fs::absolute(std::move(folder))),
-      metadata_(std::make_unique<SqliteMetadataStore>((madeFolder(folder_) / "service.db").string())),
+      reserve_(reserveIn(folder_)),
+      metadata_(std::make_unique<SqliteMetadataStore>((folder_ / "service.db").string(),
+                                                      [reserve = reserve_.get()] { reserve->adjust(); })),
       contents_(std::make_unique<FileContentStore>(madeFolder(folder_ / "contents"))) {}
 
 bool ServiceData::updateCertificates() const {
@@ -43,7 +58,8 @@ bool ServiceData::updateCertificates() const {
     return ensureCertificates(certificates(), hosts);
 }
 
-void ServiceData::dropOldContents(std::chrono::hours age) const {
+int ServiceData::dropOldContents(std::chrono::hours age) const {
+    int count = 0;
     const Date before = std::chrono::floor<TickDuration>(std::chrono::system_clock::now() - age);
     for (;;) {
         const auto names = metadata_->retiredContents(before, kDropAtOnce);
@@ -51,27 +67,32 @@ void ServiceData::dropOldContents(std::chrono::hours age) const {
         for (const auto& name : names)
             contents_->remove(name);
         if (!names.empty()) metadata_->forgetContents(names);
+        count += static_cast<int>(names.size());
         if (names.size() < kDropAtOnce) break;
     }
     metadata_->dropTransfers(before);
     metadata_->dropLinks(before - std::chrono::days(7));
     contents_->dropUnfinished(std::max<std::chrono::seconds>(age, std::chrono::hours(24)));
+    return count;
 }
 
 void ServiceData::dropStrayContents(unsigned slice) const {
-    // Whoever writes contents stores their item within moments; a day is beyond doubt.
-    for (const auto& name : contents_->namesOlderThan(std::chrono::hours(24), slice)) {
-        if (!metadata_->contents(name)) contents_->remove(name);
-    }
+    // Whoever writes contents holds the store until their item is stored, and a day is beyond doubt. An index
+    // that is damaged must not cost contents: the tables themselves are read.
+    contents_->sweep(std::chrono::hours(24), slice, [this](const std::string& name) {
+        return metadata_->contents(name) || metadata_->namesContents(name);
+    });
 }
 
 Service::Service(const ServiceData& data, ServerOptions options, ServiceLog& log)
     : data_(data),
       lock_(::open((data.folder() / "serve.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
-      transfers_(data.metadata(), data.contents()) {
+      transfers_(data.metadata(), data.contents(), [&data] { return data.spareBytes(); }) {
     if (!lock_ || ::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
         throw ServiceError("another process serves " + data.folder().string() + " already");
     }
+    for (const auto& fault : data_.metadata().faults())
+        log.warning("the database is damaged, nothing is stored until it is restored: " + fault);
     (void)data_.updateCertificates();
     std::vector<Endpoint> endpoints = loginEndpoints(data_.metadata(), throttle_, log);
     for (auto& rows : {catchUpEndpoints(data_.metadata()),
@@ -91,7 +112,7 @@ Service::~Service() {
 
 void Service::start() {
     server_->start();
-    server_->every(std::chrono::hours(1), [this] { data_.dropOldContents(kKeepOldContents); });
+    server_->every(std::chrono::hours(1), [this] { (void)data_.dropOldContents(kKeepOldContents); });
     // All of the store in half a day, a little at a time.
     server_->every(std::chrono::minutes(3),
                    [this] { data_.dropStrayContents(slice_++ % ContentStore::kSlices); });

@@ -7,6 +7,7 @@
 
 #include "service/Certificates.h"
 #include "service/ContentStore.h"
+#include "service/DiskReserve.h"
 #include "service/FileDescriptor.h"
 #include "service/LoginThrottle.h"
 #include "service/MetadataStore.h"
@@ -20,7 +21,7 @@ namespace tarnwell::service {
 /// A data folder: what the commands and the server work on. Several processes may have one open.
 ///
 /// Layout: service.db (metadata), contents/ (bytes of files), tls/ (certificates), serve.lock (held by the
-/// server).
+/// server), reserve (DiskReserve).
 class ServiceData {
   public:
     /// Makes the folder (mode 0700) and what is missing in it. Throws ServiceError.
@@ -32,13 +33,17 @@ class ServiceData {
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
     /// Brings the server's certificate up to the domains there are; true when it was made anew.
     [[nodiscard]] bool updateCertificates() const;
-    /// Drops contents that no item has named for `age`, and uploads that nobody went on with since.
-    void dropOldContents(std::chrono::hours age) const;
+    /// What uploads have to leave of the free disk, for the database.
+    [[nodiscard]] std::int64_t spareBytes() const { return reserve_->missing(); }
+    /// Drops contents that no item has named for `age`, and uploads that nobody went on with since. The
+    /// number of contents dropped.
+    int dropOldContents(std::chrono::hours age) const;
     /// Drops contents that never came to an item because their writer was cut off, in one slice of the store.
     void dropStrayContents(unsigned slice) const;
 
   private:
     const std::filesystem::path folder_;
+    std::unique_ptr<DiskReserve> reserve_;
     std::unique_ptr<MetadataStore> metadata_;
     std::unique_ptr<ContentStore> contents_;
 };

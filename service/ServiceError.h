@@ -16,6 +16,16 @@ struct StorageFullError : ServiceError {
     using ServiceError::ServiceError;
 };
 
+/// The disk did not take what was written: nothing of it is trusted, and it has been dropped.
+struct DiskFailedError : ServiceError {
+    using ServiceError::ServiceError;
+};
+
+/// The database is damaged: nothing is stored any more until it is restored.
+struct DamagedError : ServiceError {
+    using ServiceError::ServiceError;
+};
+
 /// An item would take the identity that an item of another share has.
 struct ForeignIdentityError : ServiceError {
     using ServiceError::ServiceError;

@@ -1,5 +1,7 @@
 #include "service/ShareEvents.h"
 
+#include <algorithm>
+
 #include "service/Names.h"
 #include "service/Secrets.h"
 #include "service/ServiceError.h"
@@ -19,24 +21,64 @@ bool hasSameContents(const TWVirtualFile& item, const TWVirtualFile& record) {
     return sizeOf(record) == 0 || (!record.FilehHash.empty() && item.FilehHash == record.FilehHash);
 }
 
+/// `record` is a repetition of what the item is made of. Empty files have no upload name to tell.
+bool isSameVersion(const TWVirtualFile& item, const TWVirtualFile& record) {
+    if (!hasSameContents(item, record)) return false;
+    if (sizeOf(record) != 0) return item.UploadName == record.UploadName;
+    return item.LastWriteTime == record.LastWriteTime &&
+           (!record.Attributes || record.Attributes == item.Attributes) &&
+           (!record.POSIXPermissions || record.POSIXPermissions == item.POSIXPermissions);
+}
+
+/// Whether these very contents were in the tree before, as the record's item or as its conflict copy.
+bool wereStored(ShareView& view, const TWVirtualFile& record, std::string_view conflictCopy) {
+    if (record.UploadName.empty() || record.FilehHash.empty()) return false;
+    const auto known = view.contents(record.UploadName.view());
+    return known && known->shareId == view.share().id && known->size == sizeOf(record) &&
+           record.FilehHash.view() == known->hash &&
+           (record.InternalName.view() == known->item || conflictCopy == known->item);
+}
+
 /// Others wrote contents that the device of the record did not know.
 bool isOutdated(ShareView& view, const Author& author, const TWVirtualFile& item,
                 const TWVirtualFile& record) {
     if (!record.LastUploadName.empty() && record.LastUploadName == item.UploadName) return false;
     const auto authorship = view.authorship(item.InternalName.view());
-    return record.Tick < authorship.foreignContents(author.device, item.UpdateTick);
+    return std::min(record.Tick, record.UpdateTick) <
+           authorship.foreignContents(author.device, item.UpdateTick);
 }
 
 /// The same for every repetition of the same upload, so that it finds what it made.
-std::string conflictIdentity(const TWVirtualFile& item, const TWVirtualFile& record) {
+std::string conflictIdentity(const TWVirtualFile& item, std::string_view uploadName, std::string_view hash) {
     const std::string digest =
-        digestOf(item.InternalName.str() + "\n" + record.UploadName.str() + "\n" + record.FilehHash.str());
+        digestOf(item.InternalName.str() + "\n" + std::string(uploadName) + "\n" + std::string(hash));
     std::string name = "F";
     for (std::size_t i = 0; i < 64; ++i) {
         if (const auto place = i % 32; place == 8 || place == 12 || place == 16 || place == 20) name += '-';
         name += digest[i];
     }
     return name;
+}
+
+/// The conflict copy of `item` that the record's contents were made from. A device may go on editing it under
+/// the identity of the original until it hears of the copy.
+TWVirtualFilePtr conflictCopyBehind(ShareView& view, const TWVirtualFile& item, const TWVirtualFile& record) {
+    if (record.LastUploadName.empty()) return nullptr;
+    const auto base = view.contents(record.LastUploadName.view());
+    if (!base || base->item != conflictIdentity(item, base->uploadName, base->hash)) return nullptr;
+    auto copy = view.find(base->item);
+    return copy && !copy->Deleted && copy->UploadName == record.LastUploadName ? copy : nullptr;
+}
+
+bool isWhereAsked(const TWVirtualFile& item, const TWVirtualFile& record) {
+    return !item.Deleted && (!record.ParrentId || item.ParrentId == record.ParrentId) &&
+           (!record.PublicName || item.PublicName == record.PublicName);
+}
+
+/// See the header: a new tick where the answer is not what was asked for. `former` is the item's tick before.
+void tellIfDifferent(ShareChange& change, TWVirtualFile& item, const TWVirtualFile& record,
+                     std::int32_t former) {
+    if (item.Tick == former && !isWhereAsked(item, record)) touchItem(change, item);
 }
 
 std::string conflictName(std::string_view name) {
@@ -106,15 +148,34 @@ FilePlan planFile(ShareView& view, const Author& author, bool create, const TWVi
     plan.item = view.find(record.InternalName.view());
     plan.identity = record.InternalName.str();
     if (plan.item ? !plan.item->IsFile : !create) return plan;
+    const auto at = [&plan](FilePlan::Kind kind, TWVirtualFilePtr item) {
+        plan.kind = kind;
+        plan.item = std::move(item);
+        plan.identity = plan.item->InternalName.str();
+        plan.parent = plan.item->ParrentId.str();
+        plan.name = plan.item->PublicName.str();
+    };
+    const bool alive = plan.item && !plan.item->Deleted;
     const bool same = plan.item && hasSameContents(*plan.item, record);
-    if (plan.item && !plan.item->Deleted && !same && isOutdated(view, author, *plan.item, record)) {
-        plan.identity = conflictIdentity(*plan.item, record);
+    const bool outdated = alive && !same && isOutdated(view, author, *plan.item, record);
+    if (outdated) {
+        plan.winner = plan.item;
         plan.code = kDuplicate;
+        plan.identity = conflictIdentity(*plan.item, record.UploadName.view(), record.FilehHash.view());
         if (const auto sibling = view.find(plan.identity); sibling && !sibling->Deleted) {
-            plan.kind = FilePlan::Kind::place;
-            plan.item = sibling;
-            plan.parent = sibling->ParrentId.str();
-            plan.name = sibling->PublicName.str();
+            at(FilePlan::Kind::place, sibling);
+            return plan;
+        }
+    }
+    if (plan.item && (outdated || !alive) && wereStored(view, record, plan.identity)) {
+        plan.winner = nullptr;
+        plan.code = kAccepted;
+        at(FilePlan::Kind::past, plan.item);
+        return plan;
+    }
+    if (outdated) {
+        if (const auto copy = conflictCopyBehind(view, *plan.item, record)) {
+            at(FilePlan::Kind::update, copy);
             return plan;
         }
         plan.kind = FilePlan::Kind::conflict;
@@ -128,22 +189,33 @@ FilePlan planFile(ShareView& view, const Author& author, bool create, const TWVi
     plan.parent = std::move(place.parent);
     plan.name = std::move(place.name);
     plan.code = codeFor(record, plan.name);
-    plan.kind = !plan.item ? FilePlan::Kind::insert
-                : same && !plan.item->Deleted && plan.item->UploadName == record.UploadName
-                    ? FilePlan::Kind::place
-                    : FilePlan::Kind::update;
+    plan.kind = !plan.item                                   ? FilePlan::Kind::insert
+                : alive && isSameVersion(*plan.item, record) ? FilePlan::Kind::place
+                                                             : FilePlan::Kind::update;
     return plan;
 }
 
 EventResult applyFile(ShareChange& change, const Author& author, const FilePlan& plan,
                       const TWVirtualFile& sent, const ContentsInfo* contents) {
     if (plan.kind == FilePlan::Kind::refused) return {plan.code, plan.item};
-    if (plan.kind == FilePlan::Kind::place) {
-        auto item = plan.item;
-        settle(change, author, *item, plan.parent, plan.name);
+    auto item = plan.item;
+    if (plan.kind == FilePlan::Kind::past) {
+        touchItem(change, *item);
         return {plan.code, item};
     }
-    if (contents) change.addContents(*contents);
+    // The device that lost has the winner's contents still to come, whatever it was told before.
+    if (plan.winner) touchItem(change, *plan.winner);
+    if (plan.kind == FilePlan::Kind::place) {
+        const auto former = item->Tick;
+        settle(change, author, *item, plan.parent, plan.name);
+        tellIfDifferent(change, *item, sent, former);
+        return {plan.code, item};
+    }
+    if (contents) {
+        ContentsInfo stored = *contents;
+        stored.item = plan.identity;
+        change.addContents(stored);
+    }
     TWVirtualFile version = recordFor(author, plan.identity, sent);
     if (contents) {
         version.UploadName = contents->uploadName;
@@ -151,7 +223,6 @@ EventResult applyFile(ShareChange& change, const Author& author, const FilePlan&
         version.EndOfFile = version.AllocationSize = contents->size;
     }
     if (plan.kind == FilePlan::Kind::update) {
-        auto item = plan.item;
         settle(change, author, *item, plan.parent, plan.name);
         item->User = author.email;
         if (sent.Attributes) item->Attributes = sent.Attributes;
@@ -162,11 +233,14 @@ EventResult applyFile(ShareChange& change, const Author& author, const FilePlan&
     reviveFolder(change, plan.parent, author.device);
     version.ParrentId = plan.parent;
     version.PublicName = availableName(change, plan.parent, plan.name, true);
-    auto item = std::make_shared<TWVirtualFile>(version);
+    item = std::make_shared<TWVirtualFile>(version);
     insertItem(change, *item, author.device);
-    // The device that lost has the winner's contents still to come, whatever it was told before.
-    if (plan.kind == FilePlan::Kind::conflict) touchItem(change, *plan.item);
     return {plan.code, item};
+}
+
+void tellAgain(ShareChange& change, const TWVirtualFile& record) {
+    const auto item = change.find(record.InternalName.view());
+    if (item && !(isWhereAsked(*item, record) && hasSameContents(*item, record))) touchItem(change, *item);
 }
 
 EventResult placeFolder(ShareChange& change, const Author& author, const TWVirtualFile& record) {
@@ -175,7 +249,9 @@ EventResult placeFolder(ShareChange& change, const Author& author, const TWVirtu
     const auto place = placeOf(change, author, item.get(), record);
     if (place.parent.empty()) return {kUnknownItem, item};
     if (item) {
+        const auto former = item->Tick;
         settle(change, author, *item, place.parent, place.name);
+        tellIfDifferent(change, *item, record, former);
     } else {
         reviveFolder(change, place.parent, author.device);
         item = std::make_shared<TWVirtualFile>(recordFor(author, record.InternalName.str(), record));
@@ -188,7 +264,13 @@ EventResult placeFolder(ShareChange& change, const Author& author, const TWVirtu
 
 EventResult moveAsAsked(ShareChange& change, const Author& author, const TWVirtualFile& record) {
     auto item = change.find(record.InternalName.view());
-    if (!item || item->Deleted) return {kUnknownItem, item};
+    if (!item) return {kUnknownItem, nullptr};
+    if (item->Deleted) {
+        // A device keeps an item with a pending move when it hears of the deletion.
+        touchItem(change, *item);
+        return {kUnknownItem, item};
+    }
+    const auto former = item->Tick;
     const std::string parent = record.ParrentId ? record.ParrentId.str() : item->ParrentId.str();
     if (!canContain(change, parent, item->InternalName.view(), true)) {
         // Nothing moved here, so nothing but a new tick would tell the device.
@@ -200,6 +282,7 @@ EventResult moveAsAsked(ShareChange& change, const Author& author, const TWVirtu
         record.PublicName.empty() ? item->PublicName.str() : usableName(record.PublicName.view());
     const std::string name = availableName(change, parent, wanted, item->IsFile, item->InternalName.view());
     settle(change, author, *item, parent, name);
+    tellIfDifferent(change, *item, record, former);
     return {record.PublicName.empty() || item->PublicName == record.PublicName ? kAccepted : kDuplicate,
             item};
 }
@@ -208,14 +291,21 @@ EventResult removeAsAsked(ShareChange& change, const Author& author, const TWVir
     auto item = change.find(record.InternalName.view());
     if (!item) return {kUnknownItem, nullptr};
     if (item->Deleted) return {kDeleteIgnored, item};
-    // A device deletes what it sees in a folder before the folder. What others put there since it heard of
-    // the folder it need not have seen; a folder that is spared for it takes a new tick, so that a deletion
-    // with knowledge of that one succeeds.
-    removeItem(change, *item,
-               [&](const TWVirtualFile& file) { return isOutdated(change, author, file, record); });
-    if (item->Deleted) return {kAccepted, item};
-    touchItem(change, *item);
-    return {kDeleteIgnored, item};
+    const auto spares = [&](const TWVirtualFile& one) {
+        const auto authorship = change.authorship(one.InternalName.view());
+        const bool ownPlace = authorship.mover == author.device;
+        if (&one == item.get()) {
+            if (!ownPlace && authorship.placeTick > record.Tick) return true;
+            const bool named = !record.UploadName.empty() && record.UploadName == one.UploadName;
+            return one.IsFile && !named && isOutdated(change, author, one, record);
+        }
+        // A device deletes what it sees in a folder before the folder. Of what others changed since the tick
+        // that it claims for the folder, it need not have heard.
+        if (!ownPlace && one.Tick > record.Tick) return true;
+        return one.IsFile && record.Tick < authorship.foreignContents(author.device, one.UpdateTick);
+    };
+    removeItem(change, *item, spares);
+    return {item->Deleted ? kAccepted : kDeleteIgnored, item};
 }
 
 }  // namespace tarnwell::service

@@ -1,6 +1,6 @@
 #include "service/ShareTree.h"
 
-#include <unordered_set>
+#include <vector>
 
 #include "service/Names.h"
 #include "service/ServiceError.h"
@@ -161,28 +161,32 @@ void reviveFolder(ShareChange& change, const std::string& folder, const std::str
 
 int removeItem(ShareChange& change, TWVirtualFile& item,
                const std::function<bool(const TWVirtualFile&)>& spares) {
-    // Folders are met before their contents here, and marked in the opposite order.
-    std::vector<TWVirtualFilePtr> met;
-    if (!item.IsFile) met = change.children(item.InternalName.view());
-    for (std::size_t next = 0; next < met.size(); ++next) {
-        if (met[next]->IsFile) continue;
-        auto inner = change.children(met[next]->InternalName.view());
-        met.insert(met.end(), inner.begin(), inner.end());
-    }
-    std::unordered_set<std::string> kept;
-    int count = 0;
-    const auto settle = [&](TWVirtualFile& record) {
-        const bool keep = record.IsFile ? spares && spares(record) : kept.contains(record.InternalName.str());
-        if (keep) {
-            kept.insert(record.ParrentId.str());
-            return;
-        }
-        markDeleted(change, record);
-        ++count;
+    struct Met {
+        TWVirtualFile* record;
+        std::size_t folder;  ///< place of its folder in the list; the item's own for itself
+        bool kept;
+        TWVirtualFilePtr owner;
     };
-    for (auto record = met.rbegin(); record != met.rend(); ++record)
-        settle(**record);
-    settle(item);
+    // Folders are met before their contents here, and marked in the opposite order.
+    std::vector<Met> met;
+    met.push_back({&item, 0, spares && spares(item), nullptr});
+    for (std::size_t next = 0; next < met.size(); ++next) {
+        if (met[next].record->IsFile) continue;
+        for (auto& inner : change.children(met[next].record->InternalName.view())) {
+            TWVirtualFile& record = *inner;
+            met.push_back({&record, next, met[next].kept || (spares && spares(record)), std::move(inner)});
+        }
+    }
+    int count = 0;
+    for (auto one = met.rbegin(); one != met.rend(); ++one) {
+        if (one->kept) {
+            met[one->folder].kept = true;
+            touchItem(change, *one->record);
+        } else {
+            markDeleted(change, *one->record);
+            ++count;
+        }
+    }
     return count;
 }
 

@@ -49,8 +49,10 @@ void touchItem(ShareChange& change, TWVirtualFile& item);
 /// becomes a free one. Nothing happens to a live folder and to the share's id.
 void reviveFolder(ShareChange& change, const std::string& folder, const std::string& device);
 /// Marks the item deleted; of a folder, everything in it first, deepest first, so that whoever applies the
-/// changes one by one never has an item without its folder. Files that `spares` stay, with the folders around
-/// them. The number of items marked; the item itself is one of them if it is Deleted now.
+/// changes one by one never has an item without its folder. What `spares` stays, a folder with everything in
+/// it, and so do the folders around it. What stays takes a new tick, the folders after what is in them: a
+/// device that claims a folder's tick has heard of all of it. The number of items marked; the item itself is
+/// one of them if it is Deleted now.
 int removeItem(ShareChange& change, TWVirtualFile& item,
                const std::function<bool(const TWVirtualFile&)>& spares = {});
 

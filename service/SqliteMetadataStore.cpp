@@ -56,7 +56,7 @@ SqliteMetadataStore::Reader::Reader(SqliteMetadataStore& store) : store_(store) 
             store_.readers_.pop_back();
         }
     }
-    if (!connection_) connection_ = std::make_unique<Database>(store_.path_);
+    if (!connection_) connection_ = std::make_unique<Database>(store_.path_, &store_.damaged_);
 }
 
 SqliteMetadataStore::Reader::~Reader() {
@@ -64,12 +64,19 @@ SqliteMetadataStore::Reader::~Reader() {
     if (store_.readers_.size() < kIdleReaders) store_.readers_.push_back(std::move(connection_));
 }
 
-SqliteMetadataStore::SqliteMetadataStore(std::string path) : path_(std::move(path)) {
+SqliteMetadataStore::Writer::Writer(SqliteMetadataStore& store)
+    : lock_(store.writing_), connection_(*store.writer_) {
+    if (store.damaged_) throw DamagedError("the database is damaged: restore it from a backup");
+    if (store.beforeChange_) store.beforeChange_();
+}
+
+SqliteMetadataStore::SqliteMetadataStore(std::string path, std::function<void()> beforeChange)
+    : path_(std::move(path)), beforeChange_(std::move(beforeChange)) {
     // The side files take over the mode of the main one, which therefore must be private from its first byte
     // on.
     const mode_t mask = ::umask(0077);
     try {
-        writer_ = std::make_unique<Database>(path_);
+        writer_ = std::make_unique<Database>(path_, &damaged_);
         migrateSchema(*writer_);
     } catch (...) {
         ::umask(mask);
@@ -79,6 +86,20 @@ SqliteMetadataStore::SqliteMetadataStore(std::string path) : path_(std::move(pat
 }
 
 SqliteMetadataStore::~SqliteMetadataStore() = default;
+
+std::vector<std::string> SqliteMetadataStore::faults() {
+    std::vector<std::string> found;
+    try {
+        Reader reader(*this);
+        auto rows = reader->query("PRAGMA quick_check(10)");
+        while (rows.next())
+            if (rows.view(0) != "ok") found.push_back(rows.text(0));
+    } catch (const DamagedError& error) {
+        found.emplace_back(error.what());
+    }
+    if (!found.empty()) damaged_ = true;
+    return found;
+}
 
 DomainInfo SqliteMetadataStore::addDomain(const std::string& name, const std::string& address) {
     if (const auto why = whyNotShareName(name); !why.empty()) throw ServiceError("domain name: " + why);

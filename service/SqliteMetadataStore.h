@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,7 +21,8 @@ namespace tarnwell::service {
 class SqliteMetadataStore final : public MetadataStore {
   public:
     /// Opens or makes the file, and brings it to the present schema. Throws ServiceError.
-    explicit SqliteMetadataStore(std::string path);
+    /// `beforeChange` is called before each write transaction.
+    explicit SqliteMetadataStore(std::string path, std::function<void()> beforeChange = {});
     ~SqliteMetadataStore() override;
 
     DomainInfo addDomain(const std::string& name, const std::string& address) override;
@@ -59,6 +62,8 @@ class SqliteMetadataStore final : public MetadataStore {
     std::optional<OSXCatchUpResponse> changesSince(const std::string& shareId, std::int32_t from,
                                                    std::int32_t take, const std::string& uploadUrl) override;
     std::optional<ContentsInfo> contents(std::string_view uploadName) override;
+    bool namesContents(std::string_view uploadName) override;
+    std::vector<std::string> faults() override;
     void change(const std::string& shareId, const std::function<void(ShareChange&)>& work,
                 Durability durability) override;
     void view(const std::string& shareId, const std::function<void(ShareView&)>& work) override;
@@ -96,7 +101,8 @@ class SqliteMetadataStore final : public MetadataStore {
     /// The writing connection and its lock.
     class Writer {
       public:
-        explicit Writer(SqliteMetadataStore& store) : lock_(store.writing_), connection_(*store.writer_) {}
+        /// Throws DamagedError.
+        explicit Writer(SqliteMetadataStore& store);
         Database* operator->() { return &connection_; }
         Database& operator*() { return connection_; }
 
@@ -106,6 +112,8 @@ class SqliteMetadataStore final : public MetadataStore {
     };
 
     const std::string path_;
+    const std::function<void()> beforeChange_;
+    std::atomic<bool> damaged_ = false;  ///< set by any connection, for good
 
     std::mutex writing_;
     std::unique_ptr<Database> writer_;  ///< guarded by writing_

@@ -117,13 +117,22 @@ void SqliteShareChange::setAuthorship(std::string_view internalName, const Autho
         authorship.placedBefore, internalName, row_);
 }
 
-bool SqliteShareChange::hasContents(std::string_view uploadName) {
-    return database_.query("SELECT 1 FROM contents WHERE upload_name = ?", uploadName).next();
+std::optional<ContentsInfo> contentsNamed(Database& database, std::string_view uploadName) {
+    auto rows = database.query(
+        "SELECT upload_name, share_id, size, hash, item FROM contents JOIN shares ON shares.id = share"
+        " WHERE upload_name = ?",
+        uploadName);
+    if (!rows.next()) return std::nullopt;
+    return ContentsInfo{rows.text(0), rows.text(1), rows.integer(2), rows.text(3), rows.text(4)};
+}
+
+std::optional<ContentsInfo> SqliteShareChange::contents(std::string_view uploadName) {
+    return contentsNamed(database_, uploadName);
 }
 
 void SqliteShareChange::addContents(const ContentsInfo& contents) {
-    database_.run("INSERT INTO contents (upload_name, share, size, hash) VALUES (?, ?, ?, ?)",
-                  contents.uploadName, row_, contents.size, contents.hash);
+    database_.run("INSERT INTO contents (upload_name, share, size, hash, item) VALUES (?, ?, ?, ?, ?)",
+                  contents.uploadName, row_, contents.size, contents.hash, contents.item);
 }
 
 void SqliteShareChange::retireContents(std::string_view uploadName) {

@@ -23,7 +23,7 @@ class SqliteShareChange final : public ShareChange {
     void put(const TWVirtualFile& record) override;
     Authorship authorship(std::string_view internalName) override;
     void setAuthorship(std::string_view internalName, const Authorship& authorship) override;
-    bool hasContents(std::string_view uploadName) override;
+    std::optional<ContentsInfo> contents(std::string_view uploadName) override;
     void addContents(const ContentsInfo& contents) override;
     void retireContents(std::string_view uploadName) override;
     void addTransfer(const TransferInfo& transfer) override;
@@ -46,5 +46,7 @@ class SqliteShareChange final : public ShareChange {
     "update_tick, create_tick, size, creation_time, access_time, write_time, attributes, permissions, "  \
     "deleted, is_file"
 TWVirtualFilePtr itemFrom(const Rows& rows, const SharedString& shareId);
+
+std::optional<ContentsInfo> contentsNamed(Database& database, std::string_view uploadName);
 
 }  // namespace tarnwell::service

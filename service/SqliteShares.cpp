@@ -183,12 +183,17 @@ std::optional<OSXCatchUpResponse> SqliteMetadataStore::changesSince(const std::s
 
 std::optional<ContentsInfo> SqliteMetadataStore::contents(std::string_view uploadName) {
     Reader reader(*this);
-    auto rows = reader->query(
-        "SELECT upload_name, share_id, size, hash FROM contents JOIN shares ON shares.id = share"
-        " WHERE upload_name = ?",
-        uploadName);
-    if (!rows.next()) return std::nullopt;
-    return ContentsInfo{rows.text(0), rows.text(1), rows.integer(2), rows.text(3)};
+    return contentsNamed(*reader, uploadName);
+}
+
+bool SqliteMetadataStore::namesContents(std::string_view uploadName) {
+    Reader reader(*this);
+    return reader
+        ->query(
+            "SELECT 1 FROM contents NOT INDEXED WHERE upload_name = ?1"
+            " UNION ALL SELECT 1 FROM items NOT INDEXED WHERE upload_name = ?1",
+            uploadName)
+        .next();
 }
 
 void SqliteMetadataStore::change(const std::string& shareId, const std::function<void(ShareChange&)>& work,

@@ -1,5 +1,6 @@
 #include "service/Transfers.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "service/Names.h"
@@ -25,10 +26,25 @@ std::int64_t sizeOf(const TWVirtualFile& record) {
     return record.AllocationSize.value_or(record.EndOfFile.value_or(0));
 }
 
+/// Nothing of the contents is needed.
+bool isHere(const FilePlan& plan) {
+    return plan.kind == FilePlan::Kind::place || plan.kind == FilePlan::Kind::past;
+}
+
 /// Thrown inside the transaction that would give a name to contents a second time.
 struct NameTaken {};
 
 }  // namespace
+
+/// planFile(), but contents whose bytes are missing from the store are sent again.
+FilePlan Transfers::plan(ShareView& view, const Author& author, bool create, const TWVirtualFile& record) {
+    auto plan = planFile(view, author, create, record);
+    if (plan.kind == FilePlan::Kind::place && plan.item->size() > 0 &&
+        contents_.sizeOf(plan.item->UploadName.view()) != plan.item->size()) {
+        plan.kind = FilePlan::Kind::update;
+    }
+    return plan;
+}
 
 Transfers::Announced Transfers::announce(const AccessRight& right, std::int32_t event,
                                          const TWVirtualFile& record) {
@@ -37,38 +53,44 @@ Transfers::Announced Transfers::announce(const AccessRight& right, std::int32_t 
     const std::string token = randomToken();
     TransferInfo info{digestOf(token), right.shareId, right.deviceId, event, {}, now(), false};
     const auto settled = [&](const FilePlan& plan) {
-        return plan.kind == FilePlan::Kind::refused || plan.kind == FilePlan::Kind::place ||
-               sizeOf(record) == 0;
+        return plan.kind == FilePlan::Kind::refused || isHere(plan) || sizeOf(record) == 0;
     };
 
-    FilePlan plan;
-    store_.view(right.shareId, [&](ShareView& view) { plan = planFile(view, author, create, record); });
-    if (plan.kind == FilePlan::Kind::refused) return {{plan.code, plan.item}, {}};
-    if (!settled(plan)) {
+    FilePlan planned;
+    store_.view(right.shareId, [&](ShareView& view) { planned = plan(view, author, create, record); });
+    if (planned.kind == FilePlan::Kind::refused) return {{planned.code, planned.item}, {}};
+    if (!settled(planned)) {
+        if (!space_.promise(info.digest, sizeOf(record)))
+            throw StorageFullError("no room for an upload of " + std::to_string(sizeOf(record)) + " bytes");
         TWVirtualFile announced = record;
-        announced.PublicName = plan.name;
+        announced.PublicName = planned.name;
         info.record = toJsonText(announced);
-        store_.change(
-            right.shareId, [&](ShareChange& change) { change.addTransfer(info); },
-            MetadataStore::Durability::process);
-        auto view = std::make_shared<TWVirtualFile>(plan.item ? *plan.item : record);
-        view->InternalName = plan.identity;
-        view->ParrentId = plan.parent;
-        view->PublicName = plan.name;
-        return {{plan.code, std::move(view)}, token};
+        try {
+            store_.change(
+                right.shareId, [&](ShareChange& change) { change.addTransfer(info); },
+                MetadataStore::Durability::process);
+        } catch (...) {
+            space_.end(info.digest);
+            throw;
+        }
+        auto view = std::make_shared<TWVirtualFile>(planned.item ? *planned.item : record);
+        view->InternalName = planned.identity;
+        view->ParrentId = planned.parent;
+        view->PublicName = planned.name;
+        return {{planned.code, std::move(view)}, token};
     }
 
     info.record = toJsonText(record);
     info.done = true;
     EventResult result;
     store_.change(right.shareId, [&](ShareChange& change) {
-        plan = planFile(change, author, create, record);
+        planned = plan(change, author, create, record);
         // Overtaken by another device's change: the client asks again.
-        if (!settled(plan)) throw HttpError(503, "the item changed meanwhile");
-        result = applyFile(change, author, plan, record, nullptr);
-        if (plan.kind != FilePlan::Kind::refused) change.addTransfer(info);
+        if (!settled(planned)) throw HttpError(503, "the item changed meanwhile");
+        result = applyFile(change, author, planned, record, nullptr);
+        if (planned.kind != FilePlan::Kind::refused) change.addTransfer(info);
     });
-    return {result, plan.kind == FilePlan::Kind::refused ? std::string() : token};
+    return {result, planned.kind == FilePlan::Kind::refused ? std::string() : token};
 }
 
 TWFileChunkUploadResponse Transfers::take(const Chunk& chunk, const std::string& domainId) {
@@ -79,6 +101,7 @@ TWFileChunkUploadResponse Transfers::take(const Chunk& chunk, const std::string&
     const std::lock_guard lock(live->lock);
     if (live->ended) return reply;
     if (live->info.done) {
+        store_.change(live->info.shareId, [&](ShareChange& change) { tellAgain(change, live->record); });
         reply.Position = sizeOf(live->record);
         reply.ResponseCode = kComplete;
         return reply;
@@ -98,21 +121,50 @@ TWFileChunkUploadResponse Transfers::take(const Chunk& chunk, const std::string&
     const std::string chunkHash = own.finish();
     if (chunkHash != chunk.hash) return reply;
 
-    rewind(*live, *partial, chunk.position);
-    partial->write(chunk.position, chunk.bytes);
-    live->formerPosition = live->received;
-    live->formerHash = ContentHash(live->hash);
-    const bool whole = length == size;
-    if (!whole) live->hash.update(chunk.bytes);
-    live->received += length;
-    reply.Position = live->received;
+    const std::int64_t end = chunk.position + length;
+    if (!space_.promise(live->info.digest, size - std::min(partial->size(), chunk.position)))
+        throw StorageFullError("no room for the next part of an upload");
+    const bool late = !takeBytes(*live, *partial, chunk);
     if (now() - live->info.touched > kTouchEvery) {
         store_.touchTransfer(live->info.digest);
         live->info.touched = now();
     }
-    reply.ResponseCode =
-        live->received == size ? complete(*live, *partial, whole ? chunkHash : std::string()) : kStored;
+    reply.Position = end;
+    reply.ResponseCode = kStored;
+    if (!late && end == size) {
+        reply.ResponseCode = complete(*live, *partial, length == size ? chunkHash : std::string());
+        space_.end(live->info.digest);
+    } else {
+        space_.left(live->info.digest, size - partial->size());
+    }
     return reply;
+}
+
+/// False when the bytes are here already, with others after them. Otherwise `live` is at the chunk's end.
+bool Transfers::takeBytes(Live& live, PartialContents& partial, const Chunk& chunk) {
+    const auto length = static_cast<std::int64_t>(chunk.bytes.size());
+    const std::int64_t end = chunk.position + length;
+    std::string here(
+        static_cast<std::size_t>(std::clamp<std::int64_t>(partial.size() - chunk.position, 0, length)), '\0');
+    const bool same = partial.read(chunk.position, here.data(), here.size()) == here.size() &&
+                      chunk.bytes.starts_with(here);
+    const std::int64_t size = sizeOf(live.record);
+    if (same && end < partial.size() && end < size) return false;
+
+    rewind(live, partial, chunk.position);
+    if (same && !here.empty()) {
+        if (here.size() < chunk.bytes.size())
+            partial.write(partial.size(), chunk.bytes.substr(here.size()));
+        else if (end < partial.size())
+            partial.cut(end);  // what a write that was cut off left behind the last byte
+    } else {
+        partial.write(chunk.position, chunk.bytes);
+    }
+    live.formerPosition = live.received;
+    live.formerHash = ContentHash(live.hash);
+    if (length != size) live.hash.update(chunk.bytes);
+    live.received = end;
+    return true;
 }
 
 /// The transfer as it stands, from memory or the store; null when there is none here.
@@ -210,25 +262,31 @@ std::int32_t Transfers::complete(Live& live, PartialContents& partial, std::stri
         !isUploadName(contents.uploadName) || store_.contents(contents.uploadName)) {
         contents.uploadName = newUploadName();
     }
+    const auto hold = contents_.hold();
     bool needless = false;
     for (;;) {
-        if (!partial.publish(contents.uploadName)) {
-            contents.uploadName = newUploadName();
-            continue;
+        try {
+            if (!partial.publish(contents.uploadName)) {
+                contents.uploadName = newUploadName();
+                continue;
+            }
+        } catch (const DiskFailedError&) {
+            drop(live, partial);
+            return kFailed;
         }
         try {
             store_.change(live.info.shareId, [&](ShareChange& change) {
-                const auto plan = planFile(change, author, create, live.record);
-                if (plan.kind == FilePlan::Kind::refused)
+                const auto planned = plan(change, author, create, live.record);
+                if (planned.kind == FilePlan::Kind::refused)
                     throw HttpError(409, "the item or its folder is gone");
-                if (plan.kind != FilePlan::Kind::place && change.hasContents(contents.uploadName))
-                    throw NameTaken();
-                applyFile(change, author, plan, live.record, &contents);
-                needless = plan.kind == FilePlan::Kind::place;
+                needless = isHere(planned);
+                if (!needless && change.contents(contents.uploadName)) throw NameTaken();
+                applyFile(change, author, planned, live.record, &contents);
                 change.finishTransfer(live.info.digest);
             });
             break;
         } catch (const NameTaken&) {
+            contents_.remove(contents.uploadName);
             contents.uploadName = newUploadName();
         }
     }

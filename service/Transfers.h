@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -14,6 +15,7 @@
 #include "service/MetadataStore.h"
 #include "service/Secrets.h"
 #include "service/ShareEvents.h"
+#include "service/UploadSpace.h"
 
 namespace tarnwell::service {
 
@@ -29,14 +31,20 @@ namespace tarnwell::service {
 /// ServiceErrors; after each of them the same chunk may come again.
 class Transfers {
   public:
-    /// Borrows both.
-    Transfers(MetadataStore& store, ContentStore& contents) : store_(store), contents_(contents) {}
+    /// Borrows both. `spareBytes`: what uploads have to leave of the free disk.
+    Transfers(
+        MetadataStore& store, ContentStore& contents,
+        std::function<std::int64_t()> spareBytes = [] { return std::int64_t{0}; })
+        : store_(store),
+          contents_(contents),
+          space_([&contents, spare = std::move(spareBytes)] { return contents.freeBytes() - spare(); }) {}
 
     struct Announced {
         EventResult result;
         std::string token;  ///< empty when the change is refused
     };
-    /// A file's Create or Update. One without bytes, or with those that are here already, is complete.
+    /// A file's Create or Update. One without bytes, or with those that are here already, is complete. Throws
+    /// StorageFullError when the disk has no room for the upload beside those under way.
     Announced announce(const AccessRight& right, std::int32_t event, const TWVirtualFile& record);
 
     enum ChunkCode : std::int32_t { kStored = 0, kFailed = 1, kComplete = 2, kCorrupted = 3 };
@@ -47,8 +55,9 @@ class Transfers {
         std::string_view hash;
         std::string_view bytes;
     };
-    /// A chunk may be sent again, also the last one. One that begins before the end of what is here replaces
-    /// all from there on. `domainId` is where the chunk came in.
+    /// A chunk may be sent again, also the last one, and come late: bytes that are here already change
+    /// nothing. Others that begin before the end of what is here replace all from there on. `domainId` is
+    /// where the chunk came in.
     TWFileChunkUploadResponse take(const Chunk& chunk, const std::string& domainId);
 
   private:
@@ -70,11 +79,14 @@ class Transfers {
     LivePtr find(const std::string& digest, const std::string& domainId);
     void forget(const std::string& digest);
     void drop(Live& live, PartialContents& partial);
+    FilePlan plan(ShareView& view, const Author& author, bool create, const TWVirtualFile& record);
+    static bool takeBytes(Live& live, PartialContents& partial, const Chunk& chunk);
     static void rewind(Live& live, PartialContents& partial, std::int64_t position);
     std::int32_t complete(Live& live, PartialContents& partial, std::string hash);
 
     MetadataStore& store_;
     ContentStore& contents_;
+    UploadSpace space_;
 
     std::mutex lock_;
     std::unordered_map<std::string, LivePtr> live_;  ///< by digest; guarded by lock_

@@ -55,7 +55,9 @@ std::string DriveOperations::pathOf(const NodeIdentity& identity) const {
         case Kind::alias:
             return itemPath(identity.id);
         case Kind::gone:
-            break;
+            // A request that looked the name up just before it was replaced means what has the name now. The
+            // kernel would look it up again only once.
+            return itemPath(identity.id);
         case Kind::refresh: {
             const auto folder = identity.id ? itemPath(identity.id) : std::string("/");
             return folder.empty() ? folder : appendPathComponent(folder, kRefreshName);
@@ -72,7 +74,7 @@ std::string DriveOperations::pathOf(std::uint64_t node) const {
 ErrnoOr<DriveOperations::Place> DriveOperations::placeOf(std::uint64_t node) const {
     Place place{fileSystem_->store().beginWriteStorage(), {}, {}};
     auto identity = nodes_.find(node);
-    if (!identity) return Errno{ESTALE};
+    if (!identity || (identity->kind == Kind::gone && removedFile(node))) return Errno{ESTALE};
     place.identity = *std::move(identity);
     place.path = pathOf(place.identity);
     if (place.path.empty()) return Errno{ESTALE};
@@ -227,13 +229,16 @@ ErrnoOr<DriveOperations::OpenFile> DriveOperations::open(std::uint64_t node, int
     TWFuseFileSystem::Resize resize;
     {
         const auto place = placeOf(node);
-        if (!place) return Errno{place.error()};
-        auto opened = fileSystem_->openItem(place->path, flags, caller);
+        const auto removed = place ? nullptr : removedFile(node);
+        if (!place && !removed) return Errno{place.error()};
+        // What was removed while it was open can be opened once more.
+        auto opened = removed ? removed->reopen(flags, caller)
+                              : fileSystem_->openItem(place->path, flags, caller);
         if (!opened) return Errno{opened.error()};
         const auto userData = *opened;
-        result = addFile(node, userData, changes, place->identity.isSpecial());
+        result = addFile(node, userData, changes, place && place->identity.isSpecial());
         if ((flags & O_TRUNC) == 0 || !userData) return result;
-        auto begun = fileSystem_->beginResize(place->path, userData.get(), 0);
+        auto begun = fileSystem_->beginResize("", userData.get(), 0);
         if (!begun) {
             release(node, result.handle);
             return Errno{begun.error()};

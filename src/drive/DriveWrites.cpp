@@ -242,7 +242,13 @@ ErrnoOr<Done> TWFuseFileSystem::resize(const std::string& path, TWFuseFileData& 
 ErrnoOr<TWFuseFileSystem::Resize> TWFuseFileSystem::beginResize(const std::string& path,
                                                                 TWFuseFileData* userData, std::int64_t size) {
     if (size < 0) return Errno{EINVAL};
-    if (userData && userData->isDetached()) return Resize{userData->shared_from_this(), size, false};
+    if (userData && userData->isDetached()) {
+        if ((userData->openFlags() & O_ACCMODE) != O_RDONLY)
+            return Resize{userData->shared_from_this(), size, false};
+        auto own = userData->reopen(O_WRONLY, ::getpid());
+        if (!own) return Errno{own.error()};
+        return Resize{*std::move(own), size, true};
+    }
     if (!userData && (CacheLayout::isRootPath(path) || CacheLayout::isSharePath(path))) return Errno{EACCES};
     const auto file = userData ? store_.fileWithId(userData->fileId().view()) : visibleFileWithPath(path);
     if (!file) return Errno{userData ? ESTALE : ENOENT};

@@ -73,7 +73,7 @@ void InodeTable::putIn(std::uint64_t node, const NodeIdentity& identity) {
 void InodeTable::identityChanged(const SharedString& from, const SharedString& to) {
     std::lock_guard lock(mutex_);
     for (const auto kind : {Kind::item, Kind::alias, Kind::refresh}) {
-        putIn(takeOut({kind, to}), {Kind::gone, {}});
+        putIn(takeOut({kind, to}), {Kind::gone, to});
         putIn(takeOut({kind, from}), {kind, to});
     }
 }

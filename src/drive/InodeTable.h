@@ -24,7 +24,7 @@ struct NodeIdentity {
         alias,     ///< an item under a name of other letter case than its own
         fuseLock,  ///< "/.fuselock"
         refresh,   ///< a ".twrefresh"; `id` is the folder in which it was asked for, absent at the root
-        gone,      ///< an item that was removed, and whose id another node took over
+        gone,      ///< an item that was replaced: the node of the item that replaced it has its id, `id`
     };
     Kind kind = Kind::root;
     SharedString id;

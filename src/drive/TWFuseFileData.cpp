@@ -235,6 +235,27 @@ void TWFuseFileData::detach(TWVirtualFilePtr record, const std::string& path) {
     modified_ = created_ = progress_ = false;
 }
 
+ErrnoOr<std::shared_ptr<TWFuseFileData>> TWFuseFileData::reopen(int openFlags, pid_t openProcess) const {
+    // Nobody else knows it yet.
+    auto handle = create(openFlags, openProcess, {});
+    std::lock_guard lock(mutex_);
+    handle->detached_ = true;
+    handle->formerRecord_ = formerRecord_;
+    handle->pinned_ = pinned_;
+    if (file_) {
+        const auto path = "/proc/self/fd/" + std::to_string(file_->descriptor());
+        const int descriptor = ::open(path.c_str(), (openFlags & O_ACCMODE) | O_CLOEXEC);
+        struct stat status {};
+        if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+            const Errno error{errno};
+            if (descriptor >= 0) ::close(descriptor);
+            return error;
+        }
+        handle->file_ = std::make_shared<const CacheFile>(descriptor, status.st_dev, status.st_ino);
+    }
+    return handle;
+}
+
 bool TWFuseFileData::isDetached() const {
     std::lock_guard lock(mutex_);
     return detached_;

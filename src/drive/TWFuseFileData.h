@@ -133,6 +133,8 @@ class TWFuseFileData : public std::enable_shared_from_this<TWFuseFileData> {
     /// caller holds the store's lock.
     void detach(TWVirtualFilePtr record, const std::string& path);
     [[nodiscard]] bool isDetached() const;
+    /// Another open of the file that this handle was detached with.
+    [[nodiscard]] ErrnoOr<std::shared_ptr<TWFuseFileData>> reopen(int openFlags, pid_t openProcess) const;
     /// The record that the handle was detached from; its bytes may be at the service still.
     [[nodiscard]] TWVirtualFilePtr formerRecord() const;
 

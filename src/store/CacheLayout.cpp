@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -131,6 +132,25 @@ std::string CacheLayout::fileNameForId(std::string_view id) {
         }
     }
     return name;
+}
+
+std::optional<std::string> CacheLayout::idOfFileName(std::string_view name) {
+    if (name == "%") return std::string();
+    std::string id;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        if (name[i] != '%') {
+            id += name[i];
+            continue;
+        }
+        unsigned byte = 0;
+        const auto digits = name.substr(i + 1, 2);
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+        if (error != std::errc() || digits.size() != 2 || end != digits.data() + 2) return std::nullopt;
+        id += static_cast<char>(byte);
+        i += 2;
+    }
+    if (fileNameForId(id) != name) return std::nullopt;
+    return id;
 }
 
 std::string CacheLayout::cachePathForFile(const TWVirtualFile& file) const {

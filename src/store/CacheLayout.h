@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -47,6 +48,8 @@ class CacheLayout {
     /// beyond the cache: what is not a plain name is spelled with "%", so that two ids never share a name. A
     /// leading dot is kept for names of this program's own.
     [[nodiscard]] static std::string fileNameForId(std::string_view id);
+    /// The id that fileNameForId() gives this name; none when it gives it to no id.
+    [[nodiscard]] static std::optional<std::string> idOfFileName(std::string_view name);
     /// REQUIRES (all six): the record has the ids or names that the path is made of.
     [[nodiscard]] std::string cachePathForFile(const TWVirtualFile& file) const;
     [[nodiscard]] std::string extendedAttrsPathForFile(const TWVirtualFile& file) const;

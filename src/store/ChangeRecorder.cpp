@@ -17,6 +17,8 @@ namespace {
 
 constexpr std::chrono::seconds kBetweenTries{1};
 constexpr std::size_t kMostBases = 4;
+/// A change rarely takes more: some forty items with their entries.
+constexpr std::size_t kRoomForChange = std::size_t{128} << 10U;
 
 /// 0: there is no such file.
 std::uint64_t inodeOf(const std::string& path) {
@@ -68,35 +70,39 @@ void ChangeRecorder::write(PieceWriter& piece, Pending& pending) const {
     }
 }
 
-bool ChangeRecorder::append(const std::vector<CacheExchange>& exchanges) {
-    if (pending_.empty() && exchanges.empty()) return true;
+int ChangeRecorder::append(const std::vector<CacheExchange>& exchanges) {
+    if (pending_.empty() && exchanges.empty()) return 0;
     const auto now = std::chrono::steady_clock::now();
-    if (failed_ && now - *failed_ < kBetweenTries) return false;
+    if (failed_ && now - *failed_ < kBetweenTries) return failure_;
     PieceWriter piece;
     write(piece, pending_);
     for (const auto& exchange : exchanges)
         piece.exchange(exchange);
     if (const int error = log_.append(piece.bytes())) {
         TWLog(kLogMain, "Error! Cannot append to the change log : error %@", std::strerror(error));
-        incomplete_ = true;
+        failure_ = error;
+        if (!pending_.empty()) incomplete_ = error;
         if (!std::exchange(failed_, now)) onFailure_();
-        return false;
+        return error;
     }
     hasChanges_ = true;
     failed_.reset();
-    incomplete_ = !underSave_.empty();
+    if (underSave_.empty()) incomplete_ = 0;
     files_.recent.insert(pending_.files.begin(), pending_.files.end());
     shares_.recent.insert(pending_.shares.begin(), pending_.shares.end());
     pending_ = {};
-    return true;
+    return 0;
 }
 
 int ChangeRecorder::appendNow() {
-    return append({}) ? 0 : EIO;
+    return append({});
 }
 
 int ChangeRecorder::admitChange() {
-    return 0;
+    if (const int error = append({})) return error;
+    // What the running save has to write in the place of the log comes before what changes next.
+    if (!underSave_.empty()) return failure_;
+    return log_.reserve(kRoomForChange);
 }
 
 bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std::string>>& pairs,
@@ -107,15 +113,15 @@ bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std:
         if (intent.inodeA != 0 || intent.inodeB != 0) intents.push_back(std::move(intent));
     }
     if (intents.empty()) return true;
+    if (append(intents) != 0) return false;
     busy_ = true;
-    append(intents);
     for (std::size_t done = 0; done < pairs.size(); ++done) {
         if (exchange(pairs[done].first, pairs[done].second)) continue;
         while (done-- > 0)
             exchange(pairs[done].first, pairs[done].second);
         return false;
     }
-    for (auto& deletion : deletions_) {
+    for (auto& deletion : waiting_.deletions) {
         for (const auto& [a, b] : pairs) {
             if (deletion.path == a || deletion.path == b) {
                 deletion.path = deletion.path == a ? b : a;
@@ -128,41 +134,47 @@ bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std:
 
 void ChangeRecorder::deleteLater(const std::string& path) {
     if (const auto inode = inodeOf(path)) {
-        deletions_.push_back({path, inode});
+        waiting_.deletions.push_back({path, inode});
         busy_ = true;
     }
+}
+
+void ChangeRecorder::afterAppend(std::function<void()> action) {
+    waiting_.actions.push_back(std::move(action));
+    busy_ = true;
 }
 
 void ChangeRecorder::finishHold() noexcept {
     busy_ = false;
     try {
-        if (append({})) runActions();
+        if (append({}) == 0) return doWaiting(std::exchange(waiting_, {}));
+        busy_ = true;  // tried again by the next hold
     } catch (const std::exception& error) {
-        incomplete_ = true;
+        incomplete_ = EIO;
         TWLog(kLogMain, "Error! Cannot compose a piece of the change log: %@", error.what());
     }
-    deleteFiles();
 }
 
-void ChangeRecorder::deleteFiles() {
-    for (const auto& [path, inode] : deletions_) {
+void ChangeRecorder::doWaiting(Waiting waiting) {
+    for (const auto& [path, inode] : waiting.deletions) {
         // Another file may stand there by now.
         if (inodeOf(path) != inode || ::unlink(path.c_str()) == 0) continue;
         TWLog(kLogMain, "Warning! Cannot delete cache file %@ : error %@", path, std::strerror(errno));
     }
-    deletions_.clear();
-}
-
-void ChangeRecorder::runActions() {
-    for (const auto& action : std::exchange(actions_, {}))
+    for (const auto& action : waiting.actions)
         action();
 }
 
 std::uint64_t ChangeRecorder::beginSave() {
     // Tried once more, but a failure that is known asks for no other save: it would come for ever.
     if (failed_) failed_ = std::chrono::steady_clock::time_point();
-    append({});
+    if (append({}) == 0) doWaiting(std::exchange(waiting_, {}));
     underSave_ = std::exchange(pending_, {});
+    waitingForSave_ = std::exchange(waiting_, {});
+    hasChanges_ = false;
+    std::uint64_t number = 0;
+    // Otherwise the log still names what it named.
+    if (!log_.rotate(number)) return number;
     for (auto* logged : {&files_, &shares_}) {
         if (logged->older.empty()) {
             std::swap(logged->older, logged->recent);
@@ -171,8 +183,7 @@ std::uint64_t ChangeRecorder::beginSave() {
             logged->recent.clear();
         }
     }
-    hasChanges_ = false;
-    return log_.rotate();
+    return number;
 }
 
 void ChangeRecorder::journalTaken(JournalBase base) {
@@ -195,8 +206,8 @@ void ChangeRecorder::endSave(std::uint64_t number) {
     for (auto* logged : {&files_, &shares_})
         logged->older.clear();
     underSave_ = {};
-    incomplete_ = !pending_.empty();
-    if (pending_.empty()) runActions();
+    doWaiting(std::exchange(waitingForSave_, {}));
+    if (pending_.empty()) incomplete_ = 0;
     log_.removeBefore(number);
     if (!hasChanges_ && pending_.empty()) {
         for (auto* logged : {&files_, &shares_})
@@ -210,6 +221,12 @@ void ChangeRecorder::abandonSave() {
     pending_.shares.insert(underSave_.shares.begin(), underSave_.shares.end());
     pending_.entries.insert(underSave_.entries.begin(), underSave_.entries.end());
     underSave_ = {};
+    waiting_.deletions.insert(waiting_.deletions.end(), waitingForSave_.deletions.begin(),
+                              waitingForSave_.deletions.end());
+    waiting_.actions.insert(waiting_.actions.begin(), waitingForSave_.actions.begin(),
+                            waitingForSave_.actions.end());
+    waitingForSave_ = {};
+    busy_ = true;
 }
 
 void ChangeRecorder::resume(JournalBase base) {
@@ -219,19 +236,22 @@ void ChangeRecorder::resume(JournalBase base) {
 
 void ChangeRecorder::clear() {
     pending_ = underSave_ = {};
-    actions_.clear();
-    deleteFiles();
+    for (auto* waiting : {&waiting_, &waitingForSave_}) {
+        waiting->actions.clear();
+        doWaiting(std::exchange(*waiting, {}));
+    }
     for (auto* logged : {&files_, &shares_})
         logged->older = logged->recent = {};
     bases_ = {{hashOfJournal({}), {}}};
     hasChanges_ = false;
     failed_.reset();
-    incomplete_ = false;
+    incomplete_ = 0;
     log_.clear();
 }
 
-bool ChangeRecorder::sync() {
-    return !incomplete_ && log_.sync();
+int ChangeRecorder::sync() {
+    if (const int error = incomplete_) return error;
+    return log_.sync();
 }
 
 }  // namespace tarnwell

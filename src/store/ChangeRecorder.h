@@ -33,7 +33,8 @@ class JournalTexts;
 /// All else is what the service said, and the service says it again.
 ///
 /// A piece that cannot be written is kept for the next try, a second later or with a later change; the owner
-/// is told once, and has the store saved.
+/// is told once, and has the store saved. What was to be done after it (deletions, afterAppend()) waits, too,
+/// until its piece is appended or a save has all that it says. admitChange() refuses new changes meanwhile.
 ///
 /// Guarded by the store's lock, sync() excepted.
 class ChangeRecorder {
@@ -64,22 +65,21 @@ class ChangeRecorder {
     /// Appends what is noted so far: what is done next must not be on the disk before it.
     /// 0 or errno.
     int appendNow();
-    /// 0 when the log can take another change; else the error that would be met.
+    /// 0 when the log can take another change; else the error that would be met: ENOSPC where the disk has no
+    /// room for it, or the error of the last append until one succeeds.
     [[nodiscard]] int admitChange();
     /// Pairs of files of the cache trade places, or one of a pair gets the name of the other: does it by
     /// `exchange`, all or none. A run that ends before the changes that belong to it are appended is undone
-    /// by the next one; so those changes are complete before the next exchange or appendNow().
+    /// by the next one; so those changes are complete before the next exchange or appendNow(). False, with
+    /// nothing done, when the log cannot take the intent.
     bool exchangeFiles(const std::vector<std::pair<std::string, std::string>>& pairs,
                        bool (*exchange)(const std::string&, const std::string&));
     /// Deletes a file of the cache once the changes of this hold of the lock are appended: a record that is
     /// there has its bytes. Follows the file through exchangeFiles().
     void deleteLater(const std::string& path);
-    /// Calls `action`, with the lock, when all that is noted so far is in the log or saved: at the end of this
-    /// change at the earliest, after a later one when the log cannot be written now.
-    void afterAppend(std::function<void()> action) {
-        actions_.push_back(std::move(action));
-        busy_ = true;
-    }
+    /// Calls `action`, with the store's lock, once the changes of this hold of the lock are appended: what
+    /// must not be on the disk before them. It must be short. Dropped by clear().
+    void afterAppend(std::function<void()> action);
     /// The lock goes.
     void endOfHold() noexcept {
         if (busy_) finishHold();
@@ -106,8 +106,8 @@ class ChangeRecorder {
     /// Forgets all and deletes the log.
     void clear();
 
-    /// Any thread, without the store's lock. False when something that was noted may not last.
-    bool sync();
+    /// Any thread, without the store's lock. 0, or errno: something that was noted may not last.
+    int sync();
 
   private:
     using Ids = boost::unordered_flat_set<SharedString, StoreIndex::TextHash, StoreIndex::TextEqual>;
@@ -128,6 +128,11 @@ class ChangeRecorder {
         std::string path;
         std::uint64_t inode;
     };
+    /// What waits for an append.
+    struct Waiting {
+        std::vector<Deletion> deletions;
+        std::vector<std::function<void()>> actions;
+    };
 
     [[nodiscard]] bool wants(const Logged& logged, std::string_view id) const {
         return !suspended_ && (changes_ > 0 || (!logged.empty() && logged.contains(id)));
@@ -139,9 +144,9 @@ class ChangeRecorder {
     }
 
     void finishHold() noexcept;
-    void deleteFiles();
-    void runActions();
-    bool append(const std::vector<CacheExchange>& exchanges);
+    void doWaiting(Waiting waiting);
+    /// 0 or errno.
+    int append(const std::vector<CacheExchange>& exchanges);
     void write(PieceWriter& piece, Pending& pending) const;
     [[nodiscard]] std::string opening() const;
     [[nodiscard]] std::string belowRoot(const std::string& path) const;
@@ -157,13 +162,13 @@ class ChangeRecorder {
     bool busy_ = false;  ///< something is to be done when the lock goes
     Pending pending_;
     Pending underSave_;  ///< could not be appended before the running save began
-    std::vector<Deletion> deletions_;
-    std::vector<std::function<void()>> actions_;
+    Waiting waiting_, waitingForSave_;
     Logged files_, shares_;
     std::vector<JournalBase> bases_;  ///< what the journal's file may be; one, while no save runs
-    bool hasChanges_ = false;         ///< in the segment that is open
+    bool hasChanges_ = false;         ///< appended since the last save began
     std::optional<std::chrono::steady_clock::time_point> failed_;  ///< the last try
-    std::atomic<bool> incomplete_{false};  ///< something is pending that sync() cannot help
+    int failure_ = 0;                                              ///< its errno
+    std::atomic<int> incomplete_{0};  ///< errno; something is pending that sync() cannot help
 };
 
 }  // namespace tarnwell

@@ -45,10 +45,12 @@ void ChangeReplay::run() {
         try {
             reader.read(piece, *this);
         } catch (const MalformedPiece& malformed) {
+            damaged_ = true;
             TWLog(kLogMain, "Warning! A change in the change log is not understood: %@", malformed.what());
         }
     };
-    const auto damaged = [](const std::string& name, std::string_view why) {
+    const auto damaged = [this](const std::string& name, std::string_view why) {
+        damaged_ = true;
         TWLog(kLogMain, "Warning! The change log %@ is cut off: %@. What stands before is taken.", name, why);
     };
     ChangeLog::read(store_.layout().rootCachePath(), each, damaged);

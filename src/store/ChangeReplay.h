@@ -27,6 +27,8 @@ class ChangeReplay final : private PieceVisitor {
     void run();
     /// Nothing was logged.
     [[nodiscard]] bool empty() const { return pieces_ == 0; }
+    /// Not all of the log could be read.
+    [[nodiscard]] bool damaged() const { return damaged_; }
 
     struct Journal {
         std::vector<JournalText> entries;
@@ -58,6 +60,7 @@ class ChangeReplay final : private PieceVisitor {
     std::set<std::string> known_;                                  ///< every entry that was logged
     std::vector<CacheExchange> exchanges_;                         ///< of the piece that was read last
     bool inPiece_ = false;
+    bool damaged_ = false;
 };
 
 }  // namespace tarnwell

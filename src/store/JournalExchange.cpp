@@ -119,6 +119,7 @@ bool JournalExchange::exchangeJournalEntry(LocalJournal& a, LocalJournal& b) {
     if (!hadContents) {
         // The name is that of a version that the service has under the other identity.
         b.File->UploadName.reset();
+        store_.stampEdited(*second);
         store_.noteContentsRenamed(*second, std::exchange(second->UploadName, {}));
     }
     return true;

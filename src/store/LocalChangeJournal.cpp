@@ -75,6 +75,7 @@ LocalJournalPtr LocalChangeJournal::createJournalForFile(const TWVirtualFilePtr&
 void LocalChangeJournal::copyForUpload(const LocalJournalPtr& entry, TWVirtualFile& record) {
     entry->CopyingFile = true;
     entry->File->UploadName = TWMetadataStorage::generateFileUploadName();
+    store_.stampEdited(record);
     store_.noteContentsRenamed(record, std::exchange(record.UploadName, entry->File->UploadName));
     store_.changes_.afterAppend(
         [this, id = record.InternalName, name = record.UploadName] { stampContents(id, name, false); });

@@ -129,7 +129,8 @@ void RemoteChanges::FilesMerge::releaseContents(const TWVirtualFile& file,
                                                 const std::optional<ContentVersion>& version) {
     const bool isOnlyHere = version && version->isEdited();
     if (isOnlyHere &&
-        !store_.putContentsAside(file, "The service has newer contents of a file that was changed here.")) {
+        store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
+                               "the service has newer contents of the file") != 0) {
         return;
     }
     store_.deleteFileDataLater(file);
@@ -186,7 +187,8 @@ void RemoteChanges::FilesMerge::add(const TWVirtualFilePtr& incoming) {
         if (version && !version->isEdited() && version->isOf(incoming->UploadName.view())) {
             incoming->DownloadDate = store_.clock().now();
         } else if (version && version->isOwn()) {
-            store_.putContentsAside(*incoming, "The record of a file that was changed here was lost.");
+            (void)store_.keptFiles_.keep(*incoming, store_.layout().cachePathForFile(*incoming),
+                                         "the record of the file was lost");
         } else {
             store_.deleteFileDataLater(*incoming);
         }

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 #include <unordered_set>
@@ -81,10 +79,17 @@ TWVirtualFilePtr TWMetadataStorage::createFile(std::string_view name, const Mana
             existing && existing != inFolder) {
             if (existing->IsFile) {
                 // Said before the bytes go: they may exist nowhere else.
+                const auto before = *existing;
                 existing->AllocationSize = existing->EndOfFile = 0;
                 existing->LocallyUpdated = true;
                 noteContentsChanged(*existing);
-                changes_.appendNow();
+                if (changes_.appendNow() != 0) {
+                    existing->AllocationSize = before.AllocationSize;
+                    existing->EndOfFile = before.EndOfFile;
+                    existing->LocallyUpdated = before.LocallyUpdated;
+                    noteContentsChanged(*existing);
+                    return nullptr;
+                }
                 deleteFileData(*existing);
             }
             return existing;
@@ -244,29 +249,13 @@ void TWMetadataStorage::deleteFileDataLater(const TWVirtualFile& file) {
     changes_.deleteLater(layout().extendedAttrsPathForFile(file));
 }
 
-/// Unsent bytes that no record stands for any more.
-bool TWMetadataStorage::putContentsAside(const TWVirtualFile& file, std::string_view reason) {
-    const auto path = layout().cachePathForFile(file);
-    const auto folder = layout().rootCachePath() + "/Kept";
-    std::error_code error;
-    fs::create_directories(folder, error);
-    const auto kept = folder + "/" + generateGUID() + "-" + CacheLayout::fileNameForId(file.PublicName.view());
-    if (::rename(path.c_str(), kept.c_str()) != 0) {
-        TWLog(kLogMain, "Error! Cannot keep the unsent contents %@ of %@ : error %d", path, file.PublicName,
-              errno);
-        return false;
-    }
-    TWLog(kLogMain, "Warning! Unsent contents of %@ are kept as %@. %@", file.PublicName, kept, reason);
-    return true;
-}
-
 bool TWMetadataStorage::makeRoomForContents(const TWVirtualFile& file) {
     const auto path = layout().cachePathForFile(file);
     const auto version = ContentVersion::of(path);
     struct stat status {};
     const bool isEmpty = ::lstat(path.c_str(), &status) != 0 || status.st_size == 0;
     if (isEmpty || !version || !version->isOwn()) return true;
-    return putContentsAside(file, "The service has newer contents of a file that was changed here.");
+    return keptFiles_.keep(file, path, "the service has newer contents of the file") == 0;
 }
 
 bool TWMetadataStorage::isVersionOf(const TWVirtualFile& file, std::int64_t size,
@@ -325,6 +314,14 @@ bool TWMetadataStorage::isStillVersion(int descriptor, const TWVirtualFile& file
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
            isVersionOf(file, status.st_size, ContentVersion::of(descriptor));
+}
+
+void TWMetadataStorage::stampEdited(const TWVirtualFile& file) const {
+    const auto path = layout().cachePathForFile(file);
+    const auto version = ContentVersion::of(path);
+    if (!version || version->isEdited()) return;
+    if (const int error = ContentVersion::edited(file.UploadName.view()).set(path))
+        TWLog(kLogMain, "Warning! Cannot mark cache file %@ : error %d", path, error);
 }
 
 bool TWMetadataStorage::isOpen(std::string_view internalName) const {

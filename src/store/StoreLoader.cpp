@@ -100,7 +100,8 @@ StoreLoader::FileState StoreLoader::readDictionary(const std::string& path, std:
     return FileState::kRead;
 }
 
-void StoreLoader::setAside(const std::string& path, std::string_view why) const {
+void StoreLoader::setAside(const std::string& path, std::string_view why) {
+    damaged_ = true;
     const auto aside = setStoreFileAside(path, AsideReason::kDamaged);
     TWLog(kLogMain, "Warning! %@ is damaged (%@). It is kept as %@.", path, why,
           aside.empty() ? std::string_view(path) : aside);
@@ -220,6 +221,7 @@ void StoreLoader::takeShareFile(const ManagedSharePtr& share, const ShareFile& r
         return;
     }
     // The records that are missing come again with a catch-up from the first tick.
+    damaged_ = true;
     share->LastApplyedJournalTick = -1;
     TWLog(kLogMain, "Warning! Cannot load data for share %@ (%@)", share->ShareName.value_or(""), id);
     if (read.error == 0) {
@@ -303,6 +305,7 @@ void StoreLoader::loadJournal() {
     replayedJournal_ = replay_.journal(journalTexts_);
     const auto& entries = replayedJournal_.entries;
     if (journal_->loadJournals(entries) >= entries.size() || journalTexts_.empty()) return;
+    damaged_ = true;
     // The next save leaves out what cannot be understood: changes of the user's.
     const std::string path = store_.layout().rootCachePath() + "/" + std::string(kJournalFile);
     TWLog(kLogMain, "Warning! Not all of the journal could be read. It is kept as %@.",

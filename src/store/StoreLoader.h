@@ -33,6 +33,8 @@ class StoreLoader {
 
     /// The change log had something to add to the files.
     [[nodiscard]] bool replayed() const { return !replay_.empty(); }
+    /// Records or entries may be missing that were saved or logged before.
+    [[nodiscard]] bool damaged() const { return damaged_ || replay_.damaged(); }
     [[nodiscard]] const ChangeReplay::Journal& journal() const { return replayedJournal_; }
     /// Files that are marked as changed by the user.
     [[nodiscard]] std::vector<TWVirtualFilePtr> changedFiles() const;
@@ -58,7 +60,7 @@ class StoreLoader {
     void loadFile(TWVirtualFilePtr file, const ManagedShare* ofShare);
     /// Older programs kept extended attributes in the record.
     void moveExtendedAttributes(const TWVirtualFile& file, const PropertyList* attributes) const;
-    void setAside(const std::string& path, std::string_view why) const;
+    void setAside(const std::string& path, std::string_view why);
     void warnOfFile(std::string_view text, const TWVirtualFile& file);
 
     TWMetadataStorage& store_;
@@ -69,6 +71,7 @@ class StoreLoader {
     std::vector<std::string> journalTexts_;  ///< of the file
     ChangeReplay::Journal replayedJournal_;
     std::size_t warnings_ = 0;
+    bool damaged_ = false;
 };
 
 }  // namespace tarnwell

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "store/CacheRecovery.h"
 #include "store/JournalTexts.h"
 #include "store/StoreFiles.h"
 #include "store/StoreLoader.h"
@@ -42,7 +43,11 @@ void StorePersistence::load() {
     store_.changes_.resume(loader.journal().base);
     for (const auto order : loader.journal().dropped)
         store_.changes_.noteEntry(order);
-    if (journal_) journal_->recover(loader.changedFiles());
+    if (journal_) {
+        CacheRecovery recovery(store_);
+        if (loader.replayed() || loader.damaged() || recovery.isDue()) recovery.run(loader.damaged());
+        journal_->recover(loader.changedFiles());
+    }
     if (loader.replayed()) store_.saveDelayed();
 }
 
@@ -95,10 +100,10 @@ void StorePersistence::saveOrJoin() {
     }
 }
 
-bool StorePersistence::syncChanges() {
-    if (store_.changes_.sync()) return true;
-    saveAtOnce();
-    return false;
+int StorePersistence::flushChanges() {
+    const int error = store_.changes_.sync();
+    if (error != 0) saveAtOnce();
+    return error;
 }
 
 void StorePersistence::clear() {

@@ -67,7 +67,9 @@ class StorePersistence {
     /// Makes what was appended to the change log durable: every change whose hold of the store's lock ended
     /// before the call. Blocks on the disk, so nobody calls it with the store's lock; callers share one sync.
     /// False when the disk refused, or refused the log before and no save has made up for it.
-    bool syncChanges();
+    bool syncChanges() { return flushChanges() == 0; }
+    /// As syncChanges(); 0 or errno.
+    int flushChanges();
     /// The change log cannot be written: the next request for a delayed save is not to wait. With the store's
     /// lock.
     void saveAtOnce();

@@ -150,7 +150,8 @@ class TWMetadataStorage {
     void markChanged(const TWVirtualFile& file);
 
     /// Creates an item, or returns the one that stands there already, a file without its old cached contents.
-    /// `inFolder` null: the share's root. Null only for a null share.
+    /// `inFolder` null: the share's root. Null for a null share, and where the change log cannot take that
+    /// old contents go.
     TWVirtualFilePtr createFile(std::string_view name, const ManagedSharePtr& inShare,
                                 const TWVirtualFilePtr& inFolder, bool isDirectory);
     /// False when the name cannot be a folder's or another share has it.
@@ -212,6 +213,9 @@ class TWMetadataStorage {
     /// Before fetched contents take the place of what is there and is not the record's version: unsent bytes
     /// are put aside. False when that failed. REQUIRES LOCK.
     bool makeRoomForContents(const TWVirtualFile& file);
+    /// The cached bytes are the user's own, from the contents that the record names: what was another version,
+    /// exactly, is about to get a name of its own. REQUIRES LOCK.
+    void stampEdited(const TWVirtualFile& file) const;
     /// Whether a program has the file open on the drive. REQUIRES LOCK.
     [[nodiscard]] bool isOpen(std::string_view internalName) const;
 
@@ -236,7 +240,6 @@ class TWMetadataStorage {
     [[nodiscard]] bool isVersionOf(const TWVirtualFile& file, std::int64_t size,
                                    const std::optional<ContentVersion>& version) const;
     [[nodiscard]] bool isStillVersion(int descriptor, const TWVirtualFile& file) const;
-    bool putContentsAside(const TWVirtualFile& file, std::string_view reason);
     void deleteFileDataLater(const TWVirtualFile& file);
     void noteEntryChanged(std::string_view parentId, std::string_view name) const;
     void noteRemoved(const TWVirtualFile& file) const;
@@ -251,7 +254,7 @@ class TWMetadataStorage {
     FolderRefresher* refresher_ = nullptr;
 
     KeptFiles keptFiles_{environment_.layout, environment_.clock};  // own lock
-    StoreIndex index_;        // guarded by storageLock_
+    StoreIndex index_;                                              // guarded by storageLock_
     ChangeRecorder changes_;  // guarded by storageLock_, its sync() excepted
     mutable StoreMutex storageLock_{changes_};
     const std::unique_ptr<RemoteChanges> remoteChanges_;

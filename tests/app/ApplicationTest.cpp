@@ -5,7 +5,6 @@
 #include <fstream>
 
 #include "app/FakeClient.h"
-#include "connector/LoginRecords.h"
 #include "connector/OSXCatchUpResponse.h"
 #include "util/RecordMapping.h"
 
@@ -21,25 +20,17 @@ const Values kIsland{{"TWGlobalAddress", "example.localhost:8443"}};
 
 /// A service with one domain and one share, "Papers".
 void serveOneShare(FakeClient& client) {
-    UserDomain domain;
-    domain.Domain.emplace().DomainId = "dom";
-    domain.Domain->Url = "example.localhost:8443";
-    domain.UserDomainToken = "token";
-    GlobalLoginResponce login;
-    login.ErrorCode = "U100";
-    login.DeviceId = "device";
-    login.PrimaryUserDomain = domain;
-    client.service.when(urlContains("login2.aspx")).reply(200, toJsonText(login));
-
-    auto share = std::make_shared<ManagedShare>();
-    share->ShareId = "s1";
-    share->ShareName = "Papers";
-    share->DomainId = "dom";
-    share->GateWayUrl = "example.localhost:8443";
-    share->ShareAcl.emplace().AclToken = "acl";
-    ClientLoginResponse shares;
-    shares.ManagedShares.emplace().push_back(share);
-    client.service.when(urlContains("ClientLogin.aspx")).reply(200, toJsonText(shares));
+    client.service.when(urlContains("login2.aspx"))
+        .reply(200, R"({"ErrorCode":"U100","DeviceId":"device","PrimaryUserDomain":{"Domain":)"
+                    R"({"DomainId":"dom","Url":"example.localhost:8443"},"UserDomainToken":"token"}})");
+    ManagedShare share;
+    share.ShareId = "s1";
+    share.ShareName = "Papers";
+    share.DomainId = "dom";
+    share.GateWayUrl = "example.localhost:8443";
+    share.ShareAcl.emplace().AclToken = "acl";
+    client.service.when(urlContains("ClientLogin.aspx"))
+        .reply(200, "{\"ManagedShares\":[" + toJsonText(share) + "]}");
     client.service.when(urlContains("CatchUp7.aspx")).reply(200, toJsonText(OSXCatchUpResponse{}));
 }
 
@@ -51,17 +42,11 @@ boost::json::object status(FakeClient& client) {
 }
 
 TEST(ApplicationTest, aRunThatWasCutOffAsksForEverythingAnew) {
-    struct Row {
-        const char* lastRun;
-        Values settings;
-        bool fullRefresh;
-    };
-    for (const auto& [lastRun, settings, fullRefresh] :
-         {Row{"orderly", {{"cleanShutdown", "true"}}, false}, Row{"cut off", {}, true}}) {
-        FakeClient client(settings);
+    for (const bool cutOff : {false, true}) {
+        FakeClient client(cutOff ? Values{} : Values{{"cleanShutdown", "true"}});
         client.start();
-        EXPECT_EQ(client.connector.session().needsFullRefresh(), fullRefresh) << lastRun;
-        EXPECT_EQ(client.defaults.stored().contains("needsFullRefresh"), fullRefresh) << lastRun;
+        EXPECT_EQ(client.connector.session().needsFullRefresh(), cutOff);
+        EXPECT_EQ(client.defaults.stored().contains("needsFullRefresh"), cutOff);
         EXPECT_FALSE(client.defaults.stored().contains("cleanShutdown")) << "a crash of this run must show";
 
         client.delegate->endRequestedBySignal();
@@ -104,15 +89,10 @@ TEST(ApplicationTest, logsInMountsReportsAndQuits) {
     EXPECT_EQ(client.keychain.password("Fern Disk.keys", "ann@example.org"), "secret: 1");
     EXPECT_EQ(client.log().find("secret"), std::string::npos);
 
-    auto report = status(client);
-    EXPECT_EQ(report["state"], "online");
-    EXPECT_EQ(report["user"], "ann@example.org");
-    EXPECT_EQ(report["mountPath"].as_string(), client.home.path("Tarnwell"));
-    ASSERT_EQ(report["shares"].as_array().size(), 1u);
-    const auto& share = report["shares"].as_array()[0].as_object();
-    EXPECT_EQ(share.at("ShareId"), "s1");
+    const auto report = status(client);
+    EXPECT_EQ(report.at("state"), "online");
+    EXPECT_EQ(report.at("mountPath").as_string(), client.home.path("Tarnwell"));
     EXPECT_TRUE(statusText(boost::json::serialize(report))->find("Papers") != std::string::npos);
-
     client.service.when(urlContains("ClientLogin.aspx")).reply(200, R"({"ManagedShares":[]})");
     client.command("refresh:");
     EXPECT_EQ(client.answers.back(), "ok\n");
@@ -146,7 +126,7 @@ TEST(ApplicationTest, worksOfflineTriesAgainEveryMinuteAndEndsWithTheUser) {
     EXPECT_FALSE(client.mounted) << "nothing comes back";
 }
 
-TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
+TEST(ApplicationTest, openFilesKeepItRunning) {
     FakeClient client;
     client.start();
     client.programsWithOpenFiles = {"editor", "player"};
@@ -159,11 +139,7 @@ TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
               "to exit? "
               "This can lead to potential data loss.");
     EXPECT_TRUE(client.answers.back().starts_with("failed\n")) << client.answers.back();
-    client.delegate->endRequestedBySignal();
-    client.loop.advance(1s);
     EXPECT_FALSE(client.exitStatus.has_value());
-    client.delegate->endRequestedBySignal();
-    EXPECT_EQ(client.exitStatus, 0);
 
     FakeClient closing;
     closing.start();
@@ -171,8 +147,7 @@ TEST(ApplicationTest, openFilesKeepItRunningUntilAskedTwice) {
     closing.delegate->endRequestedBySignal();
     closing.programsWithOpenFiles.clear();
     closing.loop.advance(1s);
-    EXPECT_EQ(closing.exitStatus, 0);
-    EXPECT_TRUE(closing.alerts.shown.empty());
+    EXPECT_TRUE(closing.exitStatus == 0 && closing.alerts.shown.empty());
 }
 
 TEST(ApplicationTest, nothingOfAUserIsLeftForTheNext) {
@@ -183,8 +158,9 @@ TEST(ApplicationTest, nothingOfAUserIsLeftForTheNext) {
         client.command("login:ann@example.org\nsecret");
         ASSERT_TRUE(client.mounted) << change;
         const std::filesystem::path root = client.layout.rootCachePath();
-        for (const char* name :
-             {"Files/s1/contents", "Uploads/u", "Downloads/d", "shares.db", "share_s1.db"}) {
+        const char* const names[] = {"Files/s1/contents", "Uploads/u", "Downloads/d", "shares.db",
+                                     "share_s1.db"};
+        for (const char* name : names) {
             std::filesystem::create_directories((root / name).parent_path());
             std::ofstream(root / name) << "ann's";
         }
@@ -193,10 +169,8 @@ TEST(ApplicationTest, nothingOfAUserIsLeftForTheNext) {
         client.service.when(urlContains("ClientLogin.aspx")).reply(200, R"({"ManagedShares":[]})");
         client.command(change);
         EXPECT_EQ(client.answers.back(), "ok\n") << change;
-        for (const char* name :
-             {"Files/s1/contents", "Uploads/u", "Downloads/d", "shares.db", "share_s1.db"}) {
+        for (const char* name : names)
             EXPECT_FALSE(std::filesystem::exists(root / name)) << change << name;
-        }
         EXPECT_TRUE(std::filesystem::exists(root / "Files") && std::filesystem::exists(root / "notes.txt"));
         EXPECT_FALSE(client.keychain.password("Fern Disk.keys", "ann@example.org").has_value());
         {
@@ -217,6 +191,7 @@ TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
     client.command("login:ann@example.org\nwrong");
     client.loop.advance(20s);
     EXPECT_EQ(client.service.requests(urlContains("login2.aspx")).size(), 3u);
+    EXPECT_FALSE(client.mounted);
     EXPECT_NE(boost::json::serialize(status(client)["lastErrors"]).find("refuses"), std::string::npos);
 
     client.answers.clear();
@@ -231,27 +206,16 @@ TEST(ApplicationTest, refusedPasswordAndUnknownCommandsAreReported) {
 }
 
 TEST(ApplicationIdentityTest, titleBrandAndAddress) {
-    struct Row {
-        Values map;
-        std::string old, address;
-    };
-    const std::string standard(kDefaultGlobalAddress);
-    for (const auto& row : {
-             Row{{{"CFBundleName", "Tarnwell"}}, "Fern Disk", standard},
-             Row{{{"CFBundleName", "TarnwellBeta"}, {"TWGlobalAddress", "*"}}, "FerndiskBeta", standard},
-             Row{{{"CFBundleName", "Other"}, {"TWBrandName", "Quelto"}, {"TWGlobalAddress", "a.b:1"}},
-                 "Tarnwell",
-                 "a.b:1"},
-             Row{{{"CFBundleName", "Other"}}, "", standard},
-         }) {
-        const ApplicationIdentity identity([&](std::string_view key) -> std::optional<std::string> {
-            const auto found = row.map.find(std::string(key));
-            return found == row.map.end() ? std::nullopt : std::optional(found->second);
+    const auto identity = [](Values map) {
+        return ApplicationIdentity([map](std::string_view key) -> std::optional<std::string> {
+            const auto found = map.find(std::string(key));
+            return found == map.end() ? std::nullopt : std::optional(found->second);
         });
-        EXPECT_EQ(identity.oldAppTitle, row.old);
-        EXPECT_EQ(identity.globalAddress, row.address);
-        EXPECT_EQ(identity.isDataIsland, row.address != standard);
-    }
+    };
+    const auto beta = identity({{"CFBundleName", "TarnwellBeta"}, {"TWGlobalAddress", "*"}});
+    EXPECT_EQ(beta.oldAppTitle, "FerndiskBeta");
+    EXPECT_EQ(beta.globalAddress, kDefaultGlobalAddress);
+    EXPECT_FALSE(beta.isDataIsland);
 }
 
 TEST(RecentErrorsTest, keepsTheNewestAndCutsLongOnes) {

@@ -5,11 +5,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <thread>
 
-#include "app/CommandMessage.h"
-#include "app/TWMachportMsgParser.h"
 #include "platform/LocalSocket.h"
 #include "platform/QtLocalServer.h"
 #include "platform/QtRunLoop.h"
@@ -55,7 +52,9 @@ struct CommandSocketTest : ::testing::Test {
 };
 
 TEST_F(CommandSocketTest, carriesOneTextAndItsAnswer) {
-    const std::string path = folder.write(".cmdsckt", "left over by a crash");
+    // Longer than a socket's address may be.
+    const std::string name = std::string(150, 'd') + "/" + std::string(150, 'e') + "/.cmdsckt";
+    const std::string path = folder.write(name, "left over by a crash");
     listen(path);
     struct stat socket {};
     ASSERT_EQ(stat(path.c_str(), &socket), 0);
@@ -71,31 +70,17 @@ TEST_F(CommandSocketTest, carriesOneTextAndItsAnswer) {
         }
     };
     serve([&] {
-        for (const std::string& text : {std::string("status:json"), big, std::string()}) {
-            const auto answer = sendLocalText(path, text, 10s);
-            EXPECT_EQ(answer.error, "");
-            EXPECT_TRUE(answer.text == text) << answer.text.size();
-        }
+        for (const std::string& text : {big, std::string()})
+            EXPECT_TRUE(sendLocalText(path, text, 10s).text == text);
         EXPECT_EQ(sendLocalText(path, "later", 10s).text, "much later");
         const auto dropped = sendLocalText(path, "ignored", 10s);
         EXPECT_TRUE(dropped.connected && dropped.error.empty() && dropped.text.empty());
     });
-    EXPECT_EQ(heard.size(), 5u);
+    EXPECT_EQ(heard.size(), 4u);
 
     server->close();
-    EXPECT_FALSE(folder.exists(".cmdsckt"));
+    EXPECT_FALSE(folder.exists(name));
     EXPECT_FALSE(sendLocalText(path, "x", 1s).connected);
-}
-
-TEST_F(CommandSocketTest, reachesPathsLongerThanASocketAddress) {
-    std::filesystem::path deep = folder.path();
-    while (deep.string().size() < 300)
-        deep /= "a folder with a rather long name";
-    std::filesystem::create_directories(deep);
-    const std::string path = deep / ".cmdsckt";
-    listen(path);
-    onText = [](const std::string&, const LocalServer::Reply& reply) { reply("here"); };
-    serve([&] { EXPECT_EQ(sendLocalText(path, "x:", 10s).text, "here"); });
 }
 
 TEST_F(CommandSocketTest, survivesClientsThatBreakTheRules) {
@@ -130,17 +115,6 @@ TEST_F(CommandSocketTest, survivesClientsThatBreakTheRules) {
     server.reset();
     for (const auto& reply : kept)
         reply("after the server");
-}
-
-TEST(CommandMessageTest, splitsAtTheFirstColon) {
-    const auto message = TWMachportMsgParser::parseMessage("badge:/A: b\n");
-    ASSERT_TRUE(message);
-    EXPECT_EQ(message->command, "badge");
-    EXPECT_EQ(message->argument, "/A: b\n");
-    EXPECT_FALSE(TWMachportMsgParser::parseMessage("hello") || TWMachportMsgParser::parseMessage(""));
-    EXPECT_FALSE(parseAnswer("").has_value());
-    EXPECT_FALSE(parseAnswer(formatAnswer({false, "ok\n"}))->succeeded);
-    EXPECT_EQ(parseAnswer(formatAnswer({true, "failed\nx"}))->text, "failed\nx");
 }
 
 }  // namespace

@@ -12,9 +12,9 @@ FakeClient::FakeClient(MemoryUserDefaults::Values settings)
     : defaults(std::move(settings)),
       identity([this](std::string_view key) { return defaults.get(key); }),
       layout({home.path(), home.path("data"), home.path("cache"), identity.appTitle, identity.oldAppTitle}),
-      store({layout, clock, background, [this] { return connector.session().username(); }, [] {}}),
-      connector({service, reachability, loop, background, background, background, keychain, defaults,
-                 notifications, clock, store,
+      store({layout, clock, loop, [this] { return connector.session().username(); }, [] {}}),
+      connector({service, reachability, loop, loop, loop, loop, keychain, defaults, notifications, clock,
+                 store,
                  ConnectorIdentity{identity.appTitle, identity.settingsTitle(), identity.version, "12.0.0",
                                    "desk", identity.isDataIsland, identity.globalAddress, ""}}) {
     store.setDownloadScheduler(&connector.downloads());
@@ -22,7 +22,7 @@ FakeClient::FakeClient(MemoryUserDefaults::Values settings)
         .identity = identity,
         .defaults = defaults,
         .mainLoop = loop,
-        .background = background,
+        .background = loop,
         .notifications = notifications,
         .store = store,
         .connector = connector,

@@ -14,7 +14,6 @@
 #include "store/TWMetadataStorage.h"
 #include "support/FakeClock.h"
 #include "support/FakeReachability.h"
-#include "support/ManualExecutors.h"
 #include "support/ManualRunLoop.h"
 #include "support/MemoryKeychain.h"
 #include "support/MemoryUserDefaults.h"
@@ -126,7 +125,6 @@ struct FakeClient {
     MemoryKeychain keychain;
     FakeClock clock;
     ManualRunLoop loop{&clock};
-    InlineExecutor background;
     NotificationCenter notifications;
     FakeReachability reachability;
     ScriptedUrlLoader service;

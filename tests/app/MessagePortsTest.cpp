@@ -1,16 +1,9 @@
 // Ports and desktop services over a private session bus: the client's end, and programs on the other.
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 
 #include "app/FileBrowserLink.h"
 #include "platform/BackgroundQueue.h"
@@ -20,7 +13,7 @@
 #include "platform/QtRunLoop.h"
 #include "platform/SessionBus.h"
 #include "support/LogCapture.h"
-#include "support/TemporaryFolder.h"
+#include "support/PrivateBus.h"
 
 #if defined(__SANITIZE_THREAD__)
 // The system's libraries are not built for the thread sanitizer, which cannot see what their own threads
@@ -37,62 +30,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
-
-/// A session bus that starts no services, named to this process.
-class PrivateBus {
-  public:
-    PrivateBus() {
-        const std::string address = "unix:path=" + folder_.path("bus");
-        const std::string configuration = "--config-file=" + folder_.write("bus.conf", kConfiguration);
-        const std::string listen = "--address=" + address;
-        const char* arguments[] = {"dbus-daemon",         "--nofork",     "--nopidfile",
-                                   configuration.c_str(), listen.c_str(), nullptr};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        for (const int descriptor : {1, 2})
-            posix_spawn_file_actions_addopen(&actions, descriptor, "/dev/null", O_WRONLY, 0);
-        const int error =
-            posix_spawnp(&pid_, arguments[0], &actions, nullptr, const_cast<char**>(arguments), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (error != 0) pid_ = -1;
-        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        // Its socket is there a moment before it listens.
-        while (pid_ > 0 && !answers() && std::chrono::steady_clock::now() < end)
-            usleep(1000);
-    }
-    ~PrivateBus() {
-        stop(SIGKILL);
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    }
-    [[nodiscard]] bool started() const { return pid_ > 0 && answers(); }
-    void stop(int signal) {
-        if (pid_ <= 0) return;
-        kill(pid_, signal);
-        if (signal != SIGKILL) return;
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-
-  private:
-    [[nodiscard]] bool answers() const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        folder_.path("bus").copy(address.sun_path, sizeof address.sun_path - 1);
-        const int client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool connected =
-            ::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        ::close(client);
-        return connected;
-    }
-
-    static constexpr const char* kConfiguration =
-        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
-        "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>";
-    testing::TemporaryFolder folder_;
-    pid_t pid_ = -1;
-};
 
 struct MessagePortsTest : ::testing::Test, FileBrowserLink::Mediator {
     MessagePortsTest() : loop(argc, argv.data()), background(2, "test") {}
@@ -143,7 +80,7 @@ struct MessagePortsTest : ::testing::Test, FileBrowserLink::Mediator {
     int argc = 1;
     std::vector<char*> argv{const_cast<char*>("test"), nullptr};
     testing::LogCapture log;
-    PrivateBus bus;
+    testing::PrivateBus bus;
     QtRunLoop loop;
     BackgroundQueue background;
     Texts heard;
@@ -197,7 +134,7 @@ TEST_F(MessagePortsTest, anExtensionThatDoesNotReadIsGivenASecond) {
     link.setupMachPort();
     auto extension = std::make_unique<Extension>(*this);
     ASSERT_TRUE(until([&] { return link.isConnected(); }));
-    bus.stop(SIGSTOP);  // nobody passes anything on
+    bus.signal(SIGSTOP);  // nobody passes anything on
     const auto begin = std::chrono::steady_clock::now();
     link.sendFinderCommand("overlay(2)", "/a");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 200ms) << "the main thread does not wait";
@@ -205,7 +142,7 @@ TEST_F(MessagePortsTest, anExtensionThatDoesNotReadIsGivenASecond) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms);
     EXPECT_TRUE(log.contains(
         "Failed to send findercommand overlay(2) : send port is connected, but sending failed."));
-    bus.stop(SIGCONT);
+    bus.signal(SIGCONT);
     link.sendFinderCommand("overlay(3)", "/a");
     EXPECT_TRUE(
         until([&] { return !extension->texts.empty() && extension->texts.back() == "overlay(3):/a"; }));
@@ -239,20 +176,15 @@ TEST_F(MessagePortsTest, theClipboardsProgramAnswersOrNot) {
         return path;
     };
     const std::string got = folder.path("got");
-    struct Row {
-        const char* display;
-        std::string program, link;
-        bool succeeds;
+    const std::string good = program("good", "cat > " + got + "; printf +; exec sleep 1 <&- >&-");
+    const std::tuple<const char*, std::string, std::string, bool> rows[] = {
+        {":1", good, "https://x/?a&b", true},
+        {":1", program("dies", "kill -9 $$"), "https://x", false},
+        {":1", folder.path("missing"), "https://x", false},
+        {"", good, "https://x", false},
+        {":1", good, std::string(100'000, 'x'), false},
     };
-    for (const auto& [display, path, link, succeeds] : {
-             Row{":1", program("good", "cat > " + got + "; printf +; exec sleep 1 <&- >&-"), "https://x/?a&b",
-                 true},
-             Row{":1", program("dies", "kill -9 $$"), "https://x", false},
-             Row{":1", program("refused", "cat > /dev/null; exit 1"), "https://x", false},
-             Row{":1", folder.path("missing"), "https://x", false},
-             Row{"", folder.path("good"), "https://x", false},
-             Row{":1", folder.path("good"), std::string(100'000, 'x'), false},
-         }) {
+    for (const auto& [display, path, link, succeeds] : rows) {
         setenv("DISPLAY", display, 1);
         std::optional<bool> answer;
         ClipboardProgram clipboard(path);

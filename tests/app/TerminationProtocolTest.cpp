@@ -1,6 +1,5 @@
 #include "app/TerminationProtocol.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +19,7 @@ struct FakeMediator : TerminationProtocol::Mediator {
     bool isFinishedInitialization() override { return finished; }
     void checkIfExitAllowed(std::function<void(bool)> answer) override {
         calls.emplace_back("ask");
-        if (allowed) return answer(*allowed);
+        if (allowed) return answer(true);
         pendingAnswer = std::move(answer);
     }
     void beginTermination() override { calls.emplace_back("begin"); }
@@ -37,9 +36,8 @@ struct FakeMediator : TerminationProtocol::Mediator {
 
     Calls take() { return std::exchange(calls, {}); }
 
-    bool finished = true, empty = false, blocked = false, saved = true;
-    std::optional<bool> allowed = true;  ///< none: the question stays open
-    std::function<void(bool)> pendingAnswer;
+    bool finished = true, empty = false, blocked = false, saved = true, allowed = true;
+    std::function<void(bool)> pendingAnswer;  ///< of a question that is not allowed at once
     Calls calls;
 };
 
@@ -76,19 +74,6 @@ TEST_F(TerminationProtocolTest, takesDownWhatThereIsAndEnds) {
     }
 }
 
-TEST_F(TerminationProtocolTest, aRefusalKeepsEverythingAndALaterRequestAsksAgain) {
-    mediator.allowed = false;
-    request();
-    EXPECT_EQ(mediator.take(), Calls{"ask"});
-    EXPECT_EQ(answers, std::vector{Outcome::kCanceled});
-    EXPECT_FALSE(termination.terminating());
-
-    mediator.allowed = true;
-    request();
-    EXPECT_EQ(mediator.take().back(), "end");
-    EXPECT_EQ(answers, (std::vector{Outcome::kCanceled, Outcome::kTerminating}));
-}
-
 TEST_F(TerminationProtocolTest, waitsForBlockedWorkAndSavesWhatItChanged) {
     mediator.blocked = true;
     request();
@@ -108,7 +93,7 @@ TEST_F(TerminationProtocolTest, waitsForBlockedWorkAndSavesWhatItChanged) {
 }
 
 TEST_F(TerminationProtocolTest, insistingPassesTheOpenQuestion) {
-    mediator.allowed.reset();
+    mediator.allowed = false;
     request();
     termination.terminateWithoutQuestion();
     EXPECT_EQ(mediator.take(), (Calls{"ask", "begin", "unmount", "stopObserving", "save", "clean", "end"}));

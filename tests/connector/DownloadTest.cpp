@@ -1,8 +1,6 @@
-#include <gmock/gmock.h>
-
 #include <thread>
 
-#include "connector/ConnectorWorld.h"
+#include "connector/ReadFixture.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -10,26 +8,9 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class DownloadTest : public ::testing::Test {
+class DownloadTest : public ReadFixture {
   protected:
-    DownloadTest() {
-        world.pretendLoggedIn();
-        world.addShare("s1");
-    }
-    auto onRead() { return world.loader.when(urlContains("read.aspx")); }
-    std::vector<std::string> positions() {
-        std::vector<std::string> found;
-        for (const auto& request : world.loader.requests(urlContains("read.aspx"))) {
-            found.push_back(header(request, "fileName").value() + " " + header(request, "position").value());
-        }
-        return found;
-    }
     bool runOne() { return world.downloads.runOneDownload(); }
-    void writeAt(const std::string& path, std::string_view bytes) {
-        world.folder.write(path.substr(world.folder.path().size() + 1), bytes);
-    }
-
-    ConnectorWorld world;
 };
 
 TEST_F(DownloadTest, takesUserRequestsFirstAndInOrder) {
@@ -48,7 +29,7 @@ TEST_F(DownloadTest, takesUserRequestsFirstAndInOrder) {
     EXPECT_EQ(world.downloads.downloadQueueLen(), 4);
     while (runOne()) {
     }
-    EXPECT_THAT(positions(), ElementsAre("UF1 0", "UF2 0", "UF3 0", "UFa 0"));
+    EXPECT_THAT(asked("fileName", "position"), ElementsAre("UF1+0", "UF2+0", "UF3+0", "UFa+0"));
     EXPECT_FALSE(world.downloads.hasDownloads());
 }
 
@@ -68,6 +49,10 @@ TEST_F(DownloadTest, onlyContentsThatTheServiceHasAreQueued) {
     EXPECT_TRUE(world.downloads.isFileDownloaded(*hidden)) << "it is only here";
     const auto cached = world.addFile("Fcached", 4);
     writeAt(world.cachePath(cached), "here");
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*cached)) << "whose bytes they are is not known";
+    ASSERT_EQ(ContentVersion::clean("Uolder").set(world.cachePath(cached)), 0);
+    EXPECT_FALSE(world.downloads.isFileDownloaded(*cached)) << "they are of another version";
+    ASSERT_EQ(ContentVersion::clean("UFcached").set(world.cachePath(cached)), 0);
     world.downloads.downloadFile(cached);
     EXPECT_FALSE(world.downloads.hasDownloads());
 }
@@ -95,7 +80,7 @@ TEST_F(DownloadTest, chunksOnTheirWayTogetherAreKeptInOrder) {
     world.downloads.downloadFile(other);
     EXPECT_TRUE(runOne());
     EXPECT_EQ(contentsOf(world.cachePath(other)), contents);
-    EXPECT_THAT(positions(), ::testing::Contains("UF2 231072"));
+    EXPECT_THAT(asked("fileName", "position"), ::testing::Contains("UF2+231072"));
 }
 
 TEST_F(DownloadTest, partialDataThatCannotBeTheFilesIsNotBuiltOn) {
@@ -194,13 +179,14 @@ TEST_F(DownloadTest, oldContentsExpireUnlessTheyAreNeeded) {
         const char* setting;
         int ageHours;
         bool stays;
-    } cases[] = {{"", 1439, true},    {"", 1441, false}, {"0", 3, true},   {"0", 5, false},
-                 {"-1", 99999, true}, {"2", 47, true},   {"2", 49, false}, {"nonsense", 1439, true}};
+    } cases[] = {{"", 1439, true},    {"", 1441, false}, {"0", 3, true},          {"0", 5, false},
+                 {"-1", 99999, true}, {"2", 49, false},  {"nonsense", 1439, true}};
     for (const auto& [setting, ageHours, stays] : cases) {
         if (*setting) world.defaults.set("Tarnwell.storeFiles", setting);
         const auto add = [&, age = ageHours](const char* id) {
             const auto file = world.addFile(id, 4);
             writeAt(world.cachePath(file), "data");
+            EXPECT_EQ(ContentVersion::clean("U" + std::string(id)).set(world.cachePath(file)), 0);
             file->DownloadDate = world.clock.now() - std::chrono::hours(age);
             return file;
         };
@@ -209,13 +195,15 @@ TEST_F(DownloadTest, oldContentsExpireUnlessTheyAreNeeded) {
         synchronized->Synchronize = true;
         const auto unsent = add("Funsent");
         unsent->LocallyUpdated = true;
+        const auto own = add("Fown");
+        EXPECT_EQ(ContentVersion::unsent("UFown").set(world.cachePath(own)), 0);
         const auto undated = add("Fundated");
         undated->DownloadDate.reset();
         world.downloads.performCheckDownloadsToDelete();
         world.settle();
         EXPECT_EQ(contentsOf(world.cachePath(plain)).has_value(), stays) << setting << " " << ageHours;
         EXPECT_EQ(plain->DownloadDate.has_value(), stays);
-        for (const auto& file : {synchronized, unsent, undated}) {
+        for (const auto& file : {synchronized, unsent, own, undated}) {
             EXPECT_TRUE(contentsOf(world.cachePath(file))) << file->PublicName;
         }
     }

@@ -1,10 +1,8 @@
-#include <gmock/gmock.h>
-
 #include <filesystem>
 #include <thread>
 
-#include "connector/ConnectorWorld.h"
 #include "connector/RangeReadAhead.h"
+#include "connector/ReadFixture.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -14,21 +12,8 @@ using ::testing::IsEmpty;
 
 constexpr std::int64_t kLarge = 1'000'000;
 
-class RangeReaderTest : public ::testing::Test {
+class RangeReaderTest : public ReadFixture {
   protected:
-    RangeReaderTest() {
-        world.pretendLoggedIn();
-        world.addShare("s1");
-    }
-    auto onRead() { return world.loader.when(urlContains("read.aspx")); }
-    /// "position+chunk" of every request.
-    std::vector<std::string> ranges() {
-        std::vector<std::string> found;
-        for (const auto& request : world.loader.requests(urlContains("read.aspx"))) {
-            found.push_back(header(request, "position").value() + "+" + header(request, "chunk").value());
-        }
-        return found;
-    }
     std::vector<std::string> downloadsFolder() {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(world.layout.downloadsCachePath())) {
@@ -36,8 +21,6 @@ class RangeReaderTest : public ::testing::Test {
         }
         return names;
     }
-
-    ConnectorWorld world;
 };
 
 TEST_F(RangeReaderTest, fetchesExactlyTheRangeOfALargeFile) {
@@ -79,7 +62,7 @@ TEST_F(RangeReaderTest, aReplyThatIsNotTheRangeIsNeverTakenForIt) {
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "no bytes";
     onRead().reply(404, std::string(4096, 'x'));
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "an error page";
-    onRead().cut(200, contents.substr(0, 4096));
+    onRead().answer([&](const auto&) { return UrlReply{200, "cut", contents.substr(0, 4096)}; });
     EXPECT_EQ(world.downloads.downloadFileChunk(file, 0, 4096), std::nullopt) << "cut off";
     EXPECT_FALSE(contentsOf(world.cachePath(file)));
 }
@@ -113,15 +96,23 @@ TEST_F(RangeReaderTest, onlyWholeContentsOfThePresentVersionAreKept) {
     EXPECT_EQ(read(shorter), contents.substr(0, 100)) << "what came is right as far as it goes";
     EXPECT_EQ(world.downloads.downloadFileChunk(shorter, 4950, 100), std::nullopt);
 
-    const auto updated = world.addFile("Fupdated", 5000);
+    // While the reply is on its way.
+    TWVirtualFilePtr asked;
+    std::function<void()> change;
+    onRead().answer([&](const UrlRequest& request) {
+        const auto lock = world.store.beginWriteStorage();
+        change();
+        return serving(contents)(request);
+    });
+    const auto updated = asked = world.addFile("Fupdated", 5000);
+    change = [&] { asked->UploadName = "Unew"; };
     EXPECT_TRUE(read(updated));
-    updated->UploadName = "Unew";
-    const auto written = world.addFile("Fwritten", 5000);
+    const auto written = asked = world.addFile("Fwritten", 5000);
+    change = [&] { asked->LocallyUpdated = true; };
     EXPECT_TRUE(read(written));
-    written->LocallyUpdated = true;
-    const auto deleted = world.addFile("Fdeleted", 5000);
+    const auto deleted = asked = world.addFile("Fdeleted", 5000);
+    change = [&] { world.store.deleteFileMetadata(asked); };
     EXPECT_TRUE(read(deleted));
-    world.store.deleteFileMetadata(deleted);
     world.settle();
     for (const auto& file : {shorter, updated, written, deleted}) {
         EXPECT_FALSE(contentsOf(world.cachePath(file))) << file->PublicName;
@@ -129,12 +120,23 @@ TEST_F(RangeReaderTest, onlyWholeContentsOfThePresentVersionAreKept) {
     }
     EXPECT_THAT(downloadsFolder(), IsEmpty());
 
-    // The user's own bytes came first.
-    const auto own = world.addFile("Fown", 5000);
-    EXPECT_TRUE(read(own));
-    world.folder.write(world.cachePath(own).substr(world.folder.path().size() + 1), "mine");
+    // Contents are here when the reader is answered; what was there and is nobody's goes, the user's stays.
+    const auto plain = asked = world.addFile("Fplain", 5000);
+    change = [&] { writeAt(world.cachePath(asked), "whose?"); };
+    EXPECT_TRUE(read(plain));
+    EXPECT_EQ(contentsOf(world.cachePath(plain)), contents);
+    EXPECT_TRUE(world.downloads.isFileDownloaded(*plain));
+    EXPECT_NE(ContentVersion::of(world.cachePath(plain)), ContentVersion::clean("UFplain")) << "not synced";
     world.settle();
-    EXPECT_EQ(contentsOf(world.cachePath(own)), "mine");
+    EXPECT_EQ(ContentVersion::of(world.cachePath(plain)), ContentVersion::clean("UFplain"));
+    const auto own = asked = world.addFile("Fown", 5000);
+    change = [&] {
+        writeAt(world.cachePath(asked), "mine");
+        ASSERT_EQ(ContentVersion::edited("UFold").set(world.cachePath(asked)), 0);
+    };
+    EXPECT_TRUE(read(own));
+    EXPECT_EQ(KeptFiles::count(world.layout), 1U) << "unsent bytes that no record stands for";
+    EXPECT_EQ(contentsOf(world.cachePath(own)), contents);
 }
 
 TEST_F(RangeReaderTest, namesFromTheWireNeverLeaveTheCache) {

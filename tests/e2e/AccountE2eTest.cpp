@@ -1,12 +1,8 @@
 // The user's login and this device: refused, forgotten, wiped.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <filesystem>
-#include <fstream>
 
-#include "e2e/World.h"
+#include "e2e/E2eTest.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -14,25 +10,19 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-struct AccountE2eTest : ::testing::Test {
+struct AccountE2eTest : E2eTest {
     void SetUp() override {
-        if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no FUSE on this machine";
-        world.emplace();
-        world->source("a.txt", "some bytes");
-        world->import();
-        client().start();
-        ASSERT_TRUE(client().waitForPath("/Papers/a.txt"));
-        ASSERT_EQ(contents(), "some bytes");
+        E2eTest::SetUp();
+        if (!world) return;
+        import({{ "a.txt", "some bytes" }});
+        start("a.txt");
+        ASSERT_EQ(contents("a.txt"), "some bytes");
     }
-    Client& client() { return world->client(); }
-    [[nodiscard]] std::string contents() { return readRange(client().path("/Papers/a.txt"), 0, 100); }
     /// Empty when there is none.
     std::string deviceId() {
         const auto result = client().run({"settings", "get", "Fern Disk.deviceId"});
         return result.status == 0 ? result.output.substr(0, result.output.find('\n')) : "";
     }
-
-    std::optional<World> world;
 };
 
 TEST_F(AccountE2eTest, aDeviceThatTheServiceForgotGetsANewId) {
@@ -47,10 +37,8 @@ TEST_F(AccountE2eTest, aDeviceThatTheServiceForgotGetsANewId) {
 
     client().refresh();
     ASSERT_TRUE(client().waitForState("online"));
-    EXPECT_TRUE(client().waitForPath("/Papers/a.txt"));
-    EXPECT_EQ(contents(), "some bytes");
-    EXPECT_NE(deviceId(), "");
-    EXPECT_NE(deviceId(), unknown);
+    EXPECT_EQ(contents("a.txt"), "some bytes");
+    EXPECT_TRUE(deviceId() != "" && deviceId() != unknown);
 }
 
 TEST_F(AccountE2eTest, aWipedDeviceForgetsEverything) {
@@ -60,8 +48,7 @@ TEST_F(AccountE2eTest, aWipedDeviceForgetsEverything) {
     EXPECT_TRUE(client().waitForMount(false));
     EXPECT_EQ(deviceId(), "");
     EXPECT_EQ(client().run({"settings", "get", "Fern Disk.username"}).status, 1);
-    std::ifstream keychain(world->folder().path("ann/keychain"));
-    const std::string kept((std::istreambuf_iterator<char>(keychain)), {});
+    const std::string kept = world->folder().read("ann/keychain");
     EXPECT_EQ(kept.find("ann@example.org"), std::string::npos) << kept;
     EXPECT_EQ(client().run({"refresh"}).status, 1) << "there is nobody to ask for";
     ASSERT_TRUE(eventually([&] {
@@ -74,7 +61,7 @@ TEST_F(AccountE2eTest, aWipedDeviceForgetsEverything) {
     // The wiped device has no id any more; a new login makes a new device.
     client().login("ann@example.org", "secret");
     EXPECT_TRUE(client().waitForPath("/Papers/a.txt"));
-    EXPECT_EQ(contents(), "some bytes");
+    EXPECT_EQ(contents("a.txt"), "some bytes");
 }
 
 TEST_F(AccountE2eTest, aPasswordThatWasChangedIsAskedForAfterThreeAttempts) {
@@ -83,13 +70,13 @@ TEST_F(AccountE2eTest, aPasswordThatWasChangedIsAskedForAfterThreeAttempts) {
     client().refresh();
     ASSERT_TRUE(client().waitForState("loggedOut"));
     EXPECT_EQ(world->requests("login2.aspx") - before, 3);
-    EXPECT_EQ(contents(), "some bytes") << "what is here stays here";
+    EXPECT_EQ(contents("a.txt"), "some bytes") << "what is here stays here";
     client().login("ann@example.org", "other");
     ASSERT_TRUE(client().waitForState("online"));
     world->service({"put", "Papers", world->folder().write("b", "later"), "b.txt"});
     client().refresh();
     EXPECT_TRUE(client().waitForPath("/Papers/b.txt"));
-    EXPECT_EQ(readRange(client().path("/Papers/b.txt"), 0, 100), "later") << "with the new tokens";
+    EXPECT_EQ(contents("b.txt"), "later") << "with the new tokens";
 }
 
 }  // namespace

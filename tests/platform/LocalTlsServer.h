@@ -1,10 +1,10 @@
 #pragma once
 
+#include <openssl/ssl.h>
+
 #include <atomic>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,9 +13,9 @@
 
 namespace tarnwell::testing {
 
-/// A blocking HTTPS/1.1 server on a loopback port with a certificate authority of its own, for the tests of
-/// the loader. Each connection has a thread, which gives every request to the handler; the handler writes
-/// what it likes.
+/// A blocking HTTPS/1.1 server on a loopback port with a certificate that signs itself, for the tests of the
+/// loader. Each connection has a thread, which gives every request to the handler; the handler writes what it
+/// likes.
 class LocalTlsServer {
   public:
     struct Request {
@@ -24,11 +24,22 @@ class LocalTlsServer {
     };
     class Connection {
       public:
-        virtual ~Connection() = default;
-        virtual void write(std::string_view bytes) = 0;
+        void write(std::string_view bytes);
         /// Whether the peer closed, or the server is ending. Waits a little; for handlers that never answer.
-        virtual bool ended() = 0;
+        bool ended();
         void reply(int status, std::string_view body, std::string_view headers = {});
+
+      private:
+        friend class LocalTlsServer;
+        Connection(SSL* session, const std::atomic<bool>& stopping)
+            : session_(session), stopping_(stopping) {}
+        /// False at the end of the connection.
+        bool read(Request& request);
+        bool fill();
+
+        SSL* const session_;
+        const std::atomic<bool>& stopping_;
+        std::string buffer_;
     };
     /// Returns whether the connection stays open for another request. Runs on the connection's thread.
     using Handler = std::function<bool(const Request&, Connection&)>;
@@ -39,25 +50,23 @@ class LocalTlsServer {
     /// "https://name.localhost:PORT" + target.
     [[nodiscard]] std::string url(const std::string& target,
                                   const std::string& host = "files.localhost") const;
-    /// The authority that signed the server's certificate, as a PEM file.
+    /// The server's certificate, as a PEM file.
     [[nodiscard]] std::string authorityFile() const { return folder_.path("authority.pem"); }
     [[nodiscard]] int handshakes() const { return handshakes_; }
     [[nodiscard]] int accepted() const { return accepted_; }
 
   private:
-    class Tls;
     void acceptAll();
     void serve(int descriptor);
 
     TemporaryFolder folder_;
     Handler handler_;
-    std::unique_ptr<Tls> tls_;
+    SSL_CTX* const context_;
     int listener_ = -1;
     int port_ = 0;
     std::atomic<bool> stopping_ = false;
     std::atomic<int> handshakes_ = 0, accepted_ = 0;
-    std::mutex mutex_;
-    std::vector<std::thread> connections_;  // guarded by mutex_
+    std::vector<std::thread> connections_;  // of the acceptor's thread
     std::thread acceptor_;
 };
 

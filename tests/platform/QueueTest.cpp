@@ -95,7 +95,6 @@ TEST(SerialQueueTest, endedQueueAndStoppedTargetDropTheirTasks) {
 
     SerialQueue queue(target);
     queue.async([owned] { ++*owned; });
-    queue.async([owned] { ++*owned; });
     target.clear();  // as a pool that stops
     EXPECT_EQ(owned.use_count(), 1);
     queue.async([owned] { ++*owned; });
@@ -103,28 +102,17 @@ TEST(SerialQueueTest, endedQueueAndStoppedTargetDropTheirTasks) {
     EXPECT_EQ(*owned, 1) << "the queue goes on when the target does";
 }
 
-struct Saved {
-    int files = 0;
-};
+struct Saved {};
 struct Closed {};
 
-TEST(NotificationCenterTest, deliversByTypeInOrderDespiteAThrowingObserver) {
-    LogCapture log;
-    NotificationCenter center;
-    std::string seen;
-    const auto a = center.observe<Saved>([&](const Saved& saved) { seen += std::to_string(saved.files); });
-    const auto b = center.observe<Saved>([&](const Saved&) { throw std::runtime_error("observer failed"); });
-    const auto c = center.observe<Saved>([&](const Saved&) { seen += "c"; });
-    const auto other = center.observe<Closed>([&](const Closed&) { seen += "closed"; });
-    center.post(Saved{7});
-    EXPECT_EQ(seen, "7c");
-    EXPECT_TRUE(log.contains("observer failed"));
-}
-
 TEST(NotificationCenterTest, subscriptionsEndDuringDeliveryAndAfterTheCentre) {
+    LogCapture log;
     auto center = std::make_unique<NotificationCenter>();
     std::string seen;
     Subscription own, later, added;
+    const auto other = center->observe<Saved>([&](const Saved&) { seen += "saved"; });
+    const auto throwing =
+        center->observe<Closed>([&](const Closed&) { throw std::runtime_error("observer failed"); });
     own = center->observe<Closed>([&](const Closed&) {
         seen += "a";
         own.reset();
@@ -133,6 +121,7 @@ TEST(NotificationCenterTest, subscriptionsEndDuringDeliveryAndAfterTheCentre) {
     });
     later = center->observe<Closed>([&](const Closed&) { seen += "b"; });
     center->post(Closed{});
+    EXPECT_TRUE(log.contains("observer failed"));
     EXPECT_EQ(seen, "a") << "an ended observer ran, or one that was added during the delivery";
     center->post(Closed{});
     EXPECT_EQ(seen, "ac");
@@ -144,17 +133,16 @@ TEST(NotificationCenterTest, manyThreadsPostWhileOthersSubscribe) {
     NotificationCenter center;
     std::atomic<int> seen = 0;
     const auto fixed = center.observe<Saved>([&](const Saved&) { ++seen; });
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int n = 0; n < 200; ++n) {
-                    const auto brief = center.observe<Saved>([](const Saved&) {});
-                    center.post(Saved{});
-                }
-            });
-        }
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 200; ++n) {
+                const auto brief = center.observe<Saved>([](const Saved&) {});
+                center.post(Saved{});
+            }
+        });
     }
+    threads.clear();
     EXPECT_EQ(seen, 800);
 }
 

@@ -1,9 +1,9 @@
 #include <sched.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <fstream>
 #include <future>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -14,37 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// A network that the test switches, and look-ups that it can hold.
-class Network {
-  public:
-    bool probe(const std::string& host) {
-        std::unique_lock lock(mutex_);
-        ++probes_[host];
-        changed_.notify_all();
-        changed_.wait_for(lock, 20s, [this] { return !held_; });
-        return up_;
-    }
-    void set(bool up) {
-        std::lock_guard lock(mutex_);
-        up_ = up;
-    }
-    void hold(bool held) {
-        std::lock_guard lock(mutex_);
-        held_ = held;
-        changed_.notify_all();
-    }
-    bool waitForProbes(const std::string& host, int count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 10s, [&] { return probes_[host] >= count; });
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<std::string, int> probes_;
-    bool up_ = true, held_ = false;
-};
-
+/// A count that other threads raise.
 class Counter {
   public:
     void add() {
@@ -67,10 +37,25 @@ class Counter {
     int count_ = 0;
 };
 
+/// A network that the test switches, and look-ups that it can hold.
+struct Network {
+    bool probe(const std::string&) {
+        probes.add();
+        held.wait(true);
+        return up;
+    }
+    void release() {
+        held = false;
+        held.notify_all();
+    }
+    Counter probes;
+    std::atomic<bool> up = true, held = false;
+};
+
 TEST(NetlinkReachabilityTest, stuckLookupHoldsNobodyUpForLong) {
     // Shared with a look-up that is left to itself.
     const auto network = std::make_shared<Network>();
-    network->hold(true);
+    network->held = true;
     auto reachability = std::make_unique<NetlinkReachability>(
         [network](const std::string& host) { return network->probe(host); });
     const auto monitor = reachability->monitorForHost("slow.example.org");
@@ -79,23 +64,23 @@ TEST(NetlinkReachabilityTest, stuckLookupHoldsNobodyUpForLong) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(monitor->reachable());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    network->hold(false);
+    network->release();
     EXPECT_TRUE(turned.waitFor(1)) << "whoever was told false hears of the late answer";
     EXPECT_TRUE(monitor->reachable());
 
-    network->hold(true);
+    network->held = true;
     reachability->networkChanged();
     EXPECT_TRUE(monitor->reachable()) << "the last answer counts while a look-up runs";
-    ASSERT_TRUE(network->waitForProbes("slow.example.org", 2));
+    ASSERT_TRUE(network->probes.waitFor(2));
     start = std::chrono::steady_clock::now();
     reachability.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s) << "the end waited for the resolver";
-    network->hold(false);
+    network->release();
 }
 
 TEST(NetlinkReachabilityTest, notifiesEachTurnToReachableUntilTheMonitorEnds) {
     Network network;
-    network.set(false);
+    network.up = false;
     NetlinkReachability reachability([&](const std::string& host) { return network.probe(host); });
     auto monitor = reachability.monitorForHost("example.org");
     const auto second = reachability.monitorForHost("example.org");
@@ -103,18 +88,18 @@ TEST(NetlinkReachabilityTest, notifiesEachTurnToReachableUntilTheMonitorEnds) {
     monitor->startNotifier([&] { turned.add(); });
     second->startNotifier([&] { secondTurned.add(); });
     EXPECT_FALSE(monitor->reachable());
-    network.set(true);
+    network.up = true;
     reachability.networkChanged();
     EXPECT_TRUE(turned.waitFor(1));
     EXPECT_TRUE(monitor->reachable());
     reachability.networkChanged();
-    EXPECT_TRUE(network.waitForProbes("example.org", 3));
-    network.set(false);
+    EXPECT_TRUE(network.probes.waitFor(3));
+    network.up = false;
     while (monitor->reachable())
         reachability.networkChanged();
     EXPECT_EQ(turned.count(), 1) << "staying reachable or turning unreachable is no news";
     monitor.reset();
-    network.set(true);
+    network.up = true;
     reachability.networkChanged();
     EXPECT_TRUE(secondTurned.waitFor(2));
     EXPECT_EQ(turned.count(), 1);
@@ -125,7 +110,7 @@ TEST(NetlinkReachabilityTest, notifierMayEndItsOwnMonitorAndMonitorsOutliveTheMa
     std::unique_ptr<ReachabilityMonitor> own, left;
     Counter ended;
     {
-        network.set(false);
+        network.up = false;
         NetlinkReachability reachability([&](const std::string& host) { return network.probe(host); });
         own = reachability.monitorForHost("a.example.org");
         left = reachability.monitorForHost("b.example.org");
@@ -134,7 +119,7 @@ TEST(NetlinkReachabilityTest, notifierMayEndItsOwnMonitorAndMonitorsOutliveTheMa
             own.reset();
             ended.add();
         });
-        network.set(true);
+        network.up = true;
         reachability.networkChanged();
         EXPECT_TRUE(ended.waitFor(1));
         while (!left->reachable())

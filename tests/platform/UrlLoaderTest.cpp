@@ -50,6 +50,15 @@ class UrlLoaderTest : public ::testing::Test {
     static CurlUrlLoader::Options trusting(const LocalTlsServer& server) {
         return {.certificateAuthority = server.authorityFile()};
     }
+    /// Asks for so many replies at once, each on a thread of its own.
+    static std::vector<std::future<UrlReply>> getMany(int count, UrlLoader& loader, const std::string& url,
+                                                      std::chrono::milliseconds timeout) {
+        std::vector<std::future<UrlReply>> replies;
+        for (int i = 0; i < count; ++i)
+            replies.push_back(
+                std::async(std::launch::async, [=, &loader] { return get(loader, url, timeout); }));
+        return replies;
+    }
     static UrlReply get(UrlLoader& loader, const std::string& url, std::chrono::milliseconds timeout = 10s) {
         return loader.sendSynchronously({.url = url, .idleTimeout = timeout});
     }
@@ -58,7 +67,7 @@ class UrlLoaderTest : public ::testing::Test {
 TEST_F(UrlLoaderTest, manyThreadsShareFewConnections) {
     LocalTlsServer server(echo);
     CurlUrlLoader loader(trusting(server));
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     std::atomic<int> right = 0;
     for (int i = 0; i < 24; ++i) {
         threads.emplace_back([&, i] {
@@ -70,8 +79,7 @@ TEST_F(UrlLoaderTest, manyThreadsShareFewConnections) {
             }
         });
     }
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(right, 240);
     EXPECT_LE(server.handshakes(), 8);
 }
@@ -197,16 +205,8 @@ TEST_F(UrlLoaderTest, limitsTheReplyAlsoWhenItsLengthIsHiddenOrCompressed) {
         request.maximumReplyBytes = 99'999;
         EXPECT_EQ(loader.sendSynchronously(request).error, "the reply is too long") << target;
     }
-}
-
-TEST_F(UrlLoaderTest, largeRangesArriveWholeInOneBuffer) {
-    LocalTlsServer server(echo);
-    CurlUrlLoader loader(trusting(server));
-    constexpr std::size_t kSize = 2u << 20;
-    const auto reply = get(loader, server.url("/" + std::to_string(kSize)));
-    ASSERT_TRUE(reply.succeeded()) << reply.error;
-    EXPECT_EQ(reply.body.size(), kSize);
-    EXPECT_LT(reply.body.capacity(), kSize + 4096) << "the buffer grew by doubling";
+    EXPECT_LT(get(loader, server.url("/2000000")).body.capacity(), 2'004'096u)
+        << "the buffer grew by doubling";
 }
 
 TEST_F(UrlLoaderTest, idleTimeCountsFromTheLastByteNotFromTheStart) {
@@ -227,9 +227,10 @@ TEST_F(UrlLoaderTest, idleTimeCountsFromTheLastByteNotFromTheStart) {
     EXPECT_EQ(get(loader, server.url("/"), 60ms).error, "timed out");
 
     const auto begin = std::chrono::steady_clock::now();
-    const auto trickle =
-        loader.sendSynchronously({.url = server.url("/"), .idleTimeout = 10s, .totalTimeout = 400ms});
-    EXPECT_EQ(trickle.error, "timed out") << "bytes that trickle hold nobody for ever";
+    EXPECT_EQ(
+        loader.sendSynchronously({.url = server.url("/"), .idleTimeout = 10s, .totalTimeout = 400ms}).error,
+        "timed out")
+        << "bytes that trickle hold nobody for ever";
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 1100ms);
 }
 
@@ -257,10 +258,7 @@ TEST_F(UrlLoaderTest, requestsBehindADeadHostDoNotWaitTwice) {
     LocalTlsServer server(silence), alive(answerOk);
     CurlUrlLoader loader({.certificateAuthority = server.authorityFile()});
     const auto start = std::chrono::steady_clock::now();
-    std::vector<std::future<UrlReply>> dead;
-    for (int i = 0; i < 30; ++i) {
-        dead.push_back(std::async(std::launch::async, [&] { return get(loader, server.url("/"), 1500ms); }));
-    }
+    auto dead = getMany(30, loader, server.url("/"), 1500ms);
     // Another host is not held up (its certificate is not trusted here, which is an answer too).
     EXPECT_FALSE(get(loader, alive.url("/", "alive.localhost")).error.empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
@@ -269,24 +267,15 @@ TEST_F(UrlLoaderTest, requestsBehindADeadHostDoNotWaitTwice) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 4500ms) << "one time-out after another";
 }
 
-TEST_F(UrlLoaderTest, redirectsAreRepliesNotFollowed) {
-    LocalTlsServer server([](const Request& request, Connection& connection) {
-        connection.reply(request.target == "/" ? 302 : 200, "moved", "Location: /secret\r\n");
-        return true;
-    });
-    CurlUrlLoader loader(trusting(server));
-    EXPECT_EQ(get(loader, server.url("/")).status, 302);
-}
-
-TEST_F(UrlLoaderTest, connectionsAreKeptAndReplacedWhenTheServerClosedThem) {
+TEST_F(UrlLoaderTest, connectionsAreKeptAndReplacedAndRedirectsNotFollowed) {
     for (const bool kept : {true, false}) {
-        LocalTlsServer server([kept](const Request&, Connection& connection) {
-            connection.reply(200, "ok");
+        LocalTlsServer server([kept](const Request& request, Connection& connection) {
+            connection.reply(request.target == "/" ? 302 : 200, "moved", "Location: /secret\r\n");
             return kept;  // or closes without a word
         });
         CurlUrlLoader loader(trusting(server));
         for (int i = 0; i < 5; ++i)
-            EXPECT_TRUE(get(loader, server.url("/")).succeeded());
+            EXPECT_EQ(get(loader, server.url("/")).status, 302);
         EXPECT_EQ(server.handshakes(), kept ? 1 : 5);
         EXPECT_EQ(loader.connectionsOpened(), kept ? 1u : 5u);
     }
@@ -296,10 +285,7 @@ TEST_F(UrlLoaderTest, stopFailsWhatRunsAndWhatComes) {
     LocalTlsServer server(silence);
     CurlUrlLoader loader(trusting(server));
     BackgroundQueue queue(2);
-    std::vector<std::future<UrlReply>> blocked;
-    for (int i = 0; i < 12; ++i) {  // some run, some wait
-        blocked.push_back(std::async(std::launch::async, [&] { return get(loader, server.url("/"), 60s); }));
-    }
+    auto blocked = getMany(12, loader, server.url("/"), 60s);  // some run, some wait
     std::promise<UrlReply> asynchronous;
     loader.sendAsynchronously({.url = server.url("/")}, queue,
                               [&](UrlReply reply) { asynchronous.set_value(std::move(reply)); });

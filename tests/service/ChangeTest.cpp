@@ -155,6 +155,45 @@ TEST_F(ChangeTest, whatIsPutIntoOrWrittenToADeletedItemBringsItBack) {
     EXPECT_GT(known(outer.InternalName.view())->Tick, looped.Tick);
 }
 
+TEST_F(ChangeTest, aDeletedFolderSparesWhatOthersPutThere) {
+    const auto folder = one_.folder("folder");
+    ASSERT_EQ(send(one_, kJournalCreate, folder, ""), "1");
+    auto own = one_.file("own", "own");
+    own.ParrentId = folder.InternalName;
+    ASSERT_EQ(send(one_, kJournalCreate, own, "own"), "1:2");
+    auto old = one_.file("old", "old");
+    ASSERT_EQ(send(one_, kJournalCreate, old, "old"), "1:2");
+    auto inner = one_.folder("inner");
+    ASSERT_EQ(send(one_, kJournalCreate, inner, ""), "1");
+    const auto seen = *known(folder.InternalName.view());
+    for (auto* moved : {&old, &inner}) {
+        moved->ParrentId = folder.InternalName;
+        ASSERT_EQ(send(two_, kJournalRename, *moved, ""), "1");
+    }
+    const auto tick = known(inner.InternalName.view())->Tick;
+    EXPECT_EQ(send(one_, kJournalDelete, seen, ""), "9") << "as `one` sees it, the folder is empty";
+    EXPECT_EQ(tree(), "folder/\nfolder/inner/\nfolder/old=old");
+    for (const auto& spared : {folder, old, inner})
+        EXPECT_GT(known(spared.InternalName.view())->Tick, tick) << "`one` has taken it away already";
+    EXPECT_EQ(send(one_, kJournalDelete, *known(folder.InternalName.view()), ""), "1");
+}
+
+TEST_F(ChangeTest, aRepeatedUploadThatWasReplacedMakesNoCopy) {
+    auto file = one_.file("file", "first");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "first"), "1:2");
+    const auto seen = *known(file.InternalName.view());
+    ASSERT_EQ(send(two_, kJournalUpdate, Device::edited(seen, "second"), "second"), "1:2");
+    const auto tick = known(file.InternalName.view())->Tick;
+    EXPECT_EQ(send(one_, kJournalCreate, file, "first"), "1:2") << "the answer was lost";
+    EXPECT_EQ(tree(), "file=second");
+    EXPECT_GT(known(file.InternalName.view())->Tick, tick);
+    const auto empty = one_.file("empty", "");
+    ASSERT_EQ(send(one_, kJournalCreate, empty, ""), "1");
+    const auto first = known(empty.InternalName.view())->Tick;
+    EXPECT_EQ(send(one_, kJournalCreate, empty, ""), "1");
+    EXPECT_EQ(known(empty.InternalName.view())->Tick, first);
+}
+
 TEST_F(ChangeTest, devicesThatWriteAtOnceLoseNothing) {
     const auto shared = one_.file("shared", "base");
     ASSERT_EQ(send(one_, kJournalCreate, shared, "base"), "1:2");
@@ -205,6 +244,7 @@ TEST_F(ChangeTest, chunksAreTakenInOrderAndWhole) {
     EXPECT_EQ(code(1000, ""), "1");
     EXPECT_EQ(code(1000, bytes), "1") << "beyond the end";
     EXPECT_EQ(code(500, bytes.substr(500, 1000)), "0") << "from further back";
+    EXPECT_EQ(code(0, part(0)), "0") << "a late copy cuts nothing off";
     EXPECT_EQ(tree(), "") << "nothing half";
     EXPECT_EQ(code(1500, bytes.substr(1500)), "2");
     EXPECT_EQ(tree(), "file=...");

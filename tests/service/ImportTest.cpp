@@ -23,13 +23,12 @@ namespace {
 class ImportTest : public ServiceWorld {
   protected:
     ImportCounts import(const std::string& shareId) {
-        return importFolder(metadata(), data_->contents(), shareId, source_.path(),
-                            [this](const std::string& line) { reports_ += line + "\n"; });
+        return importFolder(metadata(), data_->contents(), shareId, source_.path(), report_);
     }
     /// Path and contents of every item, as an export shows them; folders end with a slash.
     std::map<std::string, std::string> tree() {
         const tarnwell::testing::TemporaryFolder target;
-        exportShare(metadata(), data_->contents(), docs_.id, target.path());
+        exportShare(metadata(), data_->contents(), docs_.id, target.path(), report_);
         std::map<std::string, std::string> out;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(target.path())) {
             const auto path = entry.path().string().substr(target.path().size() + 1);
@@ -43,6 +42,9 @@ class ImportTest : public ServiceWorld {
 
     tarnwell::testing::TemporaryFolder source_;
     std::string reports_;
+    const std::function<void(const std::string&)> report_ = [this](const std::string& line) {
+        reports_ += line + "\n";
+    };
 };
 
 TEST_F(ImportTest, keepsEveryNameThatCanBeKept) {
@@ -101,7 +103,7 @@ TEST_F(ImportTest, whatIsExportedIsWhatWasImported) {
     import(docs_.id);
 
     const tarnwell::testing::TemporaryFolder target;
-    const auto counts = exportShare(metadata(), data_->contents(), docs_.id, target.path());
+    const auto counts = exportShare(metadata(), data_->contents(), docs_.id, target.path(), report_);
     EXPECT_EQ(counts.files, 3);
     EXPECT_EQ(counts.folders, 2);
     const std::string command = "diff -r '" + source_.path() + "' '" + target.path() + "'";
@@ -113,14 +115,14 @@ TEST_F(ImportTest, whatIsExportedIsWhatWasImported) {
                   std::chrono::milliseconds(1))
             << name;
     }
-    EXPECT_THROW(exportShare(metadata(), data_->contents(), docs_.id, target.path()), ServiceError);
+    EXPECT_THROW(exportShare(metadata(), data_->contents(), docs_.id, target.path(), report_), ServiceError);
 }
 
 TEST_F(ImportTest, aFailedImportLeavesNothing) {
     source_.write("a", "a");
     source_.write("b/c", "c");
     EXPECT_THROW(import("no such share"), ServiceError);
-    const std::filesystem::recursive_directory_iterator blobs(folder_.path("data/contents"));
+    const std::filesystem::recursive_directory_iterator blobs(folder_.path("data/contents/blobs"));
     EXPECT_TRUE(
         std::none_of(begin(blobs), end(blobs), [](const auto& one) { return one.is_regular_file(); }));
     EXPECT_THROW(importFolder(metadata(), data_->contents(), docs_.id, source_.path("a"), [](const auto&) {}),

@@ -55,6 +55,16 @@ int __wrap_renameat2(int a, const char* from, int b, const char* to, unsigned fl
     mayEnd();
     return __real_renameat2(a, from, b, to, flags);
 }
+int __real_fsetxattr(int, const char*, const void*, size_t, int);
+int __wrap_fsetxattr(int file, const char* name, const void* value, size_t size, int flags) {
+    mayEnd();
+    return __real_fsetxattr(file, name, value, size, flags);
+}
+int __real_lsetxattr(const char*, const char*, const void*, size_t, int);
+int __wrap_lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags) {
+    mayEnd();
+    return __real_lsetxattr(path, name, value, size, flags);
+}
 int __real_unlink(const char*);
 int __wrap_unlink(const char* path) {
     mayEnd();
@@ -84,6 +94,15 @@ Tree treeOf(const TWMetadataStorage& store) {
     return tree;
 }
 
+/// With what the files say of themselves.
+void copyFolder(const std::string& from, const std::string& to) {
+    fs::copy(from, to, fs::copy_options::recursive);
+    for (const auto& entry : fs::recursive_directory_iterator(from)) {
+        const auto version = ContentVersion::of(entry.path().string());
+        ASSERT_EQ(version ? version->set(to + entry.path().string().substr(from.size())) : 0, 0);
+    }
+}
+
 void addKnown(JournalWorld& world) {
     world.known("fa", "a", "AAAA");
     world.known("fb", "b", "BB");
@@ -104,13 +123,13 @@ class KilledWorld : public JournalWorld {
                 file->IsFile ? bytesOf(layout.cachePathForFile(*file)) : "", file->IsFile};
         background.runAll();
         EXPECT_TRUE(store.persistence().save());
-        fs::copy(data(), pristine(), fs::copy_options::recursive);
+        copyFolder(data(), pristine());
     }
     [[nodiscard]] std::string data() const { return temporary.path("data"); }
     [[nodiscard]] std::string pristine() const { return temporary.path("pristine"); }
     void restore() const {
         fs::remove_all(data());
-        fs::copy(pristine(), data(), fs::copy_options::recursive);
+        copyFolder(pristine(), data());
     }
     RemoteTree remote;
 };

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/ContentVersion.h"
 #include "store/StorePersistence.h"
 #include "util/TWUtils.h"
 
@@ -20,9 +21,10 @@ namespace {
 
 const std::string kRoot = "/Share/";
 
-/// In two parts, as a program might.
-void writeFile(const std::string& path, const std::string& contents) {
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+/// In two parts, as a program might. What it is comes before what it holds.
+void writeFile(const std::string& path, const std::string& contents, const ContentVersion& version) {
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (version.set(file) != 0 || ::ftruncate(file, 0) != 0) throw std::runtime_error("cannot begin " + path);
     const std::size_t half = contents.size() / 2;
     if (::write(file, contents.data(), half) < 0 ||
         ::write(file, contents.data() + half, contents.size() - half) < 0) {
@@ -74,7 +76,7 @@ void JournalWorld::known(const std::string& id, const std::string& path, const c
     if (!contents) return;
     added->UploadName = "U" + id;
     added->DownloadDate = clock.now();
-    writeFile(layout.cachePathForFile(*added), contents);
+    writeFile(layout.cachePathForFile(*added), contents, ContentVersion::clean(added->UploadName.view()));
 }
 
 void JournalWorld::make(const std::string& path, bool isFolder) {
@@ -93,7 +95,7 @@ void JournalWorld::write(const std::string& path, const std::string& contents) {
         file->LocallyUpdated = true;
         store.markChanged(*file);
     }
-    writeFile(layout.cachePathForFile(*file), contents);
+    writeFile(layout.cachePathForFile(*file), contents, ContentVersion::edited(file->UploadName.view()));
     const auto change = store.beginLocalChange();
     setSize(*file, contents.size());
     file->LocallyUpdated = false;

@@ -49,7 +49,9 @@ TEST(RemoteFilesTest, mergesByRules) {
         world.store.addFileMetadata(stored);
         world.listener.changes.clear();
         if (c.downloading) world.listener.running = "Uf";
-        world.temporary.write("data/Tarnwell/Files/s/f", "bytes");
+        const auto cached = world.temporary.write("data/Tarnwell/Files/s/f", "bytes");
+        const std::string version = c.lastUploadName.empty() ? "Uf" : c.lastUploadName;
+        ASSERT_EQ(ContentVersion::clean(version).set(cached), 0);
 
         const auto incoming = StoreWorld::file("f", "s", "new", 10);
         incoming->UploadName = c.incomingUpload;

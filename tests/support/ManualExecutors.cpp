@@ -4,28 +4,6 @@
 
 namespace tarnwell::testing {
 
-void InlineExecutor::async(std::function<void()> task) {
-    std::unique_lock lock(mutex_);
-    tasks_.push_back(std::move(task));
-    if (running_) return;
-    running_ = true;
-    while (!tasks_.empty()) {
-        auto next = std::move(tasks_.front());
-        tasks_.pop_front();
-        lock.unlock();
-        try {
-            next();
-        } catch (...) {
-            lock.lock();
-            running_ = false;
-            throw;
-        }
-        next = nullptr;
-        lock.lock();
-    }
-    running_ = false;
-}
-
 void ManualExecutor::async(std::function<void()> task) {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));

@@ -10,19 +10,6 @@
 
 namespace tarnwell::testing {
 
-/// Runs a task at once on the calling thread; a task posted by a task runs after it, a task posted while
-/// another thread runs one is left to that thread. For code under test that does not care where its work
-/// happens.
-class InlineExecutor final : public Executor {
-  public:
-    void async(std::function<void()> task) override;
-
-  private:
-    std::mutex mutex_;
-    std::deque<std::function<void()>> tasks_;  // guarded by mutex_
-    bool running_ = false;                     // guarded by mutex_
-};
-
 /// Keeps tasks until the test runs them, on the test's thread. async() from any thread.
 /// An exception of a task reaches the test.
 class ManualExecutor final : public Executor {

@@ -30,27 +30,16 @@ class MemoryKeychain final : public Keychain {
     bool setPassword(std::string_view service, std::string_view account, std::string_view password) override {
         std::lock_guard lock(mutex_);
         passwords_[std::string(service)][std::string(account)] = password;
-        history_.push_back("set " + std::string(service) + " " + std::string(account) + " " +
-                           std::string(password));
         return true;
     }
     bool deletePassword(std::string_view service, std::string_view account) override {
         std::lock_guard lock(mutex_);
-        if (passwords_[std::string(service)].erase(std::string(account)) == 0) return false;
-        history_.push_back("delete " + std::string(service) + " " + std::string(account));
-        return true;
-    }
-
-    /// The changes made, in order: "set SERVICE ACCOUNT PASSWORD" and "delete SERVICE ACCOUNT".
-    [[nodiscard]] std::vector<std::string> history() const {
-        std::lock_guard lock(mutex_);
-        return history_;
+        return passwords_[std::string(service)].erase(std::string(account)) > 0;
     }
 
   private:
     mutable std::mutex mutex_;
     std::map<std::string, std::map<std::string, std::string>> passwords_;  // guarded by mutex_
-    std::vector<std::string> history_;                                     // guarded by mutex_
 };
 
 }  // namespace tarnwell::testing

@@ -155,13 +155,6 @@ ScriptedUrlLoader::Rule ScriptedUrlLoader::Rule::fail(std::string error) {
     return answer([error = std::move(error)](const UrlRequest&) { return failure(error); });
 }
 
-ScriptedUrlLoader::Rule ScriptedUrlLoader::Rule::cut(int status, std::string partOfBody) {
-    return answer([=](const UrlRequest&) {
-        return UrlReply{
-            .status = status, .error = "connection closed before the reply was whole", .body = partOfBody};
-    });
-}
-
 ScriptedUrlLoader::Rule ScriptedUrlLoader::Rule::answer(Answer answer) {
     std::lock_guard lock(state_->mutex);
     rule_->answer = std::move(answer);

@@ -46,8 +46,6 @@ class ScriptedUrlLoader final : public UrlLoader {
         Rule answer(std::function<UrlReply(const UrlRequest&)> answer);
         /// No reply came: status 0 and the transport error.
         Rule fail(std::string error);
-        /// The head and the first bytes of the reply came, then the connection was cut.
-        Rule cut(int status, std::string partOfBody);
         /// Answers this many requests, then older rules count again.
         Rule times(std::size_t count);
         /// Requests wait for release().

@@ -30,14 +30,11 @@ TEST(DatesTest, anythingElseIsTheDistantPast) {
     for (const std::string ending :
          {"", ".1Z", ".Z", ".1234567", "Zz", ".123+0100", ".123+24:00", ".12x4567Z"})
         EXPECT_EQ(NSDateFromNSString("2014-01-01T00:00:00" + ending), kDistantPast) << ending;
-    for (const std::string day :
-         {"2014-13-01", "2014-00-01", "2015-02-29", "0000-01-01", "2014-1-1", "12014-01-01"})
-        EXPECT_EQ(NSDateFromNSString(day + "T00:00:00Z"), kDistantPast) << day;
-    for (const std::string time : {"24:00:00", "00:60:00", "00:00:60", "-1:00:00"})
-        EXPECT_EQ(NSDateFromNSString("2014-01-01T" + time + "Z"), kDistantPast) << time;
-    for (const auto& text : {std::string("0001-01-01T00:00:00.000+01:00"), std::string("\xff\xff"),
-                             std::string("9999-12-31T23:59:59.999-01:00"), std::string(100000, '.')})
-        EXPECT_EQ(NSDateFromNSString(text), kDistantPast);
+    for (const std::string text :
+         {"2014-13-01T00:00:00Z", "2015-02-29T00:00:00Z", "0000-01-01T00:00:00Z", "12014-01-01T00:00:00Z",
+          "2014-01-01T24:00:00Z", "2014-01-01T00:00:60Z", "0001-01-01T00:00:00.000+01:00", "\xff\xff",
+          "9999-12-31T23:59:59.999-01:00"})
+        EXPECT_EQ(NSDateFromNSString(text), kDistantPast) << text;
 }
 
 TEST(DatesTest, writesMillisecondsCutAndReadsThemBack) {

