@@ -48,9 +48,9 @@ class DownloadEngine final : public DownloadScheduler {
     /// its last sign of life. REQUIRES: the caller does not hold the store's lock.
     [[nodiscard]] std::optional<std::string> downloadFileChunk(const TWVirtualFilePtr& file,
                                                                std::int64_t position, std::uint32_t size);
-    /// True when the present contents are cached (TWMetadataStorage::holdsContents()), for an empty file, and for a file whose name keeps it out of
-    /// synchronisation. Of the last kind those are excepted that the service has all the same: another
-    /// device's dot file can be read.
+    /// True when the present contents are cached (TWMetadataStorage::holdsContents()), for an empty file, and
+    /// for a file whose name keeps it out of synchronisation. Of the last kind those are excepted that the
+    /// service has all the same: another device's dot file can be read.
     [[nodiscard]] bool isFileDownloaded(const TWVirtualFile& file) const;
 
     // The queue

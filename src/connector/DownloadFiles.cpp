@@ -117,8 +117,7 @@ InstallResult installContents(TWMetadataStorage& store, const DownloadSource& so
     }
     if (store.holdsContents(*stored)) {
         ::unlink(path.c_str());
-    } else if (!store.makeRoomForContents(*stored) ||
-               ::rename(path.c_str(), source.cachePath.c_str()) != 0) {
+    } else if (!store.makeRoomForContents(*stored) || ::rename(path.c_str(), source.cachePath.c_str()) != 0) {
         TWLog(kLogMain, "Error: failed to move downloaded file %@ to the cache. Error %d", source.publicName,
               errno);
         return InstallResult::kFailed;

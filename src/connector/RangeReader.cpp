@@ -143,8 +143,7 @@ void RangeReader::keep(const DownloadSource& source, const std::string& bytes) {
     // Not the worker's partial file: that may be growing at this moment.
     const std::string path =
         appendPathComponent(environment_.store.layout().downloadsCachePath(), "whole-" + generateGUID());
-    const auto file =
-        std::make_shared<const FileDescriptor>(writeUnsynced(path, bytes, source.uploadName));
+    const auto file = std::make_shared<const FileDescriptor>(writeUnsynced(path, bytes, source.uploadName));
     if (!*file) return;
     if (installContents(environment_.store, source, path) != InstallResult::kInstalled) {
         ::unlink(path.c_str());

@@ -24,9 +24,10 @@ class TaskGate;
 /// The drive's reads of contents that are not in the cache: one range at once, without waiting for the queue.
 ///
 /// A small file is fetched whole, once however many readers ask, and is in the cache when they are answered;
-/// the sync, without which it does not count beyond this run, follows in the background. Of a larger one exactly the range is
-/// fetched, and the whole file is queued for the worker. A sequential reader follows the worker where that
-/// one is, or is about to be, so that the bytes come over the link once; elsewhere it is asked ahead for.
+/// the sync, without which it does not count beyond this run, follows in the background. Of a larger one
+/// exactly the range is fetched, and the whole file is queued for the worker. A sequential reader follows the
+/// worker where that one is, or is about to be, so that the bytes come over the link once; elsewhere it is
+/// asked ahead for.
 ///
 /// A gateway that let a reader wait for the whole time-out is not asked again for a few seconds, so that a
 /// program that reads on does not wait at every block. One that refuses at once costs nothing and is asked

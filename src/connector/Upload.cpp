@@ -88,9 +88,8 @@ void Upload::begin() {
 bool Upload::openCopy() {
     if (file_->UploadName.empty()) return true;
     auto& store = context_.environment.store;
-    auto source = openUploadFileForReading(store, entry_, [this] {
-        return context_.gate.closed() || context_.environment.store.terminating();
-    });
+    auto source = openUploadFileForReading(
+        store, entry_, [this] { return context_.gate.closed() || context_.environment.store.terminating(); });
     struct stat status = {};
     if (source.state == UploadSource::State::kOpen && ::fstat(source.file.get(), &status) != 0) {
         source.state = UploadSource::State::kUnreadable;

@@ -58,8 +58,8 @@ UploadSource copyAgain(TWMetadataStorage& store, const LocalJournalPtr& entry, c
     if (!problem) {
         const auto lock = store.beginReadStorage();
         // What changed it is journalled in its turn.
-        const bool whole = !result.sourceChanged && store.isStillVersion(cached, file.InternalName.view(),
-                                                                         file.UploadName.view());
+        const bool whole = !result.sourceChanged &&
+                           store.isStillVersion(cached, file.InternalName.view(), file.UploadName.view());
         if (!whole) problem = std::make_error_code(std::errc::resource_unavailable_try_again);
     }
     if (!problem) {

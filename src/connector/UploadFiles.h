@@ -34,8 +34,8 @@ struct UploadSource {
 };
 
 /// Opens the upload copy of an entry. A copy that is gone is made again from the cached contents, where these
-/// are that version (ContentVersion). Blocks on the disk, without the store's lock. REQUIRES: the entry's file
-/// has an upload name.
+/// are that version (ContentVersion). Blocks on the disk, without the store's lock. REQUIRES: the entry's
+/// file has an upload name.
 [[nodiscard]] UploadSource openUploadFileForReading(TWMetadataStorage& store, const LocalJournalPtr& entry,
                                                     const std::function<bool()>& stopped);
 

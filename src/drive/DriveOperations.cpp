@@ -232,8 +232,8 @@ ErrnoOr<DriveOperations::OpenFile> DriveOperations::open(std::uint64_t node, int
         const auto removed = place ? nullptr : removedFile(node);
         if (!place && !removed) return Errno{place.error()};
         // What was removed while it was open can be opened once more.
-        auto opened = removed ? removed->reopen(flags, caller)
-                              : fileSystem_->openItem(place->path, flags, caller);
+        auto opened =
+            removed ? removed->reopen(flags, caller) : fileSystem_->openItem(place->path, flags, caller);
         if (!opened) return Errno{opened.error()};
         const auto userData = *opened;
         result = addFile(node, userData, changes, place && place->identity.isSpecial());

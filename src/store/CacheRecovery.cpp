@@ -77,8 +77,8 @@ void CacheRecovery::run(bool damaged) {
         if (share) walk(it->path().native(), *share);
     }
     TWLog(kLogMain,
-          "Compared %d cache files with their records: %d removed, %d to be journalled, %d put aside.", files_,
-          dropped_, journalled_, kept_);
+          "Compared %d cache files with their records: %d removed, %d to be journalled, %d put aside.",
+          files_, dropped_, journalled_, kept_);
     writeState(again_ ? State::kAgain : State::kDone);
 }
 
@@ -165,7 +165,8 @@ void CacheRecovery::apply(Action action, const std::string& path, TWVirtualFile&
             break;
         case Action::kJournal:
             ++journalled_;
-            TWLog(kLogMain, "Warning! %@ was changed here, and the journal does not know of it.", file.FullPath);
+            TWLog(kLogMain, "Warning! %@ was changed here, and the journal does not know of it.",
+                  file.FullPath);
             file.LocallyUpdated = true;
             store_.markChanged(file);
             break;
@@ -185,7 +186,8 @@ void CacheRecovery::apply(Action action, const std::string& path, TWVirtualFile&
                 again_ = true;
             break;
     }
-    if (error != 0) TWLog(kLogMain, "Warning! Cannot settle cache file %@ : error %@", path, std::strerror(error));
+    if (error != 0)
+        TWLog(kLogMain, "Warning! Cannot settle cache file %@ : error %@", path, std::strerror(error));
 }
 
 void CacheRecovery::writeState(State state) {
@@ -201,8 +203,7 @@ void CacheRecovery::writeState(State state) {
         ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     const std::string_view text = state == State::kDone ? kDone : kAgain;
     const bool written = file &&
-                         ::write(file.get(), text.data(), text.size()) ==
-                             static_cast<ssize_t>(text.size()) &&
+                         ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
                          ::fsync(file.get()) == 0 && ::rename(next.c_str(), statePath_.c_str()) == 0;
     if (written)
         state_ = state;

@@ -14,9 +14,9 @@ namespace tarnwell {
 
 class TWMetadataStorage;
 
-/// Compares the cache with the records after the store was loaded and the change log was replayed, and settles
-/// what the end of the last run left between the two: bytes of another version go, edits that the journal does
-/// not know are journalled, unsent bytes that no record stands for go to the kept files.
+/// Compares the cache with the records after the store was loaded and the change log was replayed, and
+/// settles what the end of the last run left between the two: bytes of another version go, edits that the
+/// journal does not know are journalled, unsent bytes that no record stands for go to the kept files.
 ///
 /// Walks the cache folders: once per file an attribute and a look at the record. Needed only when the last
 /// run ended unexpectedly, when records were lost, and once for a cache from before files carried their
@@ -27,7 +27,8 @@ class CacheRecovery {
   public:
     explicit CacheRecovery(TWMetadataStorage& store);
 
-    /// Also after a clean end: a cache whose files carry no versions yet, or a walk that could not settle all.
+    /// Also after a clean end: a cache whose files carry no versions yet, or a walk that could not settle
+    /// all.
     [[nodiscard]] bool isDue() const { return state_ != State::kDone; }
     /// `damaged`: records or entries may be missing that were saved or logged before.
     void run(bool damaged);
@@ -36,15 +37,15 @@ class CacheRecovery {
     struct Case {
         std::optional<ContentVersion> version;
         std::int64_t size = 0;
-        SharedString uploadName;       ///< of the record, as all below
+        SharedString uploadName;  ///< of the record, as all below
         std::int64_t recordSize = 0;
-        bool marked = false;           ///< `LocallyUpdated`
-        bool takesNoPart = false;      ///< by its name
-        bool onServer = true;          ///< it has an `UploadUrl`
-        bool pending = false;          ///< these contents wait to be sent
-        bool pendingOther = false;     ///< contents wait to be sent, these or others
-        bool damaged = false;          ///< as run() was told
-        bool migrating = false;        ///< the cache is from before files carried their version
+        bool marked = false;        ///< `LocallyUpdated`
+        bool takesNoPart = false;   ///< by its name
+        bool onServer = true;       ///< it has an `UploadUrl`
+        bool pending = false;       ///< these contents wait to be sent
+        bool pendingOther = false;  ///< contents wait to be sent, these or others
+        bool damaged = false;       ///< as run() was told
+        bool migrating = false;     ///< the cache is from before files carried their version
     };
     enum class Action {
         kLeave,

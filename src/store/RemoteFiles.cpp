@@ -128,9 +128,8 @@ bool RemoteChanges::FilesMerge::hasCacheFile(const TWVirtualFile& file) {
 void RemoteChanges::FilesMerge::releaseContents(const TWVirtualFile& file,
                                                 const std::optional<ContentVersion>& version) {
     const bool isOnlyHere = version && version->isEdited();
-    if (isOnlyHere &&
-        store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
-                               "the service has newer contents of the file") != 0) {
+    if (isOnlyHere && store_.keptFiles_.keep(file, store_.layout().cachePathForFile(file),
+                                             "the service has newer contents of the file") != 0) {
         return;
     }
     store_.deleteFileDataLater(file);

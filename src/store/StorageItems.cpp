@@ -283,8 +283,8 @@ bool TWMetadataStorage::holdsContents(const TWVirtualFile& file) const {
 bool TWMetadataStorage::hasWholeContents(const TWVirtualFile& file) const {
     if (file.size() == 0) return true;
     struct stat status {};
-    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 &&
-           status.st_size == file.size() && holdsContents(file);
+    return ::lstat(layout().cachePathForFile(file).c_str(), &status) == 0 && status.st_size == file.size() &&
+           holdsContents(file);
 }
 
 OwnedDescriptor TWMetadataStorage::openVersion(std::string_view internalName, std::string_view uploadName,

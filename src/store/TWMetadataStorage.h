@@ -192,8 +192,8 @@ class TWMetadataStorage {
     /// As exchangeCachedFiles(); the attribute files stay.
     bool exchangeCachedContents(const TWVirtualFile& a, const TWVirtualFile& b);
     /// The cache holds the file's present contents, and they say so themselves (ContentVersion): those of its
-    /// `UploadName`, or what the user made of them. True for an empty file. Whoever serves, sends or exchanges
-    /// cached bytes asks this; that a cache file exists means nothing. REQUIRES LOCK.
+    /// `UploadName`, or what the user made of them. True for an empty file. Whoever serves, sends or
+    /// exchanges cached bytes asks this; that a cache file exists means nothing. REQUIRES LOCK.
     [[nodiscard]] bool holdsContents(const TWVirtualFile& file) const;
     /// As holdsContents(), and they are as many as the record says. REQUIRES LOCK.
     [[nodiscard]] bool hasWholeContents(const TWVirtualFile& file) const;
@@ -213,8 +213,8 @@ class TWMetadataStorage {
     /// Before fetched contents take the place of what is there and is not the record's version: unsent bytes
     /// are put aside. False when that failed. REQUIRES LOCK.
     bool makeRoomForContents(const TWVirtualFile& file);
-    /// The cached bytes are the user's own, from the contents that the record names: what was another version,
-    /// exactly, is about to get a name of its own. REQUIRES LOCK.
+    /// The cached bytes are the user's own, from the contents that the record names: what was another
+    /// version, exactly, is about to get a name of its own. REQUIRES LOCK.
     void stampEdited(const TWVirtualFile& file) const;
     /// Whether a program has the file open on the drive. REQUIRES LOCK.
     [[nodiscard]] bool isOpen(std::string_view internalName) const;

@@ -45,8 +45,8 @@ fuse_entry_param entryOf(ForgetfulDisk& disk, Id id) {
     return entry;
 }
 
-/// One request: holds the mutex, counts the call and answers a fault. `call` returns 0 after it replied, or the
-/// errno to reply.
+/// One request: holds the mutex, counts the call and answers a fault. `call` returns 0 after it replied, or
+/// the errno to reply.
 template <class Call>
 void serve(fuse_req_t request, const char* name, Id id, Call call) {
     auto& mount = *static_cast<DiskMount*>(fuse_req_userdata(request));
@@ -290,7 +290,8 @@ void readdir(fuse_req_t request, fuse_ino_t id, std::size_t most, off_t offset, 
         for (auto at = static_cast<std::size_t>(offset); at < listing.size(); ++at) {
             struct stat status {};
             status.st_ino = listing[at].second;
-            if (const auto* file = mount.disk.file(listing[at].second)) status.st_mode = file->attributes.mode;
+            if (const auto* file = mount.disk.file(listing[at].second))
+                status.st_mode = file->attributes.mode;
             const auto length =
                 fuse_add_direntry(request, buffer.data() + used, most - used, listing[at].first.c_str(),
                                   &status, static_cast<off_t>(at + 1));

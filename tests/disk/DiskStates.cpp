@@ -43,7 +43,8 @@ std::map<std::string, std::string> extendedAttributesOf(const std::string& path)
 /// A descriptor of its own for the time of one function.
 class OpenFile {
   public:
-    OpenFile(const std::string& path, int flags) : descriptor_(::open(path.c_str(), flags | O_CLOEXEC, 0600)) {
+    OpenFile(const std::string& path, int flags)
+        : descriptor_(::open(path.c_str(), flags | O_CLOEXEC, 0600)) {
         if (descriptor_ < 0) fail(path);
     }
     ~OpenFile() { ::close(descriptor_); }
@@ -78,8 +79,8 @@ void ForgetfulDisk::takeOver(const std::string& folder) {
     commitFirst(journal_.size());
 }
 
-void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path, const std::map<std::string, Id>& numbers,
-                                   std::map<Id, Id>& taken) {
+void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path,
+                                   const std::map<std::string, Id>& numbers, std::map<Id, Id>& taken) {
     for (const auto& item : fs::directory_iterator(path)) {
         const std::string source = item.path().string();
         const std::string name = item.path().filename().string();
@@ -103,7 +104,8 @@ void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path, const std
             const OpenFile in(source, O_RDONLY);
             std::string bytes(1 << 20, '\0');
             std::int64_t at = 0;
-            for (ssize_t count = 0; (count = ::pread(in.get(), bytes.data(), bytes.size(), at)) > 0; at += count)
+            for (ssize_t count = 0; (count = ::pread(in.get(), bytes.data(), bytes.size(), at)) > 0;
+                 at += count)
                 write(id, at, std::string_view(bytes).substr(0, static_cast<std::size_t>(count)));
             taken.contents.sync();
         }
@@ -137,7 +139,8 @@ void ForgetfulDisk::writeFolder(Id folder, const std::string& top, const std::st
         } else if (S_ISREG(attributes.mode)) {
             const OpenFile out(target, O_WRONLY | O_CREAT | O_EXCL);
             const auto page = [&](std::int64_t offset, std::string_view bytes) {
-                if (::pwrite(out.get(), bytes.data(), bytes.size(), offset) != std::ssize(bytes)) fail(target);
+                if (::pwrite(out.get(), bytes.data(), bytes.size(), offset) != std::ssize(bytes))
+                    fail(target);
             };
             if (durable) {
                 entry.contents.eachDurablePage(page);
@@ -166,8 +169,9 @@ void ForgetfulDisk::writeCut(std::uint64_t seed, const std::string& folder) cons
     const Keep names = pick();
     const bool anyContents = random() % 3 == 0;
     const Keep contents = pick();
-    const std::size_t count =
-        names == Keep::kAll ? journal_.size() : names == Keep::kNothing ? 0 : random() % (journal_.size() + 1);
+    const std::size_t count = names == Keep::kAll       ? journal_.size()
+                              : names == Keep::kNothing ? 0
+                                                        : random() % (journal_.size() + 1);
     if (mode_ == Mode::kOrdered || names != Keep::kAny) {
         after.commitFirst(count);
     } else {

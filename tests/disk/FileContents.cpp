@@ -188,9 +188,9 @@ void FileContents::cut(Random& random, Keep keep, std::uint64_t position) {
         // Sectors are what a disk writes whole.
         if (keep == Keep::kAny && page && random() % 8 == 0) {
             const auto old = durable_.find(index);
-            const auto before = chosen > 1                ? versions[chosen - 2].value
+            const auto before = chosen > 1              ? versions[chosen - 2].value
                                 : old == durable_.end() ? nullptr
-                                                          : old->second;
+                                                        : old->second;
             const auto torn = static_cast<std::size_t>(random() % (kPage / kSector) * kSector);
             auto mixed = std::make_shared<std::string>(before ? *before : std::string(kPage, '\0'));
             mixed->replace(0, torn, *page, 0, torn);

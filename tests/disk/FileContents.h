@@ -10,11 +10,11 @@
 
 namespace tarnwell::testing {
 
-/// The bytes of one file behind a disk cache: what programs see now, what is durable, and the versions of each
-/// page in between. A power cut leaves of each page any one of its versions since the last sync, whatever
-/// became of the other pages; a truncation is part of the metadata, and the versions that follow it exist on the
-/// disk only when it does. Growth and new blocks are metadata as well: they become durable in the order of the
-/// metadata journal, so each version notes its position there.
+/// The bytes of one file behind a disk cache: what programs see now, what is durable, and the versions of
+/// each page in between. A power cut leaves of each page any one of its versions since the last sync,
+/// whatever became of the other pages; a truncation is part of the metadata, and the versions that follow it
+/// exist on the disk only when it does. Growth and new blocks are metadata as well: they become durable in
+/// the order of the metadata journal, so each version notes its position there.
 ///
 /// Not thread-safe. Copies are cheap: pages are shared.
 class FileContents {
@@ -42,8 +42,8 @@ class FileContents {
 
     /// Everything is durable.
     void sync();
-    /// A sync that failed: the cache takes the pages for clean, the disk has the old ones, and a later sync does
-    /// not write them.
+    /// A sync that failed: the cache takes the pages for clean, the disk has the old ones, and a later sync
+    /// does not write them.
     void loseUnsynced();
     /// The truncation and those before it are durable.
     void commitTruncation(std::uint64_t number);

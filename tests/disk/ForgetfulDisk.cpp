@@ -64,7 +64,10 @@ ForgetfulDisk::Id ForgetfulDisk::create(Id folder, std::string_view name, mode_t
     made.links = 1;
     made.parent = S_ISDIR(mode) ? folder : 0;
     made.target = std::move(target);
-    note({.entries = {{folder, std::string(name), id}}, .created = id, .file = id, .attributes = made.attributes});
+    note({.entries = {{folder, std::string(name), id}},
+          .created = id,
+          .file = id,
+          .attributes = made.attributes});
     files_.emplace(id, std::move(made));
     parent->entries[std::string(name)] = id;
     parent->attributes.modified = parent->changed = now();
@@ -228,7 +231,8 @@ void ForgetfulDisk::sweep() {
         for (const auto& entry : operation.entries)
             known.insert({entry.folder, entry.id});
     }
-    std::erase_if(files_, [&](const auto& each) { return each.second.isGone && !known.contains(each.first); });
+    std::erase_if(files_,
+                  [&](const auto& each) { return each.second.isGone && !known.contains(each.first); });
 }
 
 // The metadata journal

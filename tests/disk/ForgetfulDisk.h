@@ -23,10 +23,11 @@ namespace tarnwell::testing {
 ///
 /// | | kOrdered | kHostile |
 /// |---|---|---|
-/// | fsync of a file | the journal up to the last operation on this file, all of it when the file grew | its attributes |
-/// | fdatasync of a file | the same without changes of attributes and names | nothing |
-/// | fsync of a folder | the journal up to the last operation in this folder | the operations in it |
-/// | cut | a prefix of the journal; nothing of a file's growth after its end | any operations, each with those that it builds on |
+/// | fsync of a file | the journal up to the last operation on this file, all of it when the file grew | its
+/// attributes | | fdatasync of a file | the same without changes of attributes and names | nothing | | fsync
+/// of a folder | the journal up to the last operation in this folder | the operations in it | | cut | a
+/// prefix of the journal; nothing of a file's growth after its end | any operations, each with those that it
+/// builds on |
 ///
 /// kOrdered is what journalling file systems keep, without their courtesies: a new file that replaces another
 /// may be empty after the cut although the replacement was kept. kHostile is what the standard leaves open.
@@ -64,7 +65,8 @@ class ForgetfulDisk {
     [[nodiscard]] File* file(Id id);
     [[nodiscard]] Id lookUp(Id folder, std::string_view name);
     /// The id, or 0 and `error`. `number`: the id to give, 0 for the next.
-    Id create(Id folder, std::string_view name, mode_t mode, int& error, std::string target = {}, Id number = 0);
+    Id create(Id folder, std::string_view name, mode_t mode, int& error, std::string target = {},
+              Id number = 0);
     int link(Id id, Id folder, std::string_view name);
     int remove(Id folder, std::string_view name, bool isFolder);
     int rename(Id from, std::string_view name, Id to, std::string_view newName, unsigned flags);
@@ -87,8 +89,8 @@ class ForgetfulDisk {
     /// Takes the files of FOLDER/state over, as durable, with the numbers that FOLDER/files gives them.
     void takeOver(const std::string& folder);
     /// Writes one state that a power cut at this moment may leave into a new real folder: the files as
-    /// FOLDER/state, their numbers as FOLDER/files, by which a disk that takes them over knows second names and
-    /// keeps inode numbers. The same seed and history give the same state.
+    /// FOLDER/state, their numbers as FOLDER/files, by which a disk that takes them over knows second names
+    /// and keeps inode numbers. The same seed and history give the same state.
     void writeCut(std::uint64_t seed, const std::string& folder) const;
     /// Writes what programs see now: nothing is lost when they are killed.
     void writeNow(const std::string& folder) const;

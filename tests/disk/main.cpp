@@ -3,7 +3,8 @@
 // Mounts a disk that can lose what was not synced. FOLDER, as a cut writes it, is what the disk holds at the
 // beginning, as durable. SOCKET takes lines and answers each with one line, "ok ..." or "error ...":
 //
-//   cut SEED FOLDER              writes one state that a power cut may leave now: FOLDER/state, FOLDER/files with
+//   cut SEED FOLDER              writes one state that a power cut may leave now: FOLDER/state, FOLDER/files
+//   with
 //                                the numbers of the files, and the moment as FOLDER/time
 //   keep FOLDER                  the same with nothing lost
 //   syncs FOLDER EVERY SEED MOST writes FOLDER/0, FOLDER/1 ... so, before each EVERYth sync from now
