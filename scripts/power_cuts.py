@@ -474,10 +474,10 @@ def main():
         say("skipped: needs /dev/fuse and the right to unmount")
         return 77
     begun, done, failed, seed = time.monotonic(), 0, [], options.seed
-    lives = 0
+    lives, end = 0, begun + options.seconds
     if options.pairs:
         return every_pair(options)
-    while done < options.points:
+    while done < options.points and time.monotonic() < end:
         points, states, right = one_seed(options, seed, options.points - done, end)
         done += max(points + states, 1)
         lives += points

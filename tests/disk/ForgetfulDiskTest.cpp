@@ -35,7 +35,7 @@ class ForgetfulDiskTest : public ::testing::Test {
     /// What `describe` says of the states of many cuts.
     std::set<std::string> states(const std::function<std::string(const TemporaryFolder&)>& describe) const {
         std::set<std::string> found;
-        for (std::uint64_t seed = 0; seed < 60; ++seed) {
+        for (std::uint64_t seed = 0; seed < 150; ++seed) {
             const TemporaryFolder folder;
             disk.writeCut(seed, folder.path());
             found.insert(describe(folder));
