@@ -95,9 +95,9 @@ class ContentStore {
     static constexpr unsigned kSlices = 256;
     /// The names in one slice of the store that were given at least `age` ago.
     virtual std::vector<std::string> namesOlderThan(std::chrono::seconds age, unsigned slice) = 0;
-    /// Removes those that `isNamed` denies, unless somebody holds. The number removed.
-    virtual int sweep(std::chrono::seconds age, unsigned slice,
-                      const std::function<bool(const std::string&)>& isNamed) = 0;
+    /// Removes those of them that `straysOf` gives back, unless somebody holds. The number removed.
+    using StraysOf = std::function<std::vector<std::string>(std::vector<std::string>)>;
+    virtual int sweep(std::chrono::seconds age, unsigned slice, const StraysOf& straysOf) = 0;
     /// Takes contents out of the store without deleting them.
     virtual void setAside(std::string_view uploadName) = 0;
 };

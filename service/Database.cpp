@@ -66,7 +66,7 @@ Database::Database(const std::string& path, std::atomic<bool>* damaged) : damage
         // FULL: what a client was told to be stored is on the disk, also after a power cut.
         execute(
             "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;"
-            "PRAGMA cache_size=-16000; PRAGMA temp_store=MEMORY;");
+            "PRAGMA cache_size=-16000; PRAGMA temp_store=MEMORY; PRAGMA journal_size_limit=16777216;");
     } catch (...) {
         sqlite3_close(handle_);
         throw;

@@ -26,6 +26,7 @@ DiskReserve::Disk DiskReserve::disk() const noexcept {
     struct statvfs disk {};
     if (::statvfs(path_.parent_path().c_str(), &disk) != 0) return {0, 0, 0};
     const auto unit = static_cast<std::int64_t>(disk.f_frsize);
+    // Also for the superuser: of what the file system keeps back, a part is for nobody.
     struct stat status {};
     const bool there = ::lstat(path_.c_str(), &status) == 0;
     return {static_cast<std::int64_t>(disk.f_bavail) * unit,
@@ -35,14 +36,17 @@ DiskReserve::Disk DiskReserve::disk() const noexcept {
 
 void DiskReserve::adjust() noexcept {
     const auto now = disk();
-    const bool give = now.held > 0 && now.free < now.wanted / 4;
+    const std::int64_t part = now.wanted / 8;
+    const bool give = now.held > 0 && now.free < part;
     const bool take = now.held < now.wanted && now.free > 2 * now.wanted;
     if (!give && !take) return;
     const FileDescriptor file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) return;
-    // Failures leave less reserve, which missing() tells.
+    // In parts: whoever filled the disk may take what is freed. Failures leave less reserve, which missing()
+    // tells.
     [[maybe_unused]] const int done =
-        give ? ::ftruncate(file.get(), 0) : ::fallocate(file.get(), 0, 0, static_cast<off_t>(now.wanted));
+        give ? ::ftruncate(file.get(), static_cast<off_t>(std::max<std::int64_t>(0, now.held - part)))
+             : ::fallocate(file.get(), 0, 0, static_cast<off_t>(now.wanted));
 }
 
 std::int64_t DiskReserve::missing() const noexcept {

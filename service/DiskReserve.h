@@ -15,8 +15,8 @@ class DiskReserve {
   public:
     explicit DiskReserve(const std::filesystem::path& folder);
 
-    /// Frees the reserve when the disk is nearly full, and takes it again when there is room. Cheap: before
-    /// every write transaction.
+    /// Frees a part of the reserve when the disk is nearly full, and takes it again when there is room.
+    /// Cheap: before every write transaction.
     void adjust() noexcept;
     /// What the reserve lacks of its size: uploads have to leave that much.
     [[nodiscard]] std::int64_t missing() const noexcept;

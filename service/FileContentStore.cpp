@@ -303,18 +303,14 @@ std::vector<std::string> FileContentStore::namesOlderThan(std::chrono::seconds a
     return names;
 }
 
-int FileContentStore::sweep(std::chrono::seconds age, unsigned slice,
-                            const std::function<bool(const std::string&)>& isNamed) {
+int FileContentStore::sweep(std::chrono::seconds age, unsigned slice, const StraysOf& straysOf) {
     const FileDescriptor lock(::open((folder_ / "holds").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!lock) fail("cannot open the lock of the store", errno);
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return 0;
-    int count = 0;
-    for (const auto& name : namesOlderThan(age, slice)) {
-        if (isNamed(name)) continue;
+    const auto strays = straysOf(namesOlderThan(age, slice));
+    for (const auto& name : strays)
         remove(name);
-        ++count;
-    }
-    return count;
+    return static_cast<int>(strays.size());
 }
 
 void FileContentStore::setAside(std::string_view uploadName) {

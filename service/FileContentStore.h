@@ -25,8 +25,7 @@ class FileContentStore final : public ContentStore {
     std::int64_t freeBytes() override;
     void dropUnfinished(std::chrono::seconds age) override;
     std::vector<std::string> namesOlderThan(std::chrono::seconds age, unsigned slice) override;
-    int sweep(std::chrono::seconds age, unsigned slice,
-              const std::function<bool(const std::string&)>& isNamed) override;
+    int sweep(std::chrono::seconds age, unsigned slice, const StraysOf& straysOf) override;
     void setAside(std::string_view uploadName) override;
 
   private:

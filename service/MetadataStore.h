@@ -210,11 +210,14 @@ class MetadataStore {
                                                            std::int32_t take,
                                                            const std::string& uploadUrl) = 0;
     virtual std::optional<ContentsInfo> contents(std::string_view uploadName) = 0;
-    /// Whether anything names these contents, without trusting an index. Slow: reads all.
-    virtual bool namesContents(std::string_view uploadName) = 0;
+    /// Those of the names that are no contents' name and that no item has. An index alone is not trusted for
+    /// that: reads all when there seem to be any.
+    virtual std::vector<std::string> unnamedContents(std::vector<std::string> names) = 0;
     /// Looks through the whole store for damage; what was found, if anything. After that, and after damage
     /// that was met by chance, every change is refused with DamagedError. Reading goes on.
     virtual std::vector<std::string> faults() = 0;
+    /// Whether damage was found: what is not found here may exist all the same.
+    [[nodiscard]] virtual bool damaged() const = 0;
 
     enum class Durability {
         powerLoss,  ///< on the disk on return

@@ -141,15 +141,15 @@ void restoreDatabase(const fs::path& folder, const fs::path& copy, std::ostream&
     syncPath(folder);
 
     const ServiceData data(folder);
-    int unclaimed = 0;
+    std::vector<std::string> names;
     for (unsigned slice = 0; slice < ContentStore::kSlices; ++slice) {
-        for (const auto& name : data.contents().namesOlderThan(std::chrono::seconds(0), slice)) {
-            if (data.metadata().contents(name)) continue;
-            data.contents().setAside(name);
-            ++unclaimed;
-        }
+        const auto some = data.contents().namesOlderThan(std::chrono::seconds(0), slice);
+        names.insert(names.end(), some.begin(), some.end());
     }
-    out << "restored " << data.metadata().shares().size() << " shares; " << unclaimed
+    const auto unclaimed = data.metadata().unnamedContents(std::move(names));
+    for (const auto& name : unclaimed)
+        data.contents().setAside(name);
+    out << "restored " << data.metadata().shares().size() << " shares; " << unclaimed.size()
         << " contents that they do not name are in contents/unclaimed\n";
 }
 

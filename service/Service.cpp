@@ -59,6 +59,7 @@ bool ServiceData::updateCertificates() const {
 }
 
 int ServiceData::dropOldContents(std::chrono::hours age) const {
+    if (metadata_->damaged()) return 0;
     int count = 0;
     const Date before = std::chrono::floor<TickDuration>(std::chrono::system_clock::now() - age);
     for (;;) {
@@ -70,17 +71,20 @@ int ServiceData::dropOldContents(std::chrono::hours age) const {
         count += static_cast<int>(names.size());
         if (names.size() < kDropAtOnce) break;
     }
-    metadata_->dropTransfers(before);
-    metadata_->dropLinks(before - std::chrono::days(7));
-    contents_->dropUnfinished(std::max<std::chrono::seconds>(age, std::chrono::hours(24)));
+    // Uploads under way are no former contents.
+    const auto day = std::max<std::chrono::seconds>(age, std::chrono::hours(24));
+    const Date dayBefore = std::chrono::floor<TickDuration>(std::chrono::system_clock::now() - day);
+    metadata_->dropTransfers(dayBefore);
+    metadata_->dropLinks(dayBefore - std::chrono::days(7));
+    contents_->dropUnfinished(day);
     return count;
 }
 
 void ServiceData::dropStrayContents(unsigned slice) const {
-    // Whoever writes contents holds the store until their item is stored, and a day is beyond doubt. An index
-    // that is damaged must not cost contents: the tables themselves are read.
-    contents_->sweep(std::chrono::hours(24), slice, [this](const std::string& name) {
-        return metadata_->contents(name) || metadata_->namesContents(name);
+    if (metadata_->damaged()) return;
+    // Whoever writes contents holds the store until their item is stored, and a day is beyond doubt.
+    contents_->sweep(std::chrono::hours(24), slice, [this](std::vector<std::string> names) {
+        return metadata_->unnamedContents(std::move(names));
     });
 }
 

@@ -1,7 +1,10 @@
 #include "service/SqliteMetadataStore.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "service/FileDescriptor.h"
 #include "service/Names.h"
 #include "service/Schema.h"
 #include "service/Secrets.h"
@@ -78,6 +81,7 @@ SqliteMetadataStore::SqliteMetadataStore(std::string path, std::function<void()>
     try {
         writer_ = std::make_unique<Database>(path_, &damaged_);
         migrateSchema(*writer_);
+        syncRecovered();
     } catch (...) {
         ::umask(mask);
         throw;
@@ -86,6 +90,11 @@ SqliteMetadataStore::SqliteMetadataStore(std::string path, std::function<void()>
 }
 
 SqliteMetadataStore::~SqliteMetadataStore() = default;
+
+void SqliteMetadataStore::syncRecovered() const {
+    const FileDescriptor log(::open((path_ + "-wal").c_str(), O_RDONLY | O_CLOEXEC));
+    if (log && ::fdatasync(log.get()) != 0) throw ServiceError("cannot sync the log of " + path_);
+}
 
 std::vector<std::string> SqliteMetadataStore::faults() {
     std::vector<std::string> found;

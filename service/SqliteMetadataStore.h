@@ -62,8 +62,9 @@ class SqliteMetadataStore final : public MetadataStore {
     std::optional<OSXCatchUpResponse> changesSince(const std::string& shareId, std::int32_t from,
                                                    std::int32_t take, const std::string& uploadUrl) override;
     std::optional<ContentsInfo> contents(std::string_view uploadName) override;
-    bool namesContents(std::string_view uploadName) override;
+    std::vector<std::string> unnamedContents(std::vector<std::string> names) override;
     std::vector<std::string> faults() override;
+    [[nodiscard]] bool damaged() const override { return damaged_; }
     void change(const std::string& shareId, const std::function<void(ShareChange&)>& work,
                 Durability durability) override;
     void view(const std::string& shareId, const std::function<void(ShareView&)>& work) override;
@@ -110,6 +111,10 @@ class SqliteMetadataStore final : public MetadataStore {
         std::unique_lock<std::mutex> lock_;
         Database& connection_;
     };
+
+    /// A process that was killed may have committed what its sync never took to the disk; readers see it, and
+    /// repeated requests are answered from it.
+    void syncRecovered() const;
 
     const std::string path_;
     const std::function<void()> beforeChange_;

@@ -1,3 +1,5 @@
+#include <unordered_set>
+
 #include "service/Names.h"
 #include "service/Secrets.h"
 #include "service/ServiceError.h"
@@ -186,14 +188,17 @@ std::optional<ContentsInfo> SqliteMetadataStore::contents(std::string_view uploa
     return contentsNamed(*reader, uploadName);
 }
 
-bool SqliteMetadataStore::namesContents(std::string_view uploadName) {
+std::vector<std::string> SqliteMetadataStore::unnamedContents(std::vector<std::string> names) {
     Reader reader(*this);
-    return reader
-        ->query(
-            "SELECT 1 FROM contents NOT INDEXED WHERE upload_name = ?1"
-            " UNION ALL SELECT 1 FROM items NOT INDEXED WHERE upload_name = ?1",
-            uploadName)
-        .next();
+    std::erase_if(names, [&](const std::string& name) { return contentsNamed(*reader, name).has_value(); });
+    if (names.empty()) return names;
+    std::unordered_set<std::string> left(names.begin(), names.end());
+    auto rows = reader->query(
+        "SELECT upload_name FROM contents NOT INDEXED UNION ALL"
+        " SELECT upload_name FROM items NOT INDEXED WHERE upload_name IS NOT NULL");
+    while (rows.next())
+        left.erase(rows.text(0));
+    return {left.begin(), left.end()};
 }
 
 void SqliteMetadataStore::change(const std::string& shareId, const std::function<void(ShareChange&)>& work,

@@ -81,7 +81,7 @@ TEST_F(FaultTest, anImportHoldsTheStoreAgainstTheSweep) {
     auto hold = data_->contents().hold();
     data_->contents().create("Unew")->commit(ContentWriter::Durability::deferred);
     const auto slice = static_cast<unsigned>(std::stoul(digestOf("Unew").substr(0, 2), nullptr, 16));
-    const auto nobody = [](const std::string&) { return false; };
+    const auto nobody = [](std::vector<std::string> names) { return names; };
     EXPECT_EQ(data_->contents().sweep(std::chrono::seconds(0), slice, nobody), 0);
     hold.reset();
     EXPECT_EQ(data_->contents().sweep(std::chrono::seconds(0), slice, nobody), 1);

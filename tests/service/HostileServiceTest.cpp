@@ -71,14 +71,16 @@ class HostileServiceTest : public ChangeWorld {
         for (;;) {
             if (const auto reply = answerTo<TWFileJournalResponse>(eventReply(device, type, record)))
                 return *reply;
+            if (HasFailure()) return {};
             wire.renew();
         }
     }
     /// Until it is complete, from the announcement on where the transfer is void.
     void upload(Wire& wire, const Device& device, std::int32_t type, const TWVirtualFile& record,
                 const std::string& bytes, Random& random) {
-        for (;;) {
+        while (!HasFailure()) {
             const auto begin = ask(wire, device, type, record);
+            if (HasFailure()) return;
             ASSERT_TRUE(begin.TransmitToken) << begin.ResponseCode;
             for (std::size_t at = 0;;) {
                 const auto http =
@@ -86,7 +88,7 @@ class HostileServiceTest : public ChangeWorld {
                 const auto reply = answerTo<TWFileChunkUploadResponse>(http);
                 if (!reply) {
                     wire.renew();
-                    if (random() % 4 == 0) break;
+                    if (random() % 4 == 0 || HasFailure()) break;
                     continue;
                 }
                 if (reply->ResponseCode == 2) {
@@ -199,6 +201,7 @@ class HostileServiceTest : public ChangeWorld {
         for (bool last = false;;) {
             const auto more = readPage(device, take, tick, tree);
             if (!more) {
+                if (HasFailure()) return;
                 wire.renew();
             } else if (!*more) {
                 if (last || HasFailure()) return;
@@ -230,7 +233,7 @@ class HostileServiceTest : public ChangeWorld {
 TEST_F(HostileServiceTest, killsLoseNothingAndFollowersAgree) {
     const auto seed = testSeed();
     Random random(seed);
-    const auto seconds = std::chrono::seconds(testRounds("TARNWELL_HOSTILE_SECONDS", 8));
+    const auto seconds = std::chrono::seconds(testRounds("TARNWELL_HOSTILE_SECONDS", 6));
     serveOutside();
     std::vector<std::thread> workers;
     for (int i = 0; i < kWorkers; ++i)

@@ -276,7 +276,7 @@ class ShareModelTest : public ServiceWorld {
 TEST_F(ShareModelTest, noOrderOfEventsLosesWhatWasAcknowledged) {
     const TestDisk fast(TestDisk::Sync::skip);
     const auto first = testSeed();
-    const int runs = testRounds("TARNWELL_MODEL_RUNS", 12);
+    const int runs = testRounds("TARNWELL_MODEL_RUNS", 25);
     std::vector<AccessRight> rights;
     for (const char* name : {"one", "two", "three"}) {
         const auto device = metadata().addDevice(anna_.id, name, "");
