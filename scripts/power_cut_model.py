@@ -6,7 +6,7 @@ order, and fsync makes the log durable. Contents of a file are promised after it
 may be lost page by page."""
 import time
 
-PAGE = 4096
+PAGE, SECTOR = 4096, 512
 FOLDER = "folder"
 
 
@@ -41,6 +41,7 @@ class File:
         File.count += 1
         self.number = File.count
         self.versions = [Version(b"")]
+        self.unsure = False  # a call on it failed
 
     def __repr__(self):
         return f"file {self.number}"
@@ -77,18 +78,17 @@ class File:
         sizes = [len(v) for v in versions]
         if not min(sizes) <= len(shown) <= max(sizes):
             return f"{self}: {len(shown)} bytes, its versions have {sizes}"
-        for start in range(0, len(shown), PAGE):
-            page = shown[start:start + PAGE]
-            if not any(may_be_of(page, v[start:start + PAGE]) for v in versions):
-                return f"{self}: page {start // PAGE} is no version's: {page[:60]!r}; {[describe(v) for v in versions]}"
+        for start in range(0, len(shown), SECTOR):
+            sector = shown[start:start + SECTOR]
+            if not any(may_be_of(sector, v[start:start + SECTOR]) for v in versions):
+                return f"{self}: {sector[:60]!r} at {start} is no version's; {[describe(v) for v in versions]}"
         return None
 
 
-def may_be_of(page, written):
-    """Each sector is the version's, or was never written to the disk."""
-    written = written.ljust(PAGE, b"\0")[:len(page)].ljust(len(page), b"\0")
-    return all(page[at:at + 512] == written[at:at + 512] or not page[at:at + 512].strip(b"\0")
-               for at in range(0, len(page), 512))
+def may_be_of(sector, written):
+    """The version's, up to some byte: what comes after it was written later or never."""
+    kept = len(sector.rstrip(b"\0"))
+    return sector[:kept] == written[:kept]
 
 
 def describe(contents):
@@ -188,6 +188,34 @@ class Model:
             if fault := file.fault(shown[path], first, cut, False):
                 faults.append(f"{path}: {fault}")
         return faults
+
+    def settle(self, shown):
+        """A call failed: what it was to do may have happened or not. The drive says which."""
+        step = self.steps[-1]
+        if not step.done:
+            names = {path: kind is FOLDER for path, kind in shown.items()}
+            if {path: kind is FOLDER for path, kind in step.tree.items()} == names:
+                step.done = time.monotonic_ns()
+            else:
+                self.steps.pop()
+        for path, kind in self.tree.items():
+            # A write that failed may have changed a part; what follows builds on what is there.
+            if kind is not FOLDER and shown.get(path) is not None and shown[path] != kind.newest():
+                kind.unsure = True
+                kind.begin(shown[path])
+
+    def check_survived(self, shown):
+        """After failing calls: what succeeded is there, and nothing else."""
+        names = {path: kind is FOLDER for path, kind in shown.items()}
+        expected = {path: kind is FOLDER for path, kind in self.tree.items()}
+        if names != expected:
+            raise Fault(f"names: lacks {sorted(set(expected) - set(names))}, "
+                        f"shows too much {sorted(set(names) - set(expected))}")
+        for path, file in self.tree.items():
+            if file is FOLDER or shown[path] == file.newest():
+                continue
+            if not file.unsure or shown[path] not in [v.contents for v in file.versions]:
+                raise Fault(f"{path}: {describe(shown[path])} instead of {describe(file.newest())}")
 
     def check_service(self, shown, cut):
         """Every version that the service acknowledged and nobody replaced is on the service."""

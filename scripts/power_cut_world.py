@@ -111,6 +111,8 @@ def unmount(folder):
 class Client(Machine):
     """A machine of the user."""
 
+    disk = None  # below its data folder
+
     def configure(self, settings):
         self.home.mkdir(parents=True)
         for key, value in settings.items():
@@ -153,6 +155,8 @@ class Client(Machine):
 
     def remove(self):
         self.kill()
+        if self.disk:
+            self.disk.unmount()
         shutil.rmtree(self.home, ignore_errors=True)
 
     def log_text(self):
@@ -192,8 +196,8 @@ class World:
         self.client = Client(programs / "tarnwell", folder, "ann")
         self.client.configure(self.settings)
         self.client.tarnwell("login", "--user", USER, "--password-stdin", text=PASSWORD + "\n")
-        self.disk = Disk(programs / "forgetful-disk", self.client.home / "data", folder, hostile)
         shutil.rmtree(self.client.home / "data", ignore_errors=True)
+        self.disk = self.client.disk = Disk(programs / "forgetful-disk", self.client.home / "data", folder, hostile)
         self.disk.mount()
         self.others = 0
 
@@ -214,14 +218,14 @@ class World:
     def share(self):
         return self.client.drive / self.SHARE
 
-    def other_client(self, data=None):
-        """A client of its own; its data folder is `data`, or empty: then it is logged in here."""
+    def other_client(self, state=None):
+        """A client of its own; its disk holds `state`, as a cut wrote it. Without one it is logged in here."""
         self.others += 1
         other = Client(self.programs / "tarnwell", self.folder, f"other{self.others}")
         other.configure(self.settings)
-        if data:
-            shutil.rmtree(other.home / "data", ignore_errors=True)
-            shutil.copytree(data, other.home / "data", symlinks=True)
+        if state:
+            other.disk = Disk(self.programs / "forgetful-disk", other.home / "data", self.folder, self.hostile)
+            other.disk.mount(state)
         return other
 
     def exported(self):

@@ -1,5 +1,6 @@
 """The machine behind scripts/power-cuts."""
 import argparse
+import errno
 import os
 import pathlib
 import random
@@ -53,6 +54,51 @@ def difference(one, other):
     return "; ".join(f"{p}: {text(one, p)} / {text(other, p)}" for p in paths[:5])
 
 
+PAIR_OPERATIONS = {
+    "create": lambda work, at, synced: work.create(at + "/new", 5000, synced),
+    "overwrite": lambda work, at, synced: work.change(at + "/x", synced, "overwrite"),
+    "append": lambda work, at, synced: work.change(at + "/x", synced, "append"),
+    "truncate": lambda work, at, synced: work.change(at + "/x", synced, "truncate"),
+    "replace": lambda work, at, synced: work.rename(at + "/x", at + "/y"),
+    "rename": lambda work, at, synced: work.rename(at + "/x", at + "/z"),
+    "temporary": lambda work, at, synced: work.save_by_temporary(at + "/x", 6000, synced),
+    "backup": lambda work, at, synced: work.save_by_backup(at + "/x", 6000, synced),
+    "mkdir": lambda work, at, synced: work.mkdir(at + "/e"),
+    "move": lambda work, at, synced: work.rename(at + "/y", at + "/d/y"),
+    "unlink": lambda work, at, synced: work.remove(at + "/x"),
+    "rmdir": lambda work, at, synced: work.remove(at + "/d"),
+    "exchange": lambda work, at, synced: work.exchange(at + "/x", at + "/y"),
+    "attributes": lambda work, at, synced: work.set_attributes(at + "/x"),
+}
+
+
+def every_pair(options):
+    """Each two operations, synced or not, on files that are durable; a state before each sync and at the end. The
+    client is offline; the pairs of one first operation share a client."""
+    begun, states, faults = time.monotonic(), 0, []
+    for index, first in enumerate(list(PAIR_OPERATIONS)[:options.firsts]):
+        campaign = Campaign(options.bin, options.seed + index, options.hostile, False)
+        try:
+            campaign.begin()
+            campaign.world.line.set(False)
+            for second in PAIR_OPERATIONS:
+                for synced in (True, False):
+                    fault = campaign.pair(first, second, synced)
+                    if fault:
+                        faults.append((first, second, synced))
+                        say(f"FAULT {first}, {second}{', synced' if synced else ''}: {fault}")
+        except Failure:
+            traceback.print_exc()
+            faults.append((first,))
+        finally:
+            states += campaign.states
+            campaign.stop(options.keep and faults)
+    spent = time.monotonic() - begun
+    say(f"{states} states of {options.firsts} x {len(PAIR_OPERATIONS)} pairs, {len(faults)} faults, {spent:.0f} s, "
+        f"{spent / max(states, 1):.2f} s each")
+    return 1 if faults else 0
+
+
 class Campaign:
     """Lives of one client, each ended by a power cut, a kill or a quit, and continued from what that left."""
 
@@ -80,7 +126,7 @@ class Campaign:
         self.work.named = named
         self.work.sync_folder()
 
-    def wait_until_sent(self, seconds=60):
+    def wait_until_sent(self, seconds=200):  # an empty file waits for 150
         wait_until("the client is online", self.world.client.is_online, 30)
         wait_until("everything is sent", self.world.client.has_sent_all, seconds)
 
@@ -190,7 +236,7 @@ class Campaign:
             self.look_at(state, False)
         if ending == "cut":
             world.disk.unmount()
-            world.disk.mount(cuts / "end0/state")
+            world.disk.mount(cuts / "end0")
         else:
             world.disk.tell("keep", cuts / ending)
             self.look_at(cuts / ending, True)
@@ -200,7 +246,7 @@ class Campaign:
 
     def look_at(self, state, nothing_lost):
         """Another client starts over the state, offline."""
-        other = self.world.other_client(state / "state")
+        other = self.world.other_client(state)
         try:
             other.begin()
             self.check_offline(other, int((state / "time").read_text()), nothing_lost, f"state {state.name}")
@@ -227,7 +273,7 @@ class Campaign:
         self.world.service.kill()
         self.world.service.wait()
         disk.unmount()
-        disk.mount(state / "state")
+        disk.mount(state)
         self.world.serve()
 
     def remove_empty(self):
@@ -276,12 +322,99 @@ class Campaign:
         finally:
             other.remove()
 
+    def keep_state(self):
+        """What the client's disk holds at the fault, its logs included."""
+        try:
+            (self.folder / "status").write_text(repr(self.world.client.state()))
+            self.world.disk.tell("keep", self.folder / "at-fault")
+        except (Failure, OSError) as problem:
+            say(f"    the state cannot be kept: {problem}")
+
     def stop(self, keep):
         try:
             self.world.stop()
         finally:
             if not keep:
                 shutil.rmtree(self.folder, ignore_errors=True)
+
+
+    # Two operations
+
+    def pair(self, first, second, synced):
+        """The first fault of the states that two operations can leave; None: all are right."""
+        work, disk = self.work, self.world.disk
+        at = f"/{first}-{second}-{'synced' if synced else 'plain'}"
+        work.log.clear()
+        work.mkdir(at)
+        work.mkdir(at + "/d")
+        for name in ("/x", "/y"):
+            work.create(at + name, 5000, True)
+        work.sync_folder(at)
+        cuts = self.folder / "cuts"
+        shutil.rmtree(cuts, ignore_errors=True)
+        disk.tell("syncs", cuts, 1, self.numbers.randrange(10**6), 12)
+        fault = None
+        for place, name in enumerate((first, second)):
+            try:
+                PAIR_OPERATIONS[name](work, at, synced)
+                if synced:
+                    work.sync_folder(at)
+            except (KeyError, OSError):
+                work.model.settle(show(work.root))
+                break  # the first took away what the second needs
+            for number in range(2):
+                disk.tell("cut", self.numbers.randrange(10**6), cuts / f"{place}-{number}")
+        disk.tell("syncs", "off")
+        for state in sorted(p.parent for p in cuts.glob("*/time")):
+            try:
+                self.look_at(state, False)
+            except Fault as problem:
+                fault = fault or problem
+        return fault
+
+    # Failing calls
+
+    def live_with_failures(self):
+        """Calls fail while the user works; then the disk is whole again, and everything arrives."""
+        self.stopping, self.problem = False, None
+        disk, numbers = self.world.disk, self.numbers
+        for _ in range(numbers.randrange(1, 4)):
+            call = numbers.choice(["write", "fsync", "rename", "create", "setxattr", "fallocate", "full", "full"])
+            self.work.say(f"calls of {call} fail")
+            if call == "full":
+                disk.tell("full", numbers.choice([0, 4096, 20_000, 100_000]))
+            else:
+                disk.tell("fail", call, numbers.randrange(1, 12), numbers.choice([errno.EIO, errno.ENOSPC]),
+                          numbers.choice([1, 1, 3, 0]))
+        self.operate_over_failures(numbers.choice([5, 15, 40]))
+        disk.tell("fail", "off")
+        disk.tell("full", "off")
+        if numbers.random() < 0.3:
+            self.world.client.kill()
+            self.world.client.begin()
+        if self.problem:
+            raise self.problem
+        self.world.line.set(True)
+        for path, contents in show(self.world.share() / OWN).items():
+            if contents == b"" and self.model.tree.get(path, FOLDER) is not FOLDER:
+                self.work.remove(path)  # it would be sent when it is minutes old
+        self.wait_until_sent()
+        self.model.check_survived(show(self.world.share() / OWN))
+        self.check_online(time.monotonic_ns())
+
+    def operate_over_failures(self, count):
+        for _ in range(count):
+            try:
+                self.one_operation()
+            except OSError as error:
+                if error.errno in (errno.ENOTCONN, errno.ECONNABORTED):
+                    self.problem = Fault(f"the client ended: {self.world.client.log.read_text()[-1000:]}")
+                    return
+                self.work.say(f"  failed: {error}")
+                self.model.settle(show(self.world.share() / OWN))
+            except Fault as fault:
+                self.problem = fault
+                return
 
 
 def report(campaign, seed, life, fault, verbose):
@@ -291,15 +424,15 @@ def report(campaign, seed, life, fault, verbose):
             say("    " + line)
 
 
-def one_seed(options, seed, points):
+def one_seed(options, seed, points, end):
     """The number of points that were looked at, and whether all was right."""
     campaign = Campaign(options.bin, seed, options.hostile, options.service)
     life, right = 0, True
     try:
         campaign.begin()
-        while campaign.points + campaign.states < points and life < options.lives:
+        while campaign.points + campaign.states < points and life < options.lives and time.monotonic() < end:
             life += 1
-            ending = campaign.live()
+            ending = campaign.live_with_failures() if options.failures else campaign.live()
             if options.verbose:
                 say(f"seed {seed} life {life} ({ending}): {len(campaign.model.tree)} names")
     except (Fault, Failure, OSError, AssertionError, KeyboardInterrupt) as fault:
@@ -309,6 +442,8 @@ def one_seed(options, seed, points):
             raise
         if not isinstance(fault, Fault):
             traceback.print_exc()
+        if options.keep:
+            campaign.keep_state()
     finally:
         campaign.stop(options.keep and not right)
         if options.keep and not right:
@@ -320,10 +455,12 @@ def main():
     arguments = argparse.ArgumentParser(prog="scripts/power-cuts")
     arguments.add_argument("--seed", type=int, default=random.randrange(10**6))
     arguments.add_argument("--points", type=int, default=100, help="states to look at")
+    arguments.add_argument("--seconds", type=int, default=10**6, help="no new life after these")
     arguments.add_argument("--lives", type=int, default=12, help="lives of one client, then a new one")
     arguments.add_argument("--hostile", action="store_true", help="keep only what the standard promises")
     arguments.add_argument("--service", action="store_true", help="cut the service's disk as well")
     arguments.add_argument("--pairs", action="store_true", help="every two operations, cut at each sync")
+    arguments.add_argument("--firsts", type=int, default=len(PAIR_OPERATIONS), help="first operations of pairs")
     arguments.add_argument("--failures", action="store_true", help="calls fail instead of power")
     arguments.add_argument("--bin", type=pathlib.Path, default=ROOT / "build/release/bin")
     arguments.add_argument("--keep", action="store_true", help="keep the folder of a failed seed")
@@ -333,10 +470,15 @@ def main():
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
         signal.signal(number, terminated)
     say(f"seed {options.seed}")
+    if not os.access("/dev/fuse", os.R_OK | os.W_OK) or os.geteuid() != 0:
+        say("skipped: needs /dev/fuse and the right to unmount")
+        return 77
     begun, done, failed, seed = time.monotonic(), 0, [], options.seed
-    lives = 0
-    while done < options.points:
-        points, states, right = one_seed(options, seed, options.points - done)
+    lives, end = 0, begun + options.seconds
+    if options.pairs:
+        return every_pair(options)
+    while done < options.points and time.monotonic() < end:
+        points, states, right = one_seed(options, seed, options.points - done, end)
         done += max(points + states, 1)
         lives += points
         if not right:

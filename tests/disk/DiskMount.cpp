@@ -445,13 +445,13 @@ void DiskMount::run() {
 
 std::int64_t DiskMount::writeCut(std::uint64_t seed, const std::string& folder) {
     const auto time = noteTime(folder);
-    disk.writeCut(seed, folder + "/state");
+    disk.writeCut(seed, folder);
     return time;
 }
 
 std::int64_t DiskMount::writeNow(const std::string& folder) {
     const auto time = noteTime(folder);
-    disk.writeNow(folder + "/state");
+    disk.writeNow(folder);
     return time;
 }
 

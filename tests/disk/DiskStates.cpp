@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <system_error>
 
@@ -68,21 +69,36 @@ void writeAttributes(const ForgetfulDisk::Attributes& attributes, const std::str
 }  // namespace
 
 void ForgetfulDisk::takeOver(const std::string& folder) {
-    takeOverFolder(kRoot, folder);
+    std::map<std::string, Id> numbers;
+    std::ifstream list(folder + "/files");
+    std::string path;
+    for (Id id = 0; list >> id && std::getline(list.ignore(), path, '\0'); last_ = std::max(last_, id))
+        numbers[folder + "/state" + path] = id;
+    std::map<Id, Id> taken;
+    takeOverFolder(kRoot, folder + "/state", numbers, taken);
     commitFirst(journal_.size());
 }
 
-void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path) {
+void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path,
+                                   const std::map<std::string, Id>& numbers, std::map<Id, Id>& taken) {
     for (const auto& item : fs::directory_iterator(path)) {
         const std::string source = item.path().string();
+        const std::string name = item.path().filename().string();
         struct stat status {};
         if (::lstat(source.c_str(), &status) != 0) fail(source);
         if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) continue;
+        const auto number = numbers.find(source);
+        const Id wanted = number == numbers.end() ? 0 : number->second;
+        if (const auto other = taken.find(wanted); wanted != 0 && other != taken.end()) {
+            link(other->second, folder, name);
+            continue;
+        }
         int error = 0;
-        const Id id = create(folder, item.path().filename().string(), status.st_mode, error,
-                             S_ISLNK(status.st_mode) ? fs::read_symlink(item.path()).string() : "");
+        const Id id = create(folder, name, status.st_mode, error,
+                             S_ISLNK(status.st_mode) ? fs::read_symlink(item.path()).string() : "", wanted);
         if (id == 0) throw std::system_error(error, std::generic_category(), source);
-        if (S_ISDIR(status.st_mode)) takeOverFolder(id, source);
+        taken[id] = id;
+        if (S_ISDIR(status.st_mode)) takeOverFolder(id, source, numbers, taken);
         File& taken = files_.at(id);
         if (S_ISREG(status.st_mode)) {
             const OpenFile in(source, O_RDONLY);
@@ -100,15 +116,24 @@ void ForgetfulDisk::takeOverFolder(Id folder, const std::string& path) {
     }
 }
 
-void ForgetfulDisk::writeFolder(Id folder, const std::string& path, bool durable) const {
+void ForgetfulDisk::writeState(const std::string& folder, bool durable) const {
+    fs::create_directories(folder + "/state");
+    std::ofstream numbers(folder + "/files", std::ios::binary);
+    writeFolder(kRoot, folder + "/state", "", durable, numbers);
+    if (!numbers.flush()) fail(folder + "/files");
+}
+
+void ForgetfulDisk::writeFolder(Id folder, const std::string& top, const std::string& path, bool durable,
+                                std::ostream& numbers) const {
     const File& shown = files_.at(folder);
     for (const auto& [name, id] : durable ? shown.durableEntries : shown.entries) {
         const File& entry = files_.at(id);
         const Attributes& attributes = durable ? entry.durableAttributes : entry.attributes;
-        const std::string target = path + "/" + name;
+        const std::string target = top + path + "/" + name;
+        numbers << id << ' ' << path << '/' << name << '\0';
         if (S_ISDIR(attributes.mode)) {
             if (::mkdir(target.c_str(), 0700) != 0) fail(target);
-            writeFolder(id, target, durable);
+            writeFolder(id, top, path + "/" + name, durable, numbers);
         } else if (S_ISLNK(attributes.mode)) {
             fs::create_symlink(entry.target, target);
         } else if (S_ISREG(attributes.mode)) {
@@ -132,8 +157,7 @@ void ForgetfulDisk::writeFolder(Id folder, const std::string& path, bool durable
 }
 
 void ForgetfulDisk::writeNow(const std::string& folder) const {
-    fs::create_directories(folder);
-    writeFolder(kRoot, folder, false);
+    writeState(folder, false);
 }
 
 void ForgetfulDisk::writeCut(std::uint64_t seed, const std::string& folder) const {
@@ -157,8 +181,7 @@ void ForgetfulDisk::writeCut(std::uint64_t seed, const std::string& folder) cons
         mode_ == Mode::kOrdered ? noted_ - after.journal_.size() : std::numeric_limits<std::uint64_t>::max();
     for (auto& [id, file] : after.files_)
         file.contents.cut(random, anyContents ? pick() : contents, position);
-    fs::create_directories(folder);
-    after.writeFolder(kRoot, folder, true);
+    after.writeState(folder, true);
 }
 
 std::string ForgetfulDisk::pathOf(Id id) const {

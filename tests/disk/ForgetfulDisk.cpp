@@ -51,12 +51,13 @@ ForgetfulDisk::Id ForgetfulDisk::lookUp(Id folder, std::string_view name) {
 // Programs' calls
 
 ForgetfulDisk::Id ForgetfulDisk::create(Id folder, std::string_view name, mode_t mode, int& error,
-                                        std::string target) {
+                                        std::string target, Id number) {
     File* parent = file(folder);
     error = !parent || parent->isGone ? ENOENT : parent->entries.contains(std::string(name)) ? EEXIST : 0;
     if (error == 0 && !hasSpace(1)) error = ENOSPC;
     if (error != 0) return 0;
-    const Id id = ++last_;
+    const Id id = number != 0 ? number : last_ + 1;
+    last_ = std::max(last_, id);
     File made;
     made.attributes.mode = mode;
     made.attributes.modified = made.attributes.accessed = made.changed = now();

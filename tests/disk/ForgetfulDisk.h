@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <optional>
 #include <string>
@@ -63,8 +64,9 @@ class ForgetfulDisk {
     /// Null: there is none.
     [[nodiscard]] File* file(Id id);
     [[nodiscard]] Id lookUp(Id folder, std::string_view name);
-    /// The id, or 0 and `error`.
-    Id create(Id folder, std::string_view name, mode_t mode, int& error, std::string target = {});
+    /// The id, or 0 and `error`. `number`: the id to give, 0 for the next.
+    Id create(Id folder, std::string_view name, mode_t mode, int& error, std::string target = {},
+              Id number = 0);
     int link(Id id, Id folder, std::string_view name);
     int remove(Id folder, std::string_view name, bool isFolder);
     int rename(Id from, std::string_view name, Id to, std::string_view newName, unsigned flags);
@@ -84,10 +86,11 @@ class ForgetfulDisk {
     void limitFreeSpace(std::optional<std::int64_t> bytes);
     [[nodiscard]] Space space() const;
 
-    /// Takes a real folder's files over, as durable.
+    /// Takes the files of FOLDER/state over, as durable, with the numbers that FOLDER/files gives them.
     void takeOver(const std::string& folder);
-    /// Writes one state that a power cut at this moment may leave into a new real folder. The same seed and
-    /// history give the same state.
+    /// Writes one state that a power cut at this moment may leave into a new real folder: the files as
+    /// FOLDER/state, their numbers as FOLDER/files, by which a disk that takes them over knows second names
+    /// and keeps inode numbers. The same seed and history give the same state.
     void writeCut(std::uint64_t seed, const std::string& folder) const;
     /// Writes what programs see now: nothing is lost when they are killed.
     void writeNow(const std::string& folder) const;
@@ -125,8 +128,11 @@ class ForgetfulDisk {
     void checkGone(Id id);
     /// Forgets files that neither programs nor the disk can name any more.
     void sweep();
-    void takeOverFolder(Id folder, const std::string& path);
-    void writeFolder(Id folder, const std::string& path, bool durable) const;
+    void takeOverFolder(Id folder, const std::string& path, const std::map<std::string, Id>& numbers,
+                        std::map<Id, Id>& taken);
+    void writeState(const std::string& folder, bool durable) const;
+    void writeFolder(Id folder, const std::string& top, const std::string& path, bool durable,
+                     std::ostream& numbers) const;
 
     Mode mode_;
     std::map<Id, File> files_;

@@ -1,9 +1,11 @@
 // forgetful-disk MOUNTPOINT SOCKET [--from FOLDER] [--hostile]
 //
-// Mounts a disk that can lose what was not synced. FOLDER is what it holds at the beginning, as durable.
-// SOCKET takes lines and answers each with one line, "ok ..." or "error ...":
+// Mounts a disk that can lose what was not synced. FOLDER, as a cut writes it, is what the disk holds at the
+// beginning, as durable. SOCKET takes lines and answers each with one line, "ok ..." or "error ...":
 //
-//   cut SEED FOLDER              writes FOLDER/state, one that a power cut may leave now, and FOLDER/time
+//   cut SEED FOLDER              writes one state that a power cut may leave now: FOLDER/state, FOLDER/files
+//   with
+//                                the numbers of the files, and the moment as FOLDER/time
 //   keep FOLDER                  the same with nothing lost
 //   syncs FOLDER EVERY SEED MOST writes FOLDER/0, FOLDER/1 ... so, before each EVERYth sync from now
 //   syncs off                    answers how many were written
