@@ -57,6 +57,8 @@ class Model {
         if (error == 0) return true;
         if (std::find(allowed.begin(), allowed.end(), error) == allowed.end()) {
             const std::lock_guard lock(mutex_);
+            // By path the kernel looks a second time; who is replaced twice meanwhile hears of it.
+            if (error == ESTALE && ++stale_ <= 10) return false;
             fault(std::string(call) + " " + name + ": " + strerror(error));
         }
         return false;
@@ -74,7 +76,7 @@ class Model {
     std::atomic<int> calls_{0};
     std::mutex mutex_;
     std::map<std::string, std::size_t> versions_;
-    int faults_ = 0;
+    int faults_ = 0, stale_ = 0;
     std::string text_;
 };
 
@@ -336,6 +338,7 @@ TEST_F(HostileProgramsE2eTest, onTwoMachinesEndWithEveryLastVersion) {
     }
     for (const auto& program : programs) {
         for (const auto& [name, versions] : program.last()) {
+            if (versions.empty()) continue;  // looked for, never closed
             EXPECT_TRUE(std::any_of(versions.begin(), versions.end(),
                                     [&](const auto& v) { return found.contains(v); }))
                 << name << ": version " << *versions.begin() << " is nowhere";
