@@ -227,7 +227,8 @@ EventResult applyFile(ShareChange& change, const Author& author, const FilePlan&
         item->User = author.email;
         if (sent.Attributes) item->Attributes = sent.Attributes;
         if (sent.POSIXPermissions) item->POSIXPermissions = sent.POSIXPermissions;
-        updateItem(change, *item, version, author.device);
+        // Sent under the original's identity: the device may know the copy as well, by its former version.
+        updateItem(change, *item, version, plan.winner ? std::string() : author.device);
         return {plan.code, item};
     }
     reviveFolder(change, plan.parent, author.device);
@@ -299,9 +300,10 @@ EventResult removeAsAsked(ShareChange& change, const Author& author, const TWVir
             const bool named = !record.UploadName.empty() && record.UploadName == one.UploadName;
             return one.IsFile && !named && isOutdated(change, author, one, record);
         }
-        // A device deletes what it sees in a folder before the folder. Of what others changed since the tick
-        // that it claims for the folder, it need not have heard.
-        if (!ownPlace && one.Tick > record.Tick) return true;
+        // A device deletes what it sees in a folder before the folder. Of what changed since the tick that it
+        // claims for the folder it need not have heard, also where it sent that itself: it may have shown the
+        // item elsewhere meanwhile.
+        if (one.Tick > record.Tick) return true;
         return one.IsFile && record.Tick < authorship.foreignContents(author.device, one.UpdateTick);
     };
     removeItem(change, *item, spares);

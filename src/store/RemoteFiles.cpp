@@ -220,7 +220,12 @@ void RemoteChanges::FilesMerge::update(const TWVirtualFilePtr& incoming, const T
     incoming->Synchronize = stored->Synchronize;
     incoming->DownloadDate = stored->DownloadDate;
     if (store_.journal().hasPendingPlace(stored->InternalName.view())) {
-        // Where the user has put it counts, until the service has heard of that.
+        // Where the user has put it counts, until the service has heard of that. What it makes of it may be
+        // the place of this page, without a new tick: that is asked for again then, and accepted.
+        if (incoming->PublicName != stored->PublicName || incoming->ParrentId != stored->ParrentId) {
+            store_.journal().putOff(stored->InternalName.view(), incoming->Tick);
+            incoming->UploadUrl.reset();
+        }
         incoming->PublicName = stored->PublicName;
         incoming->ParrentId = stored->ParrentId;
     }

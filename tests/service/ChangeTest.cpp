@@ -112,6 +112,26 @@ TEST_F(ChangeTest, bothOfTwoDevicesWhoEditTheSameKeepTheirBytes) {
     EXPECT_EQ(send(two_, kJournalDelete, *known(file.InternalName.view()), ""), "1");
 }
 
+TEST_F(ChangeTest, aConflictCopyThatItsDeviceEditsUnderTwoIdentitiesKeepsBoth) {
+    auto file = one_.file("plan", "base");
+    ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
+    const auto seen = *known(file.InternalName.view());
+    ASSERT_EQ(send(two_, kJournalUpdate, Device::edited(seen, "two's"), "two's"), "1:2");
+    auto mine = Device::edited(file, "one's");
+    const auto reply = event(one_, kJournalUpdate, mine);
+    ASSERT_EQ(chunk(*reply.TransmitToken, 0, "one's"), 2);
+    const auto copy = *known(reply.TwVirtualFile->InternalName.view());
+
+    // It goes on under the original's identity, and, having heard of the copy, under the copy's.
+    mine.LastUploadName = mine.UploadName;
+    EXPECT_EQ(send(one_, kJournalUpdate, Device::edited(mine, "second"), "second"), "3:2");
+    auto heard = Device::edited(copy, "third");
+    heard.LastUploadName = copy.UploadName;
+    EXPECT_EQ(send(one_, kJournalUpdate, heard, "third"), "3:2");
+    EXPECT_NE(tree().find("=second"), std::string::npos) << tree();
+    EXPECT_NE(tree().find("=third"), std::string::npos) << tree();
+}
+
 TEST_F(ChangeTest, anEditOfABygoneRecordKeepsTheRenameOfAnother) {
     auto file = one_.file("old name", "base");
     ASSERT_EQ(send(one_, kJournalCreate, file, "base"), "1:2");
@@ -172,7 +192,7 @@ TEST_F(ChangeTest, aDeletedFolderSparesWhatOthersPutThere) {
     }
     const auto tick = known(inner.InternalName.view())->Tick;
     EXPECT_EQ(send(one_, kJournalDelete, seen, ""), "9") << "as `one` sees it, the folder is empty";
-    EXPECT_EQ(tree(), "folder/\nfolder/inner/\nfolder/old=old");
+    EXPECT_EQ(tree(), "folder/\nfolder/inner/\nfolder/old=old\nfolder/own=own");
     for (const auto& spared : {folder, old, inner})
         EXPECT_GT(known(spared.InternalName.view())->Tick, tick) << "`one` has taken it away already";
     EXPECT_EQ(send(one_, kJournalDelete, *known(folder.InternalName.view()), ""), "1");
