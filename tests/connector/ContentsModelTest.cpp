@@ -16,6 +16,7 @@
 #include "store/LocalChangeJournal.h"
 #include "store/RemoteChanges.h"
 #include "store/StorePersistence.h"
+#include "support/Seed.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -318,19 +319,19 @@ class ContentsModel {
 };
 
 TEST(ContentsModelTest, nobodyGetsOtherBytesAndNothingUnsentIsLost) {
-    const char* given = std::getenv("TARNWELL_TEST_ROUNDS");
-    const char* seedGiven = std::getenv("TARNWELL_TEST_SEED");
-    const int rounds = given ? std::atoi(given) : 10;
-    for (int round = 0; round < rounds; ++round) {
-        const auto seed = seedGiven ? static_cast<unsigned>(std::atoi(seedGiven)) : std::random_device{}();
+    const unsigned first = testing::seed();
+    const int count = testing::rounds(10);
+    for (int round = 0; round < count; ++round) {
+        const unsigned seed = first + static_cast<unsigned>(round);
+        SCOPED_TRACE(testing::replayWith(seed));
         ContentsModel model(seed);
         for (int step = 0; step < 80; ++step) {
             model.step();
             const auto problem = model.problem();
-            ASSERT_EQ(problem, "") << "seed " << seed << ": " << model.steps();
+            ASSERT_EQ(problem, "") << model.steps();
         }
         const auto problem = model.settle();
-        ASSERT_EQ(problem, "") << "seed " << seed << ": " << model.steps();
+        ASSERT_EQ(problem, "") << model.steps();
     }
 }
 

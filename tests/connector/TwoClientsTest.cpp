@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <random>
 
 #include "connector/SharedWorld.h"
 #include "store/StorePersistence.h"
 #include "support/LogCapture.h"
+#include "support/Seed.h"
 #include "util/TWLogger.h"
 
 namespace tarnwell::testing {
@@ -248,16 +249,12 @@ class TwoClients {
     int count_ = 0;
 };
 
-/// TARNWELL_TEST_SEED: that one only. TARNWELL_TEST_ROUNDS: how many.
 TEST(TwoClientsTest, everyClosedVersionIsThereOrWasSeenByWhoeverTookIt) {
-    const char* given = std::getenv("TARNWELL_TEST_SEED");
-    const char* rounds = std::getenv("TARNWELL_TEST_ROUNDS");
-    const std::uint32_t first =
-        given ? static_cast<std::uint32_t>(std::atoll(given)) : std::random_device{}();
-    const int count = given ? 1 : rounds ? std::atoi(rounds) : 20;
+    const unsigned first = testing::seed();
+    const int count = testing::rounds(40);
     for (int round = 0; round < count && !::testing::Test::HasFailure(); ++round) {
-        const std::uint32_t seed = first + static_cast<std::uint32_t>(round);
-        SCOPED_TRACE("seed " + std::to_string(seed));
+        const unsigned seed = first + static_cast<unsigned>(round);
+        SCOPED_TRACE(testing::replayWith(seed));
         const LogCapture log;
         TwoClients world(seed);
         for (int step = 0; step < 250; ++step)

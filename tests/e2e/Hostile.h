@@ -15,6 +15,7 @@
 #include <string>
 
 #include "e2e/World.h"
+#include "support/Seed.h"
 
 namespace tarnwell::testing {
 
@@ -41,12 +42,6 @@ inline int writeFile(const std::string& path, const std::string& bytes, int flag
 /// The whole file, or "errno N".
 inline std::string readFile(const std::string& path) {
     return readRange(path, 0, 16 << 20);
-}
-
-/// The seed of a random test: TARNWELL_SEED, else a new one. Print it with SCOPED_TRACE.
-inline unsigned testSeed() {
-    const char* given = std::getenv("TARNWELL_SEED");
-    return given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
 }
 
 /// Programs at their worst on the real drive: a world that is started, and what the service holds in the end.

@@ -63,10 +63,7 @@ class Model {
         }
         return false;
     }
-    ~Model() {
-        EXPECT_EQ(faults_, 0) << "of " << calls_ << " calls, seed " << seed_ << " (TARNWELL_SEED):\n"
-                              << text_;
-    }
+    ~Model() { EXPECT_EQ(faults_, 0) << "of " << calls_ << " calls, seed " << seed_ << ":\n" << text_; }
 
   private:
     void fault(const std::string& text) {
@@ -296,8 +293,8 @@ class Program {
 struct HostileProgramsE2eTest : HostileTest {};
 
 TEST_F(HostileProgramsE2eTest, onTwoMachinesEndWithEveryLastVersion) {
-    const unsigned seed = testSeed();
-    SCOPED_TRACE("TARNWELL_SEED=" + std::to_string(seed));
+    const unsigned seed = testing::seed();
+    SCOPED_TRACE(testing::replayWith(seed));
     begin();
     auto& other = world->otherClient();
     start(other);

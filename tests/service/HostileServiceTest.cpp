@@ -7,9 +7,9 @@
 
 #include "service/ChangeWorld.h"
 #include "service/Names.h"
-#include "service/Seed.h"
 #include "service/ServingProcess.h"
 #include "store/Enums.h"
+#include "support/Seed.h"
 #include "util/Hash.h"
 #include "util/RecordMapping.h"
 
@@ -231,9 +231,10 @@ class HostileServiceTest : public ChangeWorld {
 };
 
 TEST_F(HostileServiceTest, killsLoseNothingAndFollowersAgree) {
-    const auto seed = testSeed();
+    const auto seed = tarnwell::testing::seed();
+    SCOPED_TRACE(tarnwell::testing::replayWith(seed));
     Random random(seed);
-    const auto seconds = std::chrono::seconds(testRounds("TARNWELL_HOSTILE_SECONDS", 6));
+    const std::chrono::seconds seconds(tarnwell::testing::rounds(6));
     serveOutside();
     std::vector<std::thread> workers;
     for (int i = 0; i < kWorkers; ++i)

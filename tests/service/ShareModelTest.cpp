@@ -5,13 +5,13 @@
 #include <set>
 
 #include "service/Names.h"
-#include "service/Seed.h"
 #include "service/ServiceWorld.h"
 #include "service/ShareEvents.h"
 #include "service/ShareTree.h"
 #include "service/TestDisk.h"
 #include "service/Transfers.h"
 #include "store/Enums.h"
+#include "support/Seed.h"
 #include "util/Hash.h"
 
 namespace tarnwell::service::testing {
@@ -275,8 +275,8 @@ class ShareModelTest : public ServiceWorld {
 
 TEST_F(ShareModelTest, noOrderOfEventsLosesWhatWasAcknowledged) {
     const TestDisk fast(TestDisk::Sync::skip);
-    const auto first = testSeed();
-    const int runs = testRounds("TARNWELL_MODEL_RUNS", 25);
+    const auto first = tarnwell::testing::seed();
+    const int runs = tarnwell::testing::rounds(15);
     std::vector<AccessRight> rights;
     for (const char* name : {"one", "two", "three"}) {
         const auto device = metadata().addDevice(anna_.id, name, "");
@@ -284,8 +284,8 @@ TEST_F(ShareModelTest, noOrderOfEventsLosesWhatWasAcknowledged) {
         rights.push_back(*metadata().rightOfDevice(device.id, docs_.id));
     }
     for (int run = 0; run < runs && !HasFailure(); ++run) {
-        const auto seed = first + static_cast<std::uint64_t>(run);
-        SCOPED_TRACE("TARNWELL_SEED=" + std::to_string(seed));
+        const auto seed = first + static_cast<unsigned>(run);
+        SCOPED_TRACE(tarnwell::testing::replayWith(seed));
         docs_ = metadata().addShare("Run " + std::to_string(run), alpha_.id);
         metadata().grant(docs_.id, anna_.id, false);
         Random random(seed);

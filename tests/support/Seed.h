@@ -18,5 +18,11 @@ inline unsigned seed() {
 inline std::string replayWith(unsigned seed) {
     return "TARNWELL_TEST_SEED=" + std::to_string(seed);
 }
+/// How often a random test runs, with the seeds from seed() on: TARNWELL_TEST_ROUNDS, or once when a seed is
+/// given, or `usual`.
+inline int rounds(int usual) {
+    if (const char* const given = std::getenv("TARNWELL_TEST_ROUNDS")) return std::atoi(given);
+    return std::getenv("TARNWELL_TEST_SEED") ? 1 : usual;
+}
 
 }  // namespace tarnwell::testing
