@@ -114,6 +114,11 @@ bool ChangeRecorder::exchangeFiles(const std::vector<std::pair<std::string, std:
     }
     if (intents.empty()) return true;
     if (append(intents) != 0) return false;
+    // A cut of the power must not leave the files exchanged and the intent unknown.
+    if (const int error = log_.sync()) {
+        TWLog(kLogMain, "Error! Cannot sync the change log : error %@", std::strerror(error));
+        return false;
+    }
     busy_ = true;
     for (std::size_t done = 0; done < pairs.size(); ++done) {
         if (exchange(pairs[done].first, pairs[done].second)) continue;
