@@ -112,9 +112,8 @@ ErrnoOr<Done> TWFuseFileSystem::syncFileAtPath(const std::string& path, TWFuseFi
 }
 
 ErrnoOr<Done> TWFuseFileSystem::syncChangeLog() {
-    if (store_.persistence().syncChanges()) return Done{};
-    const int reason = store_.admitChange();
-    return Errno{reason != 0 ? reason : EIO};
+    if (const int error = store_.persistence().flushChanges()) return Errno{error};
+    return Done{};
 }
 
 ErrnoOr<Done> TWFuseFileSystem::syncDirectoryAtPath(const std::string& path) {

@@ -8,6 +8,7 @@
 #include "app/FakeClient.h"
 #include "connector/ConnectorSession.h"
 #include "connector/LoginRecords.h"
+#include "store/ContentVersion.h"
 #include "store/LocalChangeJournal.h"
 
 namespace tarnwell {
@@ -193,6 +194,7 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
     const std::filesystem::path cached = client.layout.cachePathForFile(*big);
     std::filesystem::create_directories(cached.parent_path());
     std::ofstream(cached) << "0123456789";
+    ASSERT_EQ(ContentVersion::clean(big->LastUploadName.view()).set(cached), 0);
     client.delegate->fileBrowser().refreshFinderFolders({"plans", "gone", "s"});
     client.loop.runPending();
     EXPECT_GE(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "the marker came";
