@@ -177,8 +177,8 @@ void Transmissions::retransmitRequest(const LocalJournalPtr& entry) {
         const auto lock = store.beginReadStorage();
         const auto id = entry->File->InternalName.view();
         // What the user deleted himself goes; an entry that left the queue was replaced or deleted by him.
-        const bool doomed = journal_.isQueued(*entry) && !wanted(*entry) &&
-                            !journal_.hasPending(id, kJournalDelete);
+        const bool doomed =
+            journal_.isQueued(*entry) && !wanted(*entry) && !journal_.hasPending(id, kJournalDelete);
         if (doomed && bringsContents(*entry)) unwanted = *entry->File;
     }
     // Before the entry goes, and without the lock: it waits for the disk.
