@@ -113,7 +113,7 @@ void Transmissions::deleteFailedRequest(const LocalJournalPtr& entry, const TWVi
         if (bringsContents(*entry) && journal_.isQueued(*entry)) file = *entry->File;
     }
     // Before the entry goes, and without the lock: it waits for the disk.
-    if (!keepContents(file)) return retransmitRequest(entry);
+    if (!keepContents(file, "the service refused this version")) return retransmitRequest(entry);
     {
         const auto change = store.beginLocalChange();
         if (!leave(entry)) return;
@@ -130,10 +130,10 @@ void Transmissions::deleteFailedRequest(const LocalJournalPtr& entry, const TWVi
 }
 
 /// False when the upload copy of `file` is the only one and cannot be put aside.
-bool Transmissions::keepContents(const TWVirtualFile& file) {
+bool Transmissions::keepContents(const TWVirtualFile& file, std::string_view reason) {
     if (file.UploadName.empty()) return true;
     const int error = environment_.store.keptFiles().keepBeforeRemoval(
-        file, environment_.store.layout().cachePathForUpload(file), "the service refused this version");
+        file, environment_.store.layout().cachePathForUpload(file), reason);
     if (error == 0 || error == ENOENT) return true;
     TWLog(kLogMain, "Warning! Unsent contents of %@ cannot be kept. Error %d", file.FullPath, error);
     return false;
@@ -172,6 +172,17 @@ void Transmissions::retransmitRequest(const LocalJournalPtr& entry) {
     auto& store = environment_.store;
     if (store.terminating()) return;
     const ShutdownBlock block(store);
+    TWVirtualFile unwanted;
+    {
+        const auto lock = store.beginReadStorage();
+        const auto id = entry->File->InternalName.view();
+        // What the user deleted himself goes; an entry that left the queue was replaced or deleted by him.
+        const bool doomed =
+            journal_.isQueued(*entry) && !wanted(*entry) && !journal_.hasPending(id, kJournalDelete);
+        if (doomed && bringsContents(*entry)) unwanted = *entry->File;
+    }
+    // Before the entry goes, and without the lock: it waits for the disk.
+    const bool kept = keepContents(unwanted, kShareGone);
     TWVirtualFile dropped;
     {
         const auto change = store.beginLocalChange();
@@ -181,7 +192,8 @@ void Transmissions::retransmitRequest(const LocalJournalPtr& entry) {
         entry->JournalCreate = environment_.clock.now() + kRetransmitDelay;
         if (!again) {
             journal_.deleteJournalEntry(entry);
-            if (bringsContents(*entry)) dropped = *entry->File;
+            // A copy that cannot be put aside stays where it is.
+            if (kept && bringsContents(*entry)) dropped = *entry->File;
         } else if (bringsContents(*entry)) {
             TWLog(kLogMain, "Putting journal entry for file create/update %@ to the end of the queue.",
                   entry->File->InternalName);

@@ -10,6 +10,7 @@
 #include "platform/PrivateFile.h"
 #include "store/ContentVersion.h"
 #include "store/FileCopy.h"
+#include "store/RemoteChanges.h"
 #include "store/TWMetadataStorage.h"
 #include "util/PropertyList.h"
 #include "util/RecordMapping.h"
@@ -306,7 +307,10 @@ void LocalChangeJournal::recover(const std::vector<TWVirtualFilePtr>& changed) {
               file->FullPath);
         file->LocallyUpdated.reset();
         file->DownloadDate.reset();
+        // The next catch-up replaces the record.
+        file->UploadUrl.reset();
         store_.markChanged(*file);
+        store_.remoteChanges().askAgain(file->ShareId.view(), file->Tick - 1);
     }
     for (const auto& entry : queue_.items())
         recoverUpload(entry);
