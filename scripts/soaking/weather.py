@@ -161,11 +161,16 @@ class Weather:
         """Versions in files that take no part in synchronisation: a log-out clears them."""
         found = []
         try:
-            for path in user.tree()[0]:
-                if local_only(path.rsplit("/", 1)[1]):
-                    found.append(user.look(path))
-        except (OSError, ValueError):
-            pass
+            files = user.tree()[0]
+        except OSError:
+            return found
+        for path in files:
+            if not local_only(path.rsplit("/", 1)[1]):
+                continue
+            try:
+                found.append(user.look(path))
+            except (OSError, ValueError):
+                pass
         return found
 
     def right(self, what, *arguments):

@@ -194,7 +194,7 @@ TEST_F(FileBrowserTest, whatChangedElsewhereIsShownAnew) {
     const std::filesystem::path cached = client.layout.cachePathForFile(*big);
     std::filesystem::create_directories(cached.parent_path());
     std::ofstream(cached) << "0123456789";
-    ASSERT_EQ(ContentVersion::clean(big->LastUploadName.view()).set(cached), 0);
+    ASSERT_EQ(ContentVersion::clean(big->UploadName.view()).set(cached), 0);
     client.delegate->fileBrowser().refreshFinderFolders({"plans", "gone", "s"});
     client.loop.runPending();
     EXPECT_GE(std::filesystem::last_write_time(at("/Papers/Plans")), written) << "the marker came";
