@@ -1,10 +1,14 @@
 #include "connector/Transmissions.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
 
+#include "connector/FileDescriptor.h"
 #include "connector/StoreQueries.h"
 #include "platform/Clock.h"
 #include "store/LocalChangeJournal.h"
@@ -76,6 +80,7 @@ void Transmissions::deleteSucceededRequest(const LocalJournalPtr& entry) {
     auto& store = environment_.store;
     if (store.terminating()) return;
     const ShutdownBlock block(store);
+    syncContents(*entry);
     TWVirtualFile sent;
     {
         const auto change = store.beginLocalChange();
@@ -101,6 +106,22 @@ void Transmissions::deleteSucceededRequest(const LocalJournalPtr& entry) {
     journal_.removeUploadFileData(sent);
     store.saveDelayed();
     passWanted_();
+}
+
+/// Without its entry the cached bytes count as what the service has, also after a loss of power: they have to
+/// be on the disk before. Waits for the disk, without the lock.
+void Transmissions::syncContents(const LocalJournal& entry) const {
+    std::string path;
+    {
+        const auto lock = environment_.store.beginReadStorage();
+        if (!bringsContents(entry) || entry.File->size() == 0) return;
+        const auto live = environment_.store.fileWithId(entry.File->InternalName.view());
+        if (!live || live->UploadName != entry.File->UploadName) return;
+        path = environment_.store.layout().cachePathForFile(*live);
+    }
+    const FileDescriptor cached(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (cached && ::fdatasync(cached.get()) != 0)
+        TWLog(kLogMain, "Warning! Cannot sync the contents of %@ : error %d", path, errno);
 }
 
 void Transmissions::deleteFailedRequest(const LocalJournalPtr& entry, const TWVirtualFilePtr& theirs) {

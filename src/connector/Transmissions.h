@@ -75,6 +75,7 @@ class Transmissions {
 
     bool leave(const LocalJournalPtr& entry);
     [[nodiscard]] bool keepContents(const TWVirtualFile& file, std::string_view reason);
+    void syncContents(const LocalJournal& entry) const;
     void resetRecord(const LocalJournal& entry);
     void showCounter(const std::string& shareId) const;
     void faulted(const LocalJournalPtr& entry, std::string_view reason);

@@ -251,7 +251,7 @@ class TwoClients {
 
 TEST(TwoClientsTest, everyClosedVersionIsThereOrWasSeenByWhoeverTookIt) {
     const unsigned first = testing::seed();
-    const int count = testing::rounds(40);
+    const int count = testing::rounds(12);
     for (int round = 0; round < count && !::testing::Test::HasFailure(); ++round) {
         const unsigned seed = first + static_cast<unsigned>(round);
         SCOPED_TRACE(testing::replayWith(seed));
